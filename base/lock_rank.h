@@ -1,0 +1,28 @@
+// The one lock order of the library, outermost first. A thread may take a lock only while every lock it holds has a
+// smaller rank; debug builds enforce it. Locks of equal rank are never held together.
+#pragma once
+
+namespace zel {
+
+enum class LockRank {
+    taskSpawn = 10,   // task_spawn_lock
+    objectList = 20,  // sema4_list_lock, mqueue_list_lock, wdog_list_lock, timer_list_lock
+    object = 30,      // a semaphore's, queue's, watchdog's, timer's own lock
+    drain = 40,       // flush and deletion hand-shakes of an object
+    broadcast = 50,   // dbcst_lock of a task
+    taskDelete = 60,  // tdelete_lock of a task
+    taskList = 70,    // task_list_lock: every control-block field, every wait-list link
+    module = 75,      // private state of a module that calls nothing under it
+    allocation = 80,  // malloc_lock, free_lock
+};
+
+// Debug builds keep the ranks a thread holds; release builds compile these to nothing.
+#ifndef NDEBUG
+void noteLockTaken(LockRank rank, const char *name);
+void noteLockReleased(LockRank rank);
+#else
+inline void noteLockTaken(LockRank, const char *) {}
+inline void noteLockReleased(LockRank) {}
+#endif
+
+}  // namespace zel

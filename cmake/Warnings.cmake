@@ -1,0 +1,1 @@
+set(ZEL_WARNINGS -Wall -Wextra -Wconversion -Wshadow -Werror)

@@ -1,0 +1,263 @@
+/*
+ * The kernel interface: start-up, printing, assertions and logging; tasks; semaphores; message queues and byte rings;
+ * ticks, watchdogs and interval timers. Each task is one POSIX thread with a control block.
+ *
+ * Any thread may call everything here unless a function says otherwise; a thread that is no task may use every wait.
+ * Calls that may block are cancellation points on entry, also when they do not wait.
+ */
+#ifndef ZEL_KERNEL_H
+#define ZEL_KERNEL_H
+
+#include <pthread.h>
+#include <sched.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include "zel/types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/* ==== Start-up ==================================================================================================== */
+
+int vx2bsdLibInit(void);
+int init_system(void);
+int vx2bsd_start(uint32_t startExcTask, uint32_t startTimerTask, uint32_t excPriority, uint32_t timerPriority);
+int kernelTimeSlice(int32_t ticks);
+void enableRoundRobin(void);
+void disableRoundRobin(void);
+uint8_t roundRobinIsEnabled(void);
+extern uint8_t round_robin_enabled;
+
+/* ==== Printing ==================================================================================================== */
+
+#define ZEL_TRACE_MODULES 142
+#define ZEL_TRACE_BUFFERS 3
+#define ZEL_TRACE_BUFFER_BYTES 624012
+
+extern uint32_t *moduleTraceFlags;
+extern uint8_t g_EnableLocalPrinting;
+extern uint32_t zelHwTraceFlag;
+extern char lastMsg[ZEL_TRACE_BUFFERS][200];
+extern uint32_t lastMsgCount[ZEL_TRACE_BUFFERS];
+extern uint8_t **pTraceHistory;
+
+int zelTraceInit(void);
+int zelMsgPrintf(uint32_t level, uint32_t moduleId, const char *format, va_list args);
+int zelTracePrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+int zelErrorPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+int zelWarningPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+int zelNvramPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void zelHwTracePrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void zelAllTracePrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void zelHwErrorPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void zelAllErrorPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void zelHwWarningPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void zelAllWarningPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void zelHwEventPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void zelAllEventPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+int zelTracePrintStr(uint32_t moduleId, const char *text);
+int zelTracePrintOn(void);
+int zelTracePrintOff(void);
+void zelSetModuleTraceFlag(uint32_t moduleId, uint32_t flags);
+uint32_t wrap_modtraceflags(uint32_t moduleId);
+uint32_t zelTraceGetModuleIdFromName(const char *name);
+void ZELTracePrintHWEnabled(void);
+int WriteStringToHistory(const char *text, uint32_t moduleId, uint32_t level, uint32_t repeatCount);
+int getBufferIndex(uint32_t level);
+int printErr(const char *format, ...) __attribute__((format(printf, 1, 2)));
+
+/* ==== Assertions and the error number ============================================================================= */
+
+void _zelAssert(const char *expression, const char *file, int line);
+/* Reports a false `expression` and goes on. `file` is the source's name without path and extension. */
+#define zelAssert(expression, file) ((expression) ? (void)0 : _zelAssert(#expression, (file), __LINE__))
+int errnoGet(void);
+int errnoSet(int value);
+
+/* ==== Message logging ============================================================================================= */
+
+#define ZEL_LOG_RECORD_RESULT 108
+#define ZEL_LOG_MAX_FDS 5
+
+extern zelTaskId logTaskId;
+extern zelMsgQId logMsgQId;
+extern int logFdFromRlogin;
+extern uint32_t logMsgsLost;
+
+int logInit(int fd, int maxMsgs);
+int logFdAdd(int fd);
+int logFdDelete(int fd);
+int logFdSet(int fd);
+int logMsg(const char *format, intptr_t a1, intptr_t a2, intptr_t a3, intptr_t a4, intptr_t a5, intptr_t a6);
+int zelLogMsg(const char *moduleName, uint32_t severity, const char *mnemonic, const char *format, intptr_t a1,
+              intptr_t a2, intptr_t a3, intptr_t a4, intptr_t a5, intptr_t a6);
+
+/* ==== Tasks ======================================================================================================= */
+
+/* State bits of a task; it is ready when (state & 0x8F) is 0. */
+#define ZEL_TASK_PENDING 0x01u
+#define ZEL_TASK_DELAYED 0x02u
+#define ZEL_TASK_SUSPENDED 0x04u
+#define ZEL_TASK_NOT_ACTIVATED 0x80u
+
+/* Task control block. Callers of taskInit supply the memory and never touch the fields. */
+typedef struct zelTcb {
+    zelTaskId id;
+    char *name;
+    pthread_t pthrid;
+    pthread_attr_t attr;
+    struct sched_param prv_priority;
+    zelTaskEntry entry;
+    intptr_t args[10];
+    uint32_t isStatic;
+    int options;
+    uint32_t state;
+    int priority;
+    struct zelTcb **waitList;
+    struct zelTcb *nextWaiter;
+    int32_t safeCount;
+    pthread_mutex_t tdelete_lock;
+    pthread_cond_t tdelete_cond;
+    pthread_mutex_t dbcst_lock;
+    pthread_cond_t dbcst_cond;
+    uint32_t deletersWaiting;
+    struct zelTcb *next;
+    int32_t lockCount;
+    /* Private to the kernel from here on. */
+    uint64_t serial;         /* never used twice in a process; tells this task from a later one at the same address */
+    int32_t currentPriority; /* logical thread priority now: base, boost or inherited */
+    uint32_t lifeFlags;
+    uint32_t pins;
+    uint32_t parkWord;
+    uint32_t suspendWord;
+    uint32_t suspendAck;
+    uint32_t kernelDepth;
+    int32_t hostThread;
+    uintptr_t reserved[6];
+} zelTcb;
+
+typedef struct {
+    zelTaskId td_id;
+    char *td_name;
+    int td_priority;
+    zelTaskEntry td_entry;
+} zelTaskDesc;
+
+typedef void (*zelDeleteHook)(zelTaskId tid, intptr_t arg);
+
+zelTaskId taskSpawn(const char *name, int priority, int options, int stackSize, zelTaskEntry entry, intptr_t a1,
+                    intptr_t a2, intptr_t a3, intptr_t a4, intptr_t a5, intptr_t a6, intptr_t a7, intptr_t a8,
+                    intptr_t a9, intptr_t a10);
+int taskInit(zelTcb *tcb, const char *name, int priority, int options, char *stackBase, int stackSize,
+             zelTaskEntry entry, intptr_t a1, intptr_t a2, intptr_t a3, intptr_t a4, intptr_t a5, intptr_t a6,
+             intptr_t a7, intptr_t a8, intptr_t a9, intptr_t a10);
+int taskActivate(zelTaskId tid);
+int taskDelete(zelTaskId tid);
+int taskDeleteForce(zelTaskId tid);
+int taskRestart(zelTaskId tid);
+int taskSuspend(zelTaskId tid);
+int taskResume(zelTaskId tid);
+int taskDelay(int ticks);
+int taskPrioritySet(zelTaskId tid, int priority);
+int taskPriorityGet(zelTaskId tid, int *priority);
+int taskLock(void);
+int taskUnlock(void);
+int taskSafe(void);
+int taskUnsafe(void);
+zelTaskId taskIdSelf(void);
+int taskIdVerify(zelTaskId tid);
+int taskIdListGet(zelTaskId ids[], int maxIds);
+char *taskName(zelTaskId tid);
+zelTaskId taskNameToId(const char *name);
+zelTcb *taskTcb(zelTaskId tid);
+int taskInfoGet(zelTaskId tid, zelTaskDesc *desc);
+int taskIsReady(zelTaskId tid);
+int taskIsSuspended(zelTaskId tid);
+int taskDeleteHookAdd(zelDeleteHook hook);
+int taskDeleteHookDelete(zelDeleteHook hook);
+void taskDeleteHookInit(void);
+
+/* ==== Semaphores ================================================================================================== */
+
+#define ZEL_SEM_FIFO 0x0
+#define ZEL_SEM_PRIORITY 0x1
+#define ZEL_SEM_DELETE_SAFE 0x4
+#define ZEL_SEM_INVERSION_SAFE 0x8
+
+zelSemId semBCreate(int options, int initialState);
+zelSemId semCCreate(int options, int initialCount);
+zelSemId semMCreate(int options);
+int semTake(zelSemId id, int timeoutTicks);
+int semGive(zelSemId id);
+int semFlush(zelSemId id);
+int semDelete(zelSemId id);
+int semInfo(zelSemId id);
+
+/* ==== Message queues ============================================================================================== */
+
+#define ZEL_MSG_NORMAL 0
+#define ZEL_MSG_URGENT 1
+#define ZEL_MSGQ_FIFO 0
+#define ZEL_MSGQ_PRIORITY 1
+
+zelMsgQId msgQCreate(int maxMsgs, int maxMsgLength, int options);
+int msgQDelete(zelMsgQId queue);
+int msgQSend(zelMsgQId queue, const char *buffer, uint32_t nBytes, int timeoutTicks, int priority);
+int msgQReceive(zelMsgQId queue, char *buffer, uint32_t maxNBytes, int timeoutTicks);
+int msgQNumMsgs(zelMsgQId queue);
+int msgQInfo(void);
+
+/* ==== Byte rings ================================================================================================== */
+
+zelRingId rngCreate(int nBytes);
+void rngDelete(zelRingId ring);
+void rngFlush(zelRingId ring);
+int rngBufPut(zelRingId ring, const char *buffer, int nBytes);
+int rngBufGet(zelRingId ring, char *buffer, int maxBytes);
+int rngIsEmpty(zelRingId ring);
+int rngIsFull(zelRingId ring);
+int rngFreeBytes(zelRingId ring);
+int rngNBytes(zelRingId ring);
+void rngMoveAhead(zelRingId ring, int n);
+void rngPutAhead(zelRingId ring, char byte, int offset);
+
+/* ==== Ticks, watchdogs, interval timers =========================================================================== */
+
+extern uint64_t vxAbsTicksAdd;
+extern int32_t vxAbsTicksSign;
+
+int sysClkRateGet(void);
+uint64_t tick64Get(void);
+uint64_t zelTickGet(void);
+void tick64Set(uint32_t high, uint32_t low);
+void tickSet(uint32_t value);
+
+typedef void (*zelWdogRoutine)(intptr_t parameter);
+zelWdogId wdCreate(void);
+int wdStart(zelWdogId watchdog, int delayTicks, zelWdogRoutine routine, intptr_t parameter);
+int wdCancel(zelWdogId watchdog);
+int wdDelete(zelWdogId watchdog);
+
+typedef void (*zelIntervalRoutine)(zelIntervalTimerId timer, intptr_t argument);
+int vx2bsdTimerLibInit(void);
+zelIntervalTimerId vx2bsdTimerCreate(void);
+int vx2bsdTimerConnect(zelIntervalTimerId timer, zelIntervalRoutine routine, intptr_t argument);
+int vx2bsdTimerStart(zelIntervalTimerId timer, int seconds, zelIntervalRoutine routine, intptr_t argument, int flags);
+int vx2bsdTimerSetTime(zelIntervalTimerId timer, int seconds, int flags);
+int vx2bsdTimerCancel(zelIntervalTimerId timer);
+int vx2bsdTimerDelete(zelIntervalTimerId timer);
+
+/* One pass over the watchdogs, and over the interval timers; the service tasks call them, and simulations do. */
+void process_timer_list(void);
+void process_vx2bsd_timer_list(void);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif

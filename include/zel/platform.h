@@ -1,0 +1,135 @@
+/*
+ * What a host supplies, with Linux defaults for all of it: platform queries, the checking allocator, the system-error
+ * sink, the numbered locks shared by processes, and the seam through which the library reads the clock, waits, and
+ * moves datagrams.
+ *
+ * A host program replaces a default in one of two ways: functions marked "weak" it may simply define itself; values and
+ * the seam it sets by a call before the library is first used.
+ *
+ * Environment variables, read once at first use and ignored in set-user-id programs:
+ *   ZEL_IPC_ADDR     this CPU's IPC address, dotted IPv4 (default 127.0.0.1)
+ *   ZEL_SHM_PREFIX   first part of the names of shared segments (default "zel")
+ *   ZEL_SHM_GROUP    group that owns the segments (default: the creator's)
+ *   ZEL_REALTIME     "off" keeps every task in the host's time-sharing class
+ */
+#ifndef ZEL_PLATFORM_H
+#define ZEL_PLATFORM_H
+
+#include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+/* ---- The seam ---------------------------------------------------------------------------------------------------- */
+
+/* Everything through which time passes and datagrams move. Times are nanoseconds of the monotonic clock. Functions may
+ * be called by any thread; `context` is the pointer set beside them. */
+typedef struct {
+    void *context;
+    /* The monotonic clock, nanoseconds. */
+    uint64_t (*now)(void *context);
+    /* Wall-clock seconds since 1970, for time stamps only. */
+    int64_t (*wallClock)(void *context);
+    /* Sleeps until `deadline`; returns 0, or EINTR when a signal ended the sleep early. */
+    int (*sleepUntil)(void *context, uint64_t deadline);
+    /* Waits until `fd` can be read; UINT64_MAX waits without limit. 1 readable, 0 deadline passed, -1 with errno. */
+    int (*waitReadable)(void *context, int fd, uint64_t deadline);
+    /* As sendmsg to `to`: bytes sent, or -1 with errno. */
+    ssize_t (*sendDatagram)(void *context, int fd, const struct iovec *parts, int count, const struct sockaddr_in *to);
+    /* As recvfrom: bytes received (truncated to `size`), or -1 with errno. `flags` as of recvfrom. */
+    ssize_t (*receiveDatagram)(void *context, int fd, void *buffer, size_t size, int flags, struct sockaddr_in *from);
+    /* 64 random bits; not for secrets. */
+    uint64_t (*randomBits)(void *context);
+    /* Non-zero when time is simulated: one thread, service tasks are not started, and a wait inside the kernel that
+     * nothing can end is a sleep until its deadline. */
+    int simulated;
+} zelHostSeam;
+
+/* Replaces the seam; null restores the host's. Call it before any other thread of the library runs. */
+void zelPlatformSetSeam(const zelHostSeam *seam);
+/* The seam in force; never null. */
+const zelHostSeam *zelPlatformSeam(void);
+
+/* ---- Identity of this CPU, card and platform --------------------------------------------------------------------- */
+
+/* This CPU's IPC address, host order; all ones when invalid. A process belongs to one address, fixed at first use. */
+uint32_t zelPlatformIpcAddress(void);
+/* Sets the address before first use; 0, or -1 with EBUSY once another one has been used. */
+int zelPlatformSetIpcAddress(uint32_t address);
+/* Sets the first part of the names of shared segments before first use (at most 31 characters, no '/'); 0, or -1 with
+ * EBUSY or EINVAL. */
+int zelPlatformSetShmPrefix(const char *prefix);
+
+/* Weak queries with their defaults; the setters below change what the defaults answer. */
+int getPlatformType(void);                    /* 0 */
+int ZELIsVirtualSingle(void);                 /* 0 */
+uint32_t zelSysGetSlotId(void);               /* 0 */
+int bcm_stk_get_local_rpm_slotid(void);       /* 0 */
+uint32_t zel_getPeMasterIpAddr(int instance); /* 0: no master known */
+
+void zelPlatformSetType(int type);
+void zelPlatformSetVirtualSingle(int isVirtualSingle);
+void zelPlatformSetSlotId(uint32_t slot);
+void zelPlatformSetPeMasterAddress(uint32_t address);
+
+/* ---- The checking allocator -------------------------------------------------------------------------------------- */
+
+/* Weak; by default on the C library's heap, so that free() releases their blocks. `tag` names the source, `line` the
+ * caller's line; both must outlive the block. */
+void *zelMC_malloc(const char *tag, int line, size_t bytes);
+void *zelMC_calloc(const char *tag, int line, size_t count, size_t bytes);
+void *zelMC_realloc(const char *tag, int line, void *block, size_t bytes);
+void zelMC_free(const char *tag, int line, void *block);
+
+/* The same in the policy segment, shared by processes; null while that segment is not attached. */
+void *zelMC_MM_malloc(const char *tag, int line, size_t bytes);
+void *zelMC_MM_calloc(const char *tag, int line, size_t count, size_t bytes);
+void *zelMC_MM_realloc(const char *tag, int line, void *block, size_t bytes);
+void zelMC_MM_free(const char *tag, int line, void *block);
+
+/* ---- System errors ----------------------------------------------------------------------------------------------- */
+
+/* Weak. Reports system error `event` with `n` words of detail (each an intptr_t); returns 0. By default prints one
+ * line, at most one a second for an event, and keeps the last 64. */
+int zelSysErr(int slot, int port, uint32_t event, int n, ...);
+
+/* ---- Numbered locks between the processes of a CPU --------------------------------------------------------------- */
+
+/* Locks 0 to 31 in shared memory; each a reader/writer lock owned by processes, not threads. They survive a holder's
+ * SIGKILL, and may be released by another thread. 0 or -1 with errno (EINVAL: no such lock; EPERM: not held by this
+ * process; ENOMEM: the segment cannot be had). All are weak. Taking one may block; no kernel lock may be held. */
+int ZEL_InitShmSem(void);
+int ZEL_ShmReadLock(int lock);
+int ZEL_ShmReadUnLock(int lock);
+int ZEL_ShmWriteLock(int lock);
+int ZEL_ShmWriteUnLock(int lock);
+/* Names `next` the owner of a write lock that this process holds. */
+int ZEL_ShmLockPass(int lock, pid_t next);
+/* The write side under its older names. */
+int ZEL_ShmLock(int lock);
+int ZEL_ShmUnLock(int lock);
+/* 1 when the last writer of a lock that the caller now holds for writing died holding it: what it guards must be
+ * repaired. The mark is cleared by the call. */
+int zelShmLockWasAbandoned(int lock);
+
+/* Unlinks this CPU's shared segments; processes that map them keep them. */
+int zelPlatformUnlinkSegments(void);
+
+/* ---- Crashes ----------------------------------------------------------------------------------------------------- */
+
+/* Installs handlers that print a backtrace on SIGSEGV, SIGBUS, SIGILL, SIGFPE and SIGABRT and then let the default
+ * action happen. Opt-in; the library never calls it itself. */
+void zelPlatformInstallCrashHandler(void);
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,50 @@
+// The two shared segments of a CPU.
+//
+// `sys` holds no pointers and maps anywhere. It is divided into sections of fixed place and size; a section's bytes are
+// zero when the segment is created, and every user of one makes all-zero a valid initial state, so nobody has to
+// initialise anything and whoever comes first creates the segment.
+//
+// `policy` holds pointers and maps at one fixed address in every process.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+namespace zel::platform {
+
+enum class Section { locks, history, globals, taskTable, endpoints, swpQueues, linkState, count };
+
+constexpr std::array<std::size_t, static_cast<std::size_t>(Section::count)> sectionBytes = {
+    256 * 1024,      // locks: state words and reader slots of the numbered locks
+    3 * 624'640,     // history: three trace buffers of 624012 bytes
+    64 * 1024,       // globals: task-manager globals, trace flags
+    366 * 32 * 8,    // taskTable: one 64-bit entry per service and instance
+    366 * 32 * 128,  // endpoints: shared half of the endpoint records
+    901 * 640,       // swpQueues: scalars of the sliding-window queues
+    64 * 1024,       // linkState: link to the peer route processor
+};
+
+// The section's address in this process, attaching (and creating) the segment at first use; null with errno when the
+// segment cannot be had. Sections are aligned to 4096 bytes.
+void *sysSection(Section section);
+
+template <class T>
+T *sysSectionAs(Section section) {
+    return static_cast<T *>(sysSection(section));
+}
+
+// Where the policy segment is mapped in every process, and its reserved size.
+constexpr std::uintptr_t policyAddress =
+    sizeof(void *) == 8 ? static_cast<std::uintptr_t>(0x550000000000ULL) : 0x60000000;
+constexpr std::size_t policyReservedBytes = sizeof(void *) == 8 ? 1024u * 1024 * 1024 : 256u * 1024 * 1024;
+constexpr std::size_t policyStepBytes = 16u * 1024 * 1024;
+
+// Maps the policy segment, creating it when `create` is set: its first byte behind the header, or null with errno.
+void *attachPolicySegment(bool create);
+// Grows the segment by whole steps until `bytes` are backed; false with errno (ENOMEM, ENOSPC).
+bool growPolicySegment(std::size_t bytes);
+bool isPolicySegmentAttached();
+std::size_t policySegmentBytes();
+
+}  // namespace zel::platform
