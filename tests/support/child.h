@@ -30,8 +30,9 @@ public:
 
     pid_t pid() const { return pid_; }
     void signal(int number) const;
-    // Waits for the end: the exit code, or 256 + the signal's number. Fails the test and kills the child when it takes
-    // longer than `seconds`.
+    static constexpr int stillRunning = 512;
+    // Waits for the end: the exit code, or 256 + the signal's number. A child that takes longer than `seconds` is
+    // killed, and the result is stillRunning.
     int wait(int seconds = 30);
 
 private:

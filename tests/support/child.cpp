@@ -1,0 +1,89 @@
+#include "tests/support/child.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "tests/support/eventually.h"
+#include "tests/support/isolation.h"
+
+extern char **environ;
+
+namespace zel::test {
+namespace {
+
+std::map<std::string, ChildBody> &bodies() {
+    static std::map<std::string, ChildBody> all;
+    return all;
+}
+
+}  // namespace
+
+ChildRegistration::ChildRegistration(const char *name, ChildBody body) {
+    bodies()[name] = body;
+}
+
+Child Child::start(const std::string &name, const std::vector<std::string> &args) {
+    std::string self = "/proc/self/exe", flag = "--child", title = name;
+    std::vector<std::string> copies = args;
+    std::vector<char *> argv{self.data(), flag.data(), title.data()};
+    for (auto &arg : copies) argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    const int error = posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), environ);
+    if (error != 0) {
+        fprintf(stderr, "child %s: %s\n", name.c_str(), strerror(error));
+        abort();
+    }
+    return Child(pid);
+}
+
+void Child::signal(int number) const {
+    if (pid_ > 0) kill(pid_, number);
+}
+
+int Child::wait(int seconds) {
+    int status = 0;
+    const bool ended = eventually(seconds, [&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+    if (!ended) {
+        fprintf(stderr, "child %d did not end within %d s\n", static_cast<int>(pid_), seconds);
+        kill(pid_, SIGKILL);
+        waitpid(pid_, &status, 0);
+    }
+    pid_ = -1;
+    if (!ended) return stillRunning;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 256 + WTERMSIG(status);
+}
+
+Child::~Child() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+}
+
+std::optional<int> runChildIfAsked(int argc, char **argv) {
+    if (argc < 3 || strcmp(argv[1], "--child") != 0) return std::nullopt;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const auto body = bodies().find(argv[2]);
+    if (body == bodies().end()) return 127;
+    return body->second(argc - 3, argv + 3);
+}
+
+void isolateProcess() {
+    const int pid = static_cast<int>(getpid());
+    char text[64];
+    snprintf(text, sizeof text, "127.%d.%d.%d", 1 + (pid >> 16) % 250, (pid >> 8) & 255, 1 + (pid & 255) % 254);
+    setenv("ZEL_IPC_ADDR", text, 0);
+    snprintf(text, sizeof text, "zeltest%d", pid);
+    setenv("ZEL_SHM_PREFIX", text, 0);
+}
+
+}  // namespace zel::test
