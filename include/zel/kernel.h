@@ -32,25 +32,59 @@ void disableRoundRobin(void);
 uint8_t roundRobinIsEnabled(void);
 extern uint8_t round_robin_enabled;
 
-/* ==== Printing ==================================================================================================== */
+/* ==== Printing ====================================================================================================
+ *
+ * Every message has a module id (0 to 141; what lies above prints as module 0) and a level. It reads
+ *
+ *     [month/day hour:minute:second] KIND MODULE-(task):CPBLOB:slot: text
+ *
+ * followed by a line end, 1199 characters at most; a longer one is cut and reported on standard output. It is printed
+ * on standard output when local printing is on, and recorded in the trace history, where a repeat of the message
+ * before it, within the same second, is counted in a line of its own.
+ *
+ * Any thread may print. A print is no cancellation point, leaves the error number alone, allocates nothing, and blocks
+ * only for other writers of the history. A print inside a kernel call never happens under that call's locks; callers
+ * likewise print with no lock of the library held.
+ */
 
 #define ZEL_TRACE_MODULES 142
 #define ZEL_TRACE_BUFFERS 3
 #define ZEL_TRACE_BUFFER_BYTES 624012
 
+/* A word for each module; null until zelTraceInit. Bits 0 to 30 are the module's trace categories; bit 31 keeps its
+ * plain traces (level 2) out of the history. */
 extern uint32_t *moduleTraceFlags;
+/* 1: messages are printed on standard output as well. Initially 0. */
 extern uint8_t g_EnableLocalPrinting;
+/* 0 silences the hardware and "All" printers. Initially 1. */
 extern uint32_t zelHwTraceFlag;
+/* The last message of each history buffer, cut at 199 characters, and how often it was repeated. */
 extern char lastMsg[ZEL_TRACE_BUFFERS][200];
 extern uint32_t lastMsgCount[ZEL_TRACE_BUFFERS];
+/* The history: three buffers shared by all processes of the CPU, at addresses of each process's own (index 1 is not
+ * used). Null until zelTraceInit or the first message. All words of a buffer are 32 bits, big-endian:
+ *      4  1 once the index has wrapped
+ *      8  index of the entry written next, 0 to 2999
+ *     12  module id of each of the 3000 entries
+ *  12012  level of each entry
+ *  24012  text of each entry, 200 bytes, NUL-terminated
+ * Shared lock 4 is held while an entry is written; readers take it too. */
 extern uint8_t **pTraceHistory;
 
+/* Makes this process record: attaches the history, and sets moduleTraceFlags to words that are initially 0. Until then
+ * messages go to standard output with a remark. Where no shared memory can be had, the history is the process's own.
+ * Returns 0; may be called again. */
 int zelTraceInit(void);
+
+/* The one formatter and router. Levels 2 to 6 and 9 to 16 print, every other level does nothing. `args` is used up.
+ * Returns 0. */
 int zelMsgPrintf(uint32_t level, uint32_t moduleId, const char *format, va_list args);
+/* Levels 2 to 5; return 0. */
 int zelTracePrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
 int zelErrorPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
 int zelWarningPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
 int zelNvramPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+/* Levels 11, 12, 10 and 9, while zelHwTraceFlag is not 0; an "All" printer is the same as its hardware twin. */
 void zelHwTracePrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void zelAllTracePrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void zelHwErrorPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -59,39 +93,74 @@ void zelHwWarningPrintf(uint32_t moduleId, const char *format, ...) __attribute_
 void zelAllWarningPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void zelHwEventPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
 void zelAllEventPrintf(uint32_t moduleId, const char *format, ...) __attribute__((format(printf, 2, 3)));
+/* Prints at most 199 characters of `text` at level 2, its first "%" replaced by "!". Returns 0. */
 int zelTracePrintStr(uint32_t moduleId, const char *text);
+
+/* Turn local printing on (returns 1) and off (returns 0). */
 int zelTracePrintOn(void);
 int zelTracePrintOff(void);
+/* Sets the trace word of a module, 1 to 141; another id is reported on standard output. No effect before zelTraceInit.
+ */
 void zelSetModuleTraceFlag(uint32_t moduleId, uint32_t flags);
+/* The module's trace word without bit 31; 0 before zelTraceInit and for an id out of range. */
 uint32_t wrap_modtraceflags(uint32_t moduleId);
+/* The module of this name, in either case; 0 for null, and for a name that no module has, with the names on standard
+ * output. */
 uint32_t zelTraceGetModuleIdFromName(const char *name);
+/* Says on standard output that hardware tracing is built in. */
 void ZELTracePrintHWEnabled(void);
+
+/* Records `text`, cut at 197 characters: as a new entry when `repeatCount` is 0, else as a line that says how often the
+ * entry before was repeated. Levels 13 to 16 are stored as 9, 11, 12 and 10. Returns 0. */
 int WriteStringToHistory(const char *text, uint32_t moduleId, uint32_t level, uint32_t repeatCount);
+/* The history buffer of a level: 2 for levels 9 to 12, else 0. */
 int getBufferIndex(uint32_t level);
+/* As fprintf to standard error. */
 int printErr(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-/* ==== Assertions and the error number ============================================================================= */
+/* ==== Assertions and the error number =============================================================================
+ *
+ * A failed assertion is printed as an error of module SYS, raised as system error 0x8006, and returns: the caller goes
+ * on, or leaves with its failure value. The error number is the thread's errno.
+ */
 
+/* The expression's text takes part in a printf format: "%%" prints one "%". */
 void _zelAssert(const char *expression, const char *file, int line);
 /* Reports a false `expression` and goes on. `file` is the source's name without path and extension. */
 #define zelAssert(expression, file) ((expression) ? (void)0 : _zelAssert(#expression, (file), __LINE__))
 int errnoGet(void);
+/* Returns 0. */
 int errnoSet(int value);
 
-/* ==== Message logging ============================================================================================= */
+/* ==== Message logging =============================================================================================
+ *
+ * Callers queue a message, the task tLogTask formats it and writes it to up to five descriptors, with the sender's task
+ * id, module, severity and mnemonic in front. The format and whatever its arguments point to must outlive the call,
+ * and the arguments are six words: integers and pointers of word size.
+ */
 
 #define ZEL_LOG_RECORD_RESULT 108
 #define ZEL_LOG_MAX_FDS 5
 
+/* 0 until logging is started. */
 extern zelTaskId logTaskId;
 extern zelMsgQId logMsgQId;
+/* A descriptor that the next logFdSet removes; -1 when there is none. */
 extern int logFdFromRlogin;
+/* Messages that could not be queued. */
 extern uint32_t logMsgsLost;
 
+/* Starts logging with room for `maxMsgs` messages and `fd` as first descriptor (as logFdSet). 0, or -1 when it runs
+ * already or a queue, task or semaphore cannot be had. */
 int logInit(int fd, int maxMsgs);
+/* The descriptors stay the caller's: delete one before closing it. These calls block while a message is written; 0, or
+ * -1 when logging is not started, five are held (add), or `fd` is not held (delete; one occurrence is removed). */
 int logFdAdd(int fd);
 int logFdDelete(int fd);
+/* Replaces the descriptor set before, and the remote-login descriptor. */
 int logFdSet(int fd);
+/* Queue a message; block while the queue is full. 108, or -1 when it could not be queued. logMsg is module "Zelnet",
+ * severity 1, mnemonic "GEN_MSG"; module names are cut at 19 characters, mnemonics at 49. */
 int logMsg(const char *format, intptr_t a1, intptr_t a2, intptr_t a3, intptr_t a4, intptr_t a5, intptr_t a6);
 int zelLogMsg(const char *moduleName, uint32_t severity, const char *mnemonic, const char *format, intptr_t a1,
               intptr_t a2, intptr_t a3, intptr_t a4, intptr_t a5, intptr_t a6);

@@ -1,0 +1,142 @@
+// Writing the trace history.
+//
+// The buffers lie in shared memory at an address of each process's own, so the table of pointers is private. Shared
+// lock 4 guards them. Its holder may be killed at any moment: an entry counts only once the index has moved past it,
+// and the index is bounded when it is read, so the next writer repairs nothing.
+//
+// A repeat beyond the first rewrites the entry before the index and leaves the index where it is, yet module and level
+// are noted at the index; the next entry overwrites them there.
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "base/lock.h"
+#include "kernel/history.h"
+#include "kernel/uninterrupted.h"
+#include "platform/segment.h"
+#include "zel/kernel.h"
+#include "zel/platform.h"
+
+uint8_t **pTraceHistory = nullptr;
+
+namespace zel::kernel {
+namespace {
+
+constexpr int historyLock = 4;
+constexpr std::size_t bufferStride = 624'640;
+constexpr std::size_t lastTextByte = HistoryBuffer::textBytes - 1;
+
+static_assert(HistoryBuffer::size == ZEL_TRACE_BUFFER_BYTES);
+static_assert(HistoryBuffer::size <= bufferStride);
+static_assert(ZEL_TRACE_BUFFERS * bufferStride ==
+              platform::sectionBytes[static_cast<std::size_t>(platform::Section::history)]);
+
+struct BufferTable {
+    std::uint8_t *buffers[ZEL_TRACE_BUFFERS];
+};
+
+BufferTable findBuffers() {
+    static std::uint8_t ownBuffers[ZEL_TRACE_BUFFERS * bufferStride];
+    auto *base = platform::sysSectionAs<std::uint8_t>(platform::Section::history);
+    if (base == nullptr) base = ownBuffers;
+    BufferTable table;
+    for (std::size_t i = 0; i < ZEL_TRACE_BUFFERS; ++i) table.buffers[i] = base + i * bufferStride;
+    return table;
+}
+
+// Lock 4; between the threads of this process alone where the shared locks cannot be had.
+class HistoryLock {
+public:
+    HistoryLock() : isShared_(ZEL_ShmLock(historyLock) == 0) {
+        if (!isShared_) pthread_mutex_lock(&ownLock);
+    }
+    ~HistoryLock() {
+        if (isShared_)
+            ZEL_ShmUnLock(historyLock);
+        else
+            pthread_mutex_unlock(&ownLock);
+    }
+    HistoryLock(const HistoryLock &) = delete;
+    HistoryLock &operator=(const HistoryLock &) = delete;
+
+private:
+    static inline pthread_mutex_t ownLock = PTHREAD_MUTEX_INITIALIZER;
+    bool isShared_;
+};
+
+// Levels 13 to 16 are other names of hardware levels; as far as the choice of buffer goes they are levels of their own.
+std::uint32_t storedLevel(std::uint32_t level) {
+    switch (level) {
+        case 13:
+            return 9;
+        case 14:
+            return 11;
+        case 15:
+            return 12;
+        case 16:
+            return 10;
+        default:
+            return level;
+    }
+}
+
+void writeEntry(char *entry, const char *text) {
+    strncpy(entry, text, lastTextByte - 2);
+    entry[lastTextByte - 2] = '\r';
+    entry[lastTextByte - 1] = '\n';
+    entry[lastTextByte] = '\0';
+}
+
+void writeRepeats(char *entry, std::uint32_t count) {
+    const int written =
+        count == 1 ? snprintf(entry, HistoryBuffer::textBytes, "\t - Repeated 1 time.\r\n")
+                   : snprintf(entry, HistoryBuffer::textBytes, "\t - Repeated %d times.\r\n", static_cast<int>(count));
+    memset(entry + written, 0, HistoryBuffer::textBytes - static_cast<std::size_t>(written));
+}
+
+void advance(std::uint8_t *buffer, std::uint32_t index) {
+    const std::uint32_t next = index + 1;
+    if (next < HistoryBuffer::entries) return HistoryBuffer::Index::set(buffer, next);
+    HistoryBuffer::Wrapped::set(buffer, 1);
+    HistoryBuffer::Index::set(buffer, 0);
+}
+
+}  // namespace
+
+void attachHistory() {
+    static BufferTable table = findBuffers();
+    std::atomic_ref(pTraceHistory).store(table.buffers, std::memory_order_release);
+}
+
+void recordInHistory(const char *text, std::uint32_t moduleId, std::uint32_t level, std::uint32_t repeatCount) {
+    if (std::atomic_ref(pTraceHistory).load(std::memory_order_acquire) == nullptr) {
+        printf("Trace history is null.. somthing bad.. %s\n", text);
+        attachHistory();
+    }
+    std::uint8_t *buffer = std::atomic_ref(pTraceHistory).load(std::memory_order_acquire)[getBufferIndex(level)];
+    const HistoryLock lock;
+    std::uint32_t index = HistoryBuffer::Index::get(buffer);
+    if (index >= HistoryBuffer::entries) index = 0;
+    wire::store(HistoryBuffer::module(buffer, index), moduleId);
+    wire::store(HistoryBuffer::level(buffer, index), storedLevel(level));
+    if (repeatCount > 1)
+        return writeRepeats(HistoryBuffer::text(buffer, index == 0 ? HistoryBuffer::entries - 1 : index - 1),
+                            repeatCount);
+    if (repeatCount == 0)
+        writeEntry(HistoryBuffer::text(buffer, index), text);
+    else
+        writeRepeats(HistoryBuffer::text(buffer, index), repeatCount);
+    advance(buffer, index);
+}
+
+}  // namespace zel::kernel
+
+int getBufferIndex(uint32_t level) {
+    return level >= 9 && level <= 12 ? 2 : 0;
+}
+
+int WriteStringToHistory(const char *text, uint32_t moduleId, uint32_t level, uint32_t repeatCount) {
+    const zel::kernel::Uninterrupted uninterrupted;
+    zel::kernel::recordInHistory(text, moduleId, level, repeatCount);
+    return 0;
+}
