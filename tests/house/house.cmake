@@ -1,2 +1,9 @@
 # Tests of what stands around the code. Included by tests/CMakeLists.txt.
 target_sources(test_house PRIVATE ${CMAKE_SOURCE_DIR}/bench/support/figures.cpp)
+
+if(NOT ZEL_SANITIZED AND NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME house.exports COMMAND ${CMAKE_CURRENT_LIST_DIR}/exports.sh $<TARGET_FILE:zelSysSsCpRp>
+                                      ${CMAKE_SOURCE_DIR}/include)
+  add_test(NAME house.consumer COMMAND ${CMAKE_CURRENT_LIST_DIR}/consumer/run.sh ${CMAKE_BINARY_DIR}
+                                       ${CMAKE_SOURCE_DIR})
+endif()
