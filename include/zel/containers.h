@@ -1,6 +1,9 @@
 /*
- * Containers. None of them locks: whoever shares one between tasks serialises access to it. They hold the caller's
- * pointers and never free the caller's data.
+ * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, and the radix tree zelRadix.
+ *
+ * None of them locks: whoever shares one between tasks serialises access to it, readers included unless nobody writes.
+ * They hold the caller's pointers and never free the caller's data. Nothing here blocks. A handle is checked by its
+ * magic word in every call; a call on a bad handle reports an assertion, changes nothing and returns null, 0 or a miss.
  */
 #ifndef ZEL_CONTAINERS_H
 #define ZEL_CONTAINERS_H
@@ -15,94 +18,254 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* ==== Intrusive doubly linked list ================================================================================ */
+void _zelAssert(const char *expression, const char *file, int line);
+
+/* ==== Intrusive doubly linked list ================================================================================
+ *
+ * Nodes live inside the caller's records; the list hands back their addresses. Insertion and removal take constant time
+ * and never allocate. No count is kept, and membership is not checked: removing a node that is in no list, or naming
+ * another list's node as the neighbour, is the caller's mistake.
+ */
 
 #define zelDLL_MAGIC 0x7e1d17e1u
 
 typedef struct zelDLLNode {
-    struct zelDLLNode *next;
+    struct zelDLLNode *next; /* both links are null in a node that was removed */
     struct zelDLLNode *prev;
 } zelDLLNode;
 
-/* The head embeds its two sentinels, so a head must not be moved by copying. */
+/* The head embeds its two sentinels, so a head must not be moved or copied while it is in use. */
 typedef struct {
     uint32_t dll_magic;
-    zelDLLNode headSent;
-    zelDLLNode tailSent;
+    zelDLLNode headSent; /* next: first node; prev: always null */
+    zelDLLNode tailSent; /* next: always null; prev: last node */
 } zelDLL;
 
+/* Makes `head` an empty list; nodes of a list that was there before are forgotten, not unlinked. */
 void zelDLLInit(zelDLL *head);
+/* The first or last node, null when the list is empty. */
 zelDLLNode *zelDLLGetFirst(zelDLL *head);
 zelDLLNode *zelDLLGetLast(zelDLL *head);
+/* The neighbour of a node of this list, null at the end. */
 zelDLLNode *zelDLLGetNext(zelDLL *head, zelDLLNode *node);
 zelDLLNode *zelDLLGetPrev(zelDLL *head, zelDLLNode *node);
 void zelDLLInsertAtFront(zelDLL *head, zelDLLNode *node);
 void zelDLLInsertAtBack(zelDLL *head, zelDLLNode *node);
+/* A null neighbour is reported by assertion and nothing is linked. */
 void zelDLLInsertAfter(zelDLL *head, zelDLLNode *after, zelDLLNode *node);
 void zelDLLInsertBefore(zelDLL *head, zelDLLNode *before, zelDLLNode *node);
+/* Unlinks a node of this list and clears both its links. */
 void zelDLLRemove(zelDLL *head, zelDLLNode *node);
 
-/* ==== Allocating list with positions ============================================================================== */
+/* The bodies of the list calls stand here, so that a compiler can place them in line; the library holds one ordinary
+ * definition of each. */
+#ifndef ZEL_DLL_LINKAGE
+#define ZEL_DLL_LINKAGE extern inline __attribute__((__gnu_inline__))
+#endif
+/* `miss` is what the call returns, after the report, when `condition` does not hold. */
+#define ZEL_DLL_REQUIRE(condition, text, miss)   \
+    do {                                         \
+        if (__builtin_expect(!(condition), 0)) { \
+            _zelAssert(text, "zelLL", __LINE__); \
+            return miss;                         \
+        }                                        \
+    } while (0)
+#define ZEL_DLL_REQUIRE_HEAD(head, miss) \
+    ZEL_DLL_REQUIRE((head) && (head)->dll_magic == zelDLL_MAGIC, "(head)->dll_magic == zelDLL_MAGIC", miss)
+
+ZEL_DLL_LINKAGE void zelDLLInit(zelDLL *head) {
+    if (!head) {
+        _zelAssert("(head)->dll_magic == zelDLL_MAGIC", "zelLL", __LINE__);
+        return;
+    }
+    head->headSent.next = &head->tailSent;
+    head->headSent.prev = NULL;
+    head->tailSent.next = NULL;
+    head->tailSent.prev = &head->headSent;
+    head->dll_magic = zelDLL_MAGIC;
+}
+
+ZEL_DLL_LINKAGE zelDLLNode *zelDLLGetFirst(zelDLL *head) {
+    ZEL_DLL_REQUIRE_HEAD(head, NULL);
+    return head->headSent.next == &head->tailSent ? NULL : head->headSent.next;
+}
+
+ZEL_DLL_LINKAGE zelDLLNode *zelDLLGetLast(zelDLL *head) {
+    ZEL_DLL_REQUIRE_HEAD(head, NULL);
+    return head->tailSent.prev == &head->headSent ? NULL : head->tailSent.prev;
+}
+
+ZEL_DLL_LINKAGE zelDLLNode *zelDLLGetNext(zelDLL *head, zelDLLNode *node) {
+    ZEL_DLL_REQUIRE_HEAD(head, NULL);
+    return node->next == &head->tailSent ? NULL : node->next;
+}
+
+ZEL_DLL_LINKAGE zelDLLNode *zelDLLGetPrev(zelDLL *head, zelDLLNode *node) {
+    ZEL_DLL_REQUIRE_HEAD(head, NULL);
+    return node->prev == &head->headSent ? NULL : node->prev;
+}
+
+ZEL_DLL_LINKAGE void zelDLLInsertAtFront(zelDLL *head, zelDLLNode *node) {
+    ZEL_DLL_REQUIRE_HEAD(head, );
+    node->next = head->headSent.next;
+    node->prev = &head->headSent;
+    node->next->prev = node;
+    head->headSent.next = node;
+}
+
+ZEL_DLL_LINKAGE void zelDLLInsertAtBack(zelDLL *head, zelDLLNode *node) {
+    ZEL_DLL_REQUIRE_HEAD(head, );
+    node->prev = head->tailSent.prev;
+    node->next = &head->tailSent;
+    node->prev->next = node;
+    head->tailSent.prev = node;
+}
+
+ZEL_DLL_LINKAGE void zelDLLInsertAfter(zelDLL *head, zelDLLNode *after, zelDLLNode *node) {
+    ZEL_DLL_REQUIRE_HEAD(head, );
+    ZEL_DLL_REQUIRE(after, "after", );
+    node->next = after->next;
+    node->prev = after;
+    after->next = node;
+    node->next->prev = node;
+}
+
+ZEL_DLL_LINKAGE void zelDLLInsertBefore(zelDLL *head, zelDLLNode *before, zelDLLNode *node) {
+    ZEL_DLL_REQUIRE_HEAD(head, );
+    ZEL_DLL_REQUIRE(before, "before", );
+    node->prev = before->prev;
+    node->next = before;
+    before->prev = node;
+    node->prev->next = node;
+}
+
+ZEL_DLL_LINKAGE void zelDLLRemove(zelDLL *head, zelDLLNode *node) {
+    ZEL_DLL_REQUIRE_HEAD(head, );
+    node->next->prev = node->prev;
+    node->prev->next = node->next;
+    node->next = node->prev = NULL;
+}
+
+/* ==== Allocating list with positions ==============================================================================
+ *
+ * The list is a pointer to its first node, null when empty, held by the caller; adding and deleting may change it.
+ * Positions count from 1. Nodes come from zelMC_calloc; a node that listDelete hands back is released by the caller
+ * with zelMC_free (by default free() does). Reaching a position takes a walk from the front.
+ */
 
 typedef struct zelListNode {
-    struct zelListNode *prev;
-    struct zelListNode *next;
+    struct zelListNode *prev; /* in the first node: the last one */
+    struct zelListNode *next; /* null in the last node */
     intptr_t data;
-    uint32_t count;
+    uint32_t count; /* nodes in the list; meaningful in the first node only */
 } zelListNode;
 
+/* Adds `data` at the end (position < 0), at the front (0), or behind the node at `position` - so position 1 adds behind
+ * the first node - or behind the last one when the list is shorter. 0, or a non-zero error number with the list
+ * unchanged. */
 int listAdd(zelListNode **list, int position, intptr_t data);
 int listAddBegin(zelListNode **list, intptr_t data);
 int listAddEnd(zelListNode **list, intptr_t data);
+/* In an empty list, and for a position below 1, the new node becomes the first one. */
 int listAddPos(zelListNode **list, int position, intptr_t data);
+/* Unlinks the node at `position` and returns it for the caller to free; null when there is no such position. */
 zelListNode *listDelete(zelListNode **list, int position);
+/* The datum at `position`, the last one's when negative; 0 at position 0 and behind the end. */
 intptr_t listGet(zelListNode *list, int position);
 int listLength(zelListNode *list);
+/* Takes every datum as an address: the position of the first node where `length` bytes (at most 4) equal the bytes of
+ * `value` as it lies in memory; 0 when none does. */
 int listFindLong(zelListNode *list, int32_t value, int length);
 
-/* ==== Radix tree ================================================================================================== */
+/* ==== Radix tree ==================================================================================================
+ *
+ * A path-compressed binary trie over byte strings with a length in bits, most significant bit first. An entry is a
+ * caller's record that begins with a zelRadixEntry; the tree reads its key in place, so the key bytes stay unchanged
+ * and alive while the entry is in the tree. A key of n bits is read no further than its (n + 7) / 8 bytes.
+ *
+ * An entry marked deleted (rtn_flags of its node has ZEL_RADIX_DELETED) stays in its node until another insert of the
+ * same prefix hands it to the deleted-entry callback. Removal marks only while rtt_versioning is non-zero.
+ */
 
 #define ZEL_RADIX_MAGIC 0xdeadbeefu
 #define ZEL_RADIX_NAME_LENGTH 50
+#define ZEL_RADIX_DELETED 2
 
 typedef struct zelRadix zelRadix;
 typedef struct zelRadixNode zelRadixNode;
 
 /* Stands first in the caller's record. The caller sets rth_addr before inserting; the rest belongs to the tree. */
 typedef struct zelRadixEntry {
-    zelRadixNode *rtn;
-    const uint8_t *rth_addr;
+    zelRadixNode *rtn;       /* its node, null while it is in no tree */
+    const uint8_t *rth_addr; /* the key */
     struct zelRadixEntry *rth_link;
     uint32_t rth_version;
     uint32_t rth_flags;
-    const uint8_t *rth_key;
+    const uint8_t *rth_key; /* the key as comparisons read it */
 } zelRadixEntry;
 
 struct zelRadixNode {
-    zelRadixNode *rtn_left;
-    zelRadixNode *rtn_right;
-    zelRadixNode *rtn_parent;
-    uint16_t rtn_bit;
-    uint8_t rtn_mask;
+    zelRadixNode *rtn_left;   /* next key bit 0 */
+    zelRadixNode *rtn_right;  /* next key bit 1 */
+    zelRadixNode *rtn_parent; /* null at the root */
+    uint16_t rtn_bit;         /* length of the node's prefix, and index of the key bit it tests */
+    uint8_t rtn_mask;         /* 0x80 >> (rtn_bit % 8) */
     uint8_t rtn_flags;
     uint32_t rtn_walk[2];
-    zelRadixEntry *rtn_entry;
+    zelRadixEntry *rtn_entry; /* null in a node that only forks; such a node has both children */
 };
 
 typedef void (*zelRadixDeletedFn)(zelRadixEntry *entry);
 
+/* Callers may read everything and set rtt_strict and rtt_versioning. */
+struct zelRadix {
+    uint32_t rtt_magic;
+    char rtt_name[ZEL_RADIX_NAME_LENGTH + 1];
+    zelRadixNode *rtt_root;
+    uint32_t rtt_inserts;  /* insert calls */
+    uint32_t rtt_nodes;    /* nodes now in the tree */
+    uint32_t rtt_released; /* entries handed to the deleted-entry callback */
+    uint16_t rtt_maxbits;
+    uint8_t rtt_strict; /* 1 from creation: keys longer than rtt_maxbits are refused, and a new entry's links cleared */
+    zelAllocFn rtt_alloc;
+    zelFreeFn rtt_free;
+    zelRadixDeletedFn rtt_deleted;
+    uint32_t rtt_versioning;
+    zelDLL rtt_changes;
+};
+
+/* Creates an empty tree for keys of up to `maxbits` bits. Nodes come from `allocFn` and return to `freeFn`; null takes
+ * zelRadixMalloc and zelRadixFree. `deletedFn` may be null. The header comes from zelMC_calloc. Null: no memory, or no
+ * name. */
 zelRadix *zelRadixCreate(const char *name, uint16_t maxbits, zelAllocFn allocFn, zelFreeFn freeFn,
                          zelRadixDeletedFn deletedFn);
+/* Returns the entry now in the tree for this prefix: `entry`, or the live one that was there first, in which case
+ * `entry` was not inserted. Null: no memory, or the key is too long. */
 zelRadixEntry *zelRadixInsert(zelRadix *tree, zelRadixEntry *entry, uint32_t bitlen);
+/* Takes the entry out, or marks it deleted while rtt_versioning is set. An entry of no tree is left alone. */
 void zelRadixRemove(zelRadix *tree, zelRadixEntry *entry);
+/* The live entry of exactly this prefix, or null. */
 zelRadixEntry *zelRadixGetExact(zelRadix *tree, const void *key, uint32_t bitlen);
+/* The longest stored prefix that covers the key's first `bitlen` bits, or null; also null when that one is marked
+ * deleted, though shorter ones may cover the key. */
 zelRadixEntry *zelRadixGetBest(zelRadix *tree, const void *key, uint32_t bitlen);
+/* The entry, live or marked, of the nearest ancestor of `node` that has one: the next shorter covering prefix. A null
+ * `node` means the node of `entryHead`. */
 zelRadixEntry *zelRadixGetLessSpecific(zelRadix *tree, zelRadixEntry *entryHead, zelRadixNode *node);
 zelRadixEntry *zelRadixGetParent(zelRadix *tree, zelRadixEntry *entry);
+/* The live entry behind `entry` in the order of keys, a prefix before the longer ones it covers; null starts at the
+ * first. Null at the end. */
 zelRadixEntry *zelRadixGetNext(zelRadix *tree, zelRadixEntry *entry);
+/* Visits the live entries in that order until `visit` returns non-zero. `visit` may remove the entry it is given. */
 void zelRadixWalk(zelRadix *tree, int (*visit)(zelRadixEntry *entry, void *context), void *context);
+/* 1 when the node has no children. */
 int zelRadixNodeIsLeaf(zelRadix *tree, zelRadixNode *node);
+/* Releases nodes and header; entries are not touched, so they may have been freed before. */
 void zelRadixDestroy(zelRadix *tree);
+
+/* The default node allocation, on the checking allocator. */
+void *zelRadixMalloc(size_t bytes);
+void zelRadixFree(void *node);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
