@@ -10,6 +10,9 @@ namespace zel::platform {
 // Whether threads of this process get real-time priorities. Decided once; an EPERM turns it off for good.
 bool isRealTime();
 
+// The host priority that a logical one becomes.
+int hostPriority(int logicalPriority);
+
 // Prepares attributes so that a thread created with them has this priority and policy (SCHED_FIFO or SCHED_RR).
 // 0 or an error number.
 int setAttributes(pthread_attr_t &attributes, int policy, int logicalPriority);

@@ -96,8 +96,24 @@ void zelMC_MM_free(const char *tag, int line, void *block);
 /* ---- System errors ----------------------------------------------------------------------------------------------- */
 
 /* Weak. Reports system error `event` with `n` words of detail (each an intptr_t); returns 0. By default prints one
- * line, at most one a second for an event, and keeps the last 64. */
+ * line on standard error, at most one a second for an event, and keeps the last 64. Any thread may call it, holding no
+ * lock of the library. */
 int zelSysErr(int slot, int port, uint32_t event, int n, ...);
+
+enum { ZEL_SYSERR_WORDS = 8 };
+
+/* A system error as the default keeps it. */
+typedef struct {
+    uint64_t time; /* monotonic nanoseconds */
+    uint32_t event;
+    int slot;
+    int port;
+    int wordCount; /* words kept of those given, at most ZEL_SYSERR_WORDS */
+    intptr_t words[ZEL_SYSERR_WORDS];
+} zelSysErrRecord;
+
+/* Copies the last system errors of this process, the oldest of them first, at most `capacity` (and 64); how many. */
+int zelSysErrGetLast(zelSysErrRecord *records, int capacity);
 
 /* ---- Numbered locks between the processes of a CPU --------------------------------------------------------------- */
 

@@ -1,0 +1,116 @@
+#include "platform/process.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include "tests/support/child.h"
+#include "tests/support/eventually.h"
+
+namespace zel::test {
+namespace {
+
+using platform::findProcessByName;
+using platform::isAlive;
+using platform::ProcessId;
+using platform::processWithPid;
+using platform::thisProcess;
+
+// A name with what breaks a parser that stops at the first parenthesis or space.
+constexpr const char *oddName = ") (Z 1 zelodd(";
+
+ZEL_CHILD(sleeper) {
+    if (argc > 0) prctl(PR_SET_NAME, argv[0]);
+    pause();
+    return 0;
+}
+
+ZEL_CHILD(mainThreadEnds) {
+    pthread_t other;
+    pthread_create(
+        &other, nullptr, [](void *) -> void * { return pause(), nullptr; }, nullptr);
+    pthread_exit(nullptr);
+}
+
+char stateOf(pid_t pid) {
+    char path[40], text[256] = "";
+    snprintf(path, sizeof path, "/proc/%d/stat", pid);
+    FILE *file = fopen(path, "r");
+    if (file == nullptr) return '?';
+    const size_t length = fread(text, 1, sizeof text - 1, file);
+    fclose(file);
+    text[length] = '\0';
+    const char *close = strrchr(text, ')');
+    return close != nullptr && close[1] != '\0' ? close[2] : '?';
+}
+
+TEST(Process, ANameWithParenthesesDoesNotShiftTheStartTime) {
+    Child child = Child::start("sleeper");
+    const ProcessId before = processWithPid(child.pid());
+    Child odd = Child::start("sleeper", {oddName});
+    ASSERT_TRUE(eventually(10, [&] { return findProcessByName(oddName) == odd.pid(); }));
+    const ProcessId named = processWithPid(odd.pid());
+    EXPECT_EQ(named.pid, odd.pid());
+    EXPECT_GE(named.startTime, before.startTime);
+    EXPECT_LT(named.startTime, before.startTime + 100'000);
+    EXPECT_TRUE(isAlive(named));
+}
+
+TEST(Process, APidThatCameBackIsAnotherProcess) {
+    const ProcessId self = thisProcess();
+    EXPECT_EQ(self.pid, getpid());
+    EXPECT_EQ(self, processWithPid(getpid()));
+    EXPECT_TRUE(isAlive(self));
+    EXPECT_FALSE(isAlive({self.pid, self.startTime + 1}));
+    EXPECT_FALSE(isAlive({}));
+    EXPECT_FALSE(isAlive({-1, 0}));
+}
+
+TEST(Process, AZombieIsDead) {
+    Child child = Child::start("sleeper");
+    const ProcessId process = processWithPid(child.pid());
+    EXPECT_TRUE(isAlive(process));
+    child.signal(SIGKILL);
+    EXPECT_TRUE(eventually(10, [&] { return stateOf(child.pid()) == 'Z'; }));
+    EXPECT_FALSE(isAlive(process));
+    EXPECT_EQ(processWithPid(child.pid()), ProcessId{});
+    EXPECT_EQ(child.wait(), 256 + SIGKILL);
+    EXPECT_FALSE(isAlive(process));
+}
+
+TEST(Process, AProcessWhoseMainThreadEndedLives) {
+    Child child = Child::start("mainThreadEnds");
+    const ProcessId process = processWithPid(child.pid());
+    ASSERT_TRUE(eventually(10, [&] { return stateOf(child.pid()) == 'Z'; }));
+    EXPECT_TRUE(isAlive(process));
+}
+
+TEST(Process, AForkedChildIsNotItsParent) {
+    const ProcessId parent = thisProcess();
+    const pid_t pid = fork();
+    if (pid == 0) _exit(thisProcess().pid == getpid() && thisProcess() != parent ? 0 : 1);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(thisProcess(), parent);
+}
+
+TEST(Process, NamesAreComparedAsFarAsTheHostKeepsThem) {
+    const std::string name = "zt" + std::to_string(getpid()) + "_longer_than_kept";
+    Child first = Child::start("sleeper", {name}), second = Child::start("sleeper", {name});
+    const pid_t lower = std::min(first.pid(), second.pid());
+    EXPECT_TRUE(eventually(10, [&] { return findProcessByName(name.c_str()) == lower; }));
+    EXPECT_EQ(findProcessByName((name.substr(0, 15) + "other tail").c_str()), lower);
+    EXPECT_EQ(findProcessByName(name.substr(0, 14).c_str()), 0);
+    EXPECT_EQ(findProcessByName(""), 0);
+}
+
+}  // namespace
+}  // namespace zel::test
