@@ -6,4 +6,7 @@ if(NOT ZEL_SANITIZED AND NOT CMAKE_CROSSCOMPILING)
                                       ${CMAKE_SOURCE_DIR}/include)
   add_test(NAME house.consumer COMMAND ${CMAKE_CURRENT_LIST_DIR}/consumer/run.sh ${CMAKE_BINARY_DIR}
                                        ${CMAKE_SOURCE_DIR})
+  foreach(check includes headers style)
+    add_test(NAME house.${check} COMMAND ${CMAKE_SOURCE_DIR}/cmake/check_${check}.sh)
+  endforeach()
 endif()

@@ -1,4 +1,4 @@
-/* Every public header in one C program, a platform query of its own, and one call of each floor that needs no set-up. */
+/* Every public header in one C program, a platform query of its own, and a call of each floor that needs no set-up. */
 #include <stdio.h>
 #include <string.h>
 
