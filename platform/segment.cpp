@@ -281,3 +281,8 @@ int zelPlatformUnlinkSegments(void) {
         if (shm_unlink(segmentName(kind.name).c_str()) != 0 && errno != ENOENT) result = -1;
     return result;
 }
+
+int zelPlatformHasSegments(void) {
+    const NoCancellation guard;
+    return File(shm_open(segmentName(sysKind.name).c_str(), O_RDWR, 0)) ? 1 : 0;
+}

@@ -136,6 +136,8 @@ int zelShmLockWasAbandoned(int lock);
 
 /* Unlinks this CPU's shared segments; processes that map them keep them. */
 int zelPlatformUnlinkSegments(void);
+/* 1 when this CPU's segment of the system exists, 0 when not; creates nothing. */
+int zelPlatformHasSegments(void);
 
 /* ---- Crashes ----------------------------------------------------------------------------------------------------- */
 
