@@ -10,7 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <iterator>
 #include <map>
+#include <sstream>
 
 #include "tests/support/eventually.h"
 #include "tests/support/isolation.h"
@@ -25,6 +28,16 @@ std::map<std::string, ChildBody> &bodies() {
     return all;
 }
 
+// The words before a program's name on a host that cannot run it by itself.
+std::vector<std::string> emulator() {
+#ifdef ZEL_TEST_EMULATOR
+    std::istringstream text(ZEL_TEST_EMULATOR);
+    return {std::istream_iterator<std::string>(text), std::istream_iterator<std::string>()};
+#else
+    return {};
+#endif
+}
+
 }  // namespace
 
 ChildRegistration::ChildRegistration(const char *name, ChildBody body) {
@@ -32,13 +45,15 @@ ChildRegistration::ChildRegistration(const char *name, ChildBody body) {
 }
 
 Child Child::start(const std::string &name, const std::vector<std::string> &args) {
-    std::string self = "/proc/self/exe", flag = "--child", title = name;
-    std::vector<std::string> copies = args;
-    std::vector<char *> argv{self.data(), flag.data(), title.data()};
-    for (auto &arg : copies) argv.push_back(arg.data());
+    std::vector<std::string> words = emulator();
+    words.push_back(std::filesystem::read_symlink("/proc/self/exe"));
+    words.insert(words.end(), {"--child", name});
+    words.insert(words.end(), args.begin(), args.end());
+    std::vector<char *> argv;
+    for (auto &word : words) argv.push_back(word.data());
     argv.push_back(nullptr);
     pid_t pid = -1;
-    const int error = posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), environ);
+    const int error = posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ);
     if (error != 0) {
         fprintf(stderr, "child %s: %s\n", name.c_str(), strerror(error));
         abort();

@@ -1,0 +1,8 @@
+# A big-endian host; its programs run under an emulator.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR s390x)
+set(CMAKE_C_COMPILER s390x-linux-gnu-gcc)
+set(CMAKE_CXX_COMPILER s390x-linux-gnu-g++)
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-s390x -L /usr/s390x-linux-gnu)
+set(ZEL_FOREIGN s390x-linux-gnu)
+include(${CMAKE_CURRENT_LIST_DIR}/foreign.cmake)
