@@ -42,6 +42,10 @@ bool isRealTime() {
     return realTime.load(std::memory_order_relaxed) == RealTime::on;
 }
 
+void leaveRealTime() {
+    realTime = RealTime::off;
+}
+
 int hostPriority(int logicalPriority) {
     if (logicalPriority < 0) return 1;
     if (logicalPriority > 255) return highestHostPriority;

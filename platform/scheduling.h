@@ -9,6 +9,8 @@ namespace zel::platform {
 
 // Whether threads of this process get real-time priorities. Decided once; an EPERM turns it off for good.
 bool isRealTime();
+// Turns it off for good: the host refused to create a thread with such a priority.
+void leaveRealTime();
 
 // The host priority that a logical one becomes.
 int hostPriority(int logicalPriority);

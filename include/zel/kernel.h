@@ -197,16 +197,18 @@ typedef struct zelTcb {
     struct zelTcb *next;
     int32_t lockCount;
     /* Private to the kernel from here on. */
-    uint64_t serial;         /* never used twice in a process; tells this task from a later one at the same address */
-    int32_t currentPriority; /* logical thread priority now: base, boost or inherited */
+    uint64_t serial;           /* never used twice in a process; tells this task from a later one at the same place */
+    struct zelTcb *watchers;   /* tasks that wait for this one to change: to end, to leave its delete-safe section */
+    zelWdogId restartWatchdog; /* started when the thread of a task that restarts itself has ended */
+    int32_t currentPriority;   /* logical thread priority now: own, boosted or inherited */
     uint32_t lifeFlags;
-    uint32_t pins;
+    uint32_t pins; /* others that use pthrid with no lock held */
     uint32_t parkWord;
     uint32_t suspendWord;
     uint32_t suspendAck;
     uint32_t kernelDepth;
-    int32_t hostThread;
-    uintptr_t reserved[6];
+    uint32_t reserved32;
+    uintptr_t reserved[4];
 } zelTcb;
 
 typedef struct {
