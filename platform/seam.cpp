@@ -93,6 +93,11 @@ constinit zelHostSeam replacement{};
 constinit std::atomic<const zelHostSeam *> inForce{&hostSeam};
 
 }  // namespace
+
+bool isHostSeam() {
+    return inForce.load(std::memory_order_acquire) == &hostSeam;
+}
+
 }  // namespace zel::platform
 
 using namespace zel::platform;

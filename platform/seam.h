@@ -14,6 +14,8 @@ constexpr std::uint64_t forever = UINT64_MAX;
 inline const zelHostSeam &seam() {
     return *zelPlatformSeam();
 }
+// Whether the host's own seam is in force, so that calls may go to the host directly.
+bool isHostSeam();
 inline std::uint64_t now() {
     return seam().now(seam().context);
 }

@@ -75,7 +75,40 @@ int zelIpcClose(uint32_t key);
 int zelIpcSetSecondaryAddress(const char *text);
 int getIpcKey(int service, int unused, int *key);
 int getSrvcId(void);
-struct zelIpcQueueDesc;
+/* One queue of an endpoint; all zero when it is not in use. */
+struct zelIpcQueueDesc {
+    int inUse;
+    int socket;
+    int sendBufferBytes; /* effective, as the host reports them */
+    int recvBufferBytes;
+    zelSemId responseSemaphore; /* ipc_rspq_sem, of a response queue */
+};
+
+/* One record of the endpoint table that the processes of a CPU share. For reading only, and words change meanwhile. */
+struct zelIpcEndpoint {
+    uint32_t magic;       /* ZEL_IPC_ENDPOINT_MAGIC from the first opening on */
+    uint32_t ownerTaskId; /* all ones: none */
+    uint32_t pid;         /* of the owner */
+    char name[32];        /* of the owner */
+    uint32_t flags;       /* ZEL_IPC_FLAG_... */
+    uint32_t pending;
+    uint32_t service;
+    uint32_t instance;
+    uint32_t openMask; /* bits 0, 1, 2: request, response, timer queue */
+    uint32_t state;    /* 1 while a queue is open */
+    uint32_t timerFlags;
+    uint32_t startTimeHigh; /* of the owner's process; with the pid it names the process for good */
+    uint32_t startTimeLow;
+    uint32_t spawnedPid; /* process that was started for this endpoint, while it has not claimed it */
+    uint32_t reserved[11];
+};
+
+#define ZEL_IPC_FLAG_STARTING 0x1u
+#define ZEL_IPC_FLAG_NAMED 0x4u
+#define ZEL_IPC_FLAG_STARTED 0x8u
+#define ZEL_IPC_FLAG_LOCK5_HELD 0x20000u /* the spawner took shared lock 5 for this task */
+#define ZEL_IPC_FLAG_CLOSING 0x80000u
+
 int zel_ipcSOpen(int port, int protocol, int secondary);
 int zel_ipcCreateLink(struct zelIpcQueueDesc *descriptor, uint32_t queueId);
 
@@ -138,7 +171,6 @@ int zelProcIdByKey(uint32_t key);
 int zelGetTaskKeyFromServiceAndInst(int service, int instance);
 int zelTaskGetByServiceAndInstance(int service, int instance);
 int zelTaskIsDuplicate(int service, int instance, int *taskId);
-struct zelIpcEndpoint;
 const struct zelIpcEndpoint *zelTaskAlreadyExists(int taskId);
 uint32_t zel_tmeGetPeerIpAddrByName(int service, int instance, int *error);
 uint32_t zel_tmeGetTaskIpAddrByName(int service, int instance, int *error);

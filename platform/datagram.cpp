@@ -1,0 +1,127 @@
+// The seam carries every datagram while it is replaced. While the host's own is in force the calls go straight to the
+// host: an exchange is two system calls, and each layer between would be measurable.
+#include "platform/datagram.h"
+
+#include <linux/sock_diag.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/cancellation.h"
+#include "platform/seam.h"
+
+#ifndef SO_MEMINFO
+#define SO_MEMINFO 55
+#endif
+
+namespace zel::platform {
+namespace {
+
+// Bounds a count against senders that are faster than it.
+constexpr int maxCountedDatagrams = 65536;
+
+int optionOf(SocketBuffer which) {
+    return which == SocketBuffer::send ? SO_SNDBUF : SO_RCVBUF;
+}
+
+bool setOption(int socket, int option, int value) {
+    return setsockopt(socket, SOL_SOCKET, option, &value, sizeof value) == 0;
+}
+
+}  // namespace
+
+int openDatagramSocket() {
+    return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+}
+
+bool bindDatagramSocket(int socket, std::uint32_t address, std::uint16_t port) {
+    const sockaddr_in local = socketAddress(address, port);
+    return bind(socket, reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0;
+}
+
+void closeDatagramSocket(int socket) {
+    const int error = errno;
+    const NoCancellation closing;
+    shutdown(socket, SHUT_RDWR);  // a reader blocked in the socket would keep it, and its port, alive
+    close(socket);
+    errno = error;
+}
+
+int bufferBytes(int socket, SocketBuffer which) {
+    int bytes = 0;
+    socklen_t size = sizeof bytes;
+    return getsockopt(socket, SOL_SOCKET, optionOf(which), &bytes, &size) == 0 ? bytes : -1;
+}
+
+bool setBufferBytes(int socket, SocketBuffer which, int bytes) {
+    return setOption(socket, optionOf(which), bytes);
+}
+
+bool setBroadcast(int socket, bool isOn) {
+    return setOption(socket, SO_BROADCAST, isOn ? 1 : 0);
+}
+
+std::uint64_t droppedByHost(int socket) {
+    // The same counter as SO_RXQ_OVFL, asked for when it is wanted instead of carried by every datagram.
+    std::uint32_t memory[SK_MEMINFO_VARS] = {};
+    socklen_t size = sizeof memory;
+    return getsockopt(socket, SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 ? memory[SK_MEMINFO_DROPS] : 0;
+}
+
+int countWaitingDatagrams(int socket) {
+    char byte = 0;
+    const auto peek = [&] { return recv(socket, &byte, sizeof byte, MSG_PEEK | MSG_DONTWAIT | MSG_TRUNC) >= 0; };
+    // With a peek offset each peek starts behind the datagrams peeked before.
+    if (!setOption(socket, SO_PEEK_OFF, 0)) return peek() ? 1 : 0;
+    int count = 0;
+    while (count < maxCountedDatagrams && peek()) ++count;
+    setOption(socket, SO_PEEK_OFF, -1);
+    return count;
+}
+
+sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port) {
+    sockaddr_in result{};
+    result.sin_family = AF_INET;
+    result.sin_addr.s_addr = htonl(address);
+    result.sin_port = htons(port);
+    return result;
+}
+
+ssize_t sendDatagram(int socket, const iovec *parts, int count, const sockaddr_in &to) {
+    if (!isHostSeam()) return seam().sendDatagram(seam().context, socket, parts, count, &to);
+    if (count == 1)
+        return sendto(socket, parts->iov_base, parts->iov_len, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+    msghdr message{};
+    message.msg_name = const_cast<sockaddr_in *>(&to);
+    message.msg_namelen = sizeof to;
+    message.msg_iov = const_cast<iovec *>(parts);
+    message.msg_iovlen = static_cast<std::size_t>(count);
+    return sendmsg(socket, &message, 0);
+}
+
+ssize_t receiveWaiting(int socket, void *buffer, std::size_t size) {
+    sockaddr_in from{};
+    return seam().receiveDatagram(seam().context, socket, buffer, size, MSG_DONTWAIT | MSG_TRUNC, &from);
+}
+
+ssize_t peekWaiting(int socket, void *buffer, std::size_t size) {
+    sockaddr_in from{};
+    return seam().receiveDatagram(seam().context, socket, buffer, size, MSG_DONTWAIT | MSG_PEEK, &from);
+}
+
+bool canBlockInReceive() {
+    return isHostSeam();
+}
+
+bool setReceiveTimeout(int socket, int seconds) {
+    const timeval limit{seconds, 0};
+    return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit) == 0;
+}
+
+ssize_t receiveBlocking(int socket, void *buffer, std::size_t size) {
+    return recv(socket, buffer, size, MSG_TRUNC);
+}
+
+}  // namespace zel::platform
