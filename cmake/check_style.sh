@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# What the eye should not have to look for: formatting, leftover markers, checks that vanish with NDEBUG, handlers that
+# What the eye should not have to look for: formatting, shell slips, leftover markers, checks that vanish with NDEBUG, handlers that
 # swallow a cancellation, sources that grew too long.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.."
@@ -33,4 +33,7 @@ done < <(find "${everything[@]}" \( -name '*.h' -o -name '*.cpp' -o -name '*.c' 
 
 find "${everything[@]}" \( -name '*.h' -o -name '*.cpp' -o -name '*.c' \) -print0 |
     xargs -0 clang-format-14 --dry-run -Werror || status=1
+
+find zel .ci/run "${everything[@]}" \( -name zel -o -name run -o -name '*.sh' \) -type f -print0 |
+    xargs -0 shellcheck || status=1
 exit "$status"
