@@ -4,28 +4,39 @@
 // hosts of either byte order and any alignment rule read the same bytes.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 namespace zel::wire {
 
 template <class T>
-T load(const void *at) {
-    static_assert(std::is_unsigned_v<T>);
-    const auto *bytes = static_cast<const std::uint8_t *>(at);
-    T value = 0;
-    for (std::size_t i = 0; i < sizeof(T); ++i)
-        value = static_cast<T>((static_cast<std::uint64_t>(value) << 8) | bytes[i]);
+constexpr T swapBytes(T value) {
+    if constexpr (sizeof(T) == 2) return __builtin_bswap16(value);
+    if constexpr (sizeof(T) == 4) return __builtin_bswap32(value);
+    if constexpr (sizeof(T) == 8) return __builtin_bswap64(value);
     return value;
 }
 
 template <class T>
-void store(void *at, T value) {
+constexpr T bigEndian(T value) {
     static_assert(std::is_unsigned_v<T>);
-    auto *bytes = static_cast<std::uint8_t *>(at);
-    for (std::size_t i = 0; i < sizeof(T); ++i)
-        bytes[i] = static_cast<std::uint8_t>(static_cast<std::uint64_t>(value) >> (8 * (sizeof(T) - 1 - i)));
+    return std::endian::native == std::endian::big ? value : swapBytes(value);
+}
+
+template <class T>
+T load(const void *at) {
+    T value;
+    std::memcpy(&value, at, sizeof value);
+    return bigEndian(value);
+}
+
+template <class T>
+void store(void *at, T value) {
+    const T bytes = bigEndian(value);
+    std::memcpy(at, &bytes, sizeof bytes);
 }
 
 // An unsigned word of type T at byte `Offset` of a message; the caller guarantees the bytes.
