@@ -21,10 +21,12 @@ constexpr bool isDenseAndOrdered() {
 }
 
 constexpr bool namesAreUnique() {
-    for (std::size_t i = 0; i < table.size(); ++i)
-        for (std::size_t j = 0; table[i].name && j < i; ++j)
-            if (table[j].name && std::string_view(table[i].name) == table[j].name) return false;
-    return true;
+    std::array<std::string_view, serviceCount> names;
+    std::size_t count = 0;
+    for (const ServiceRow &row : table)
+        if (row.name) names[count++] = row.name;
+    std::sort(names.begin(), names.begin() + count);
+    return std::adjacent_find(names.begin(), names.begin() + count) == names.begin() + count;
 }
 
 constexpr bool hasInstances(const ServiceRow &row) {
