@@ -6,6 +6,7 @@ namespace zel {
 
 enum class LockRank {
     taskSpawn = 10,   // task_spawn_lock
+    swpQueue = 15,    // a sliding-window queue: sends and arms its timer under it
     objectList = 20,  // sema4_list_lock, mqueue_list_lock, wdog_list_lock, timer_list_lock
     object = 30,      // a semaphore's, queue's, watchdog's, timer's own lock
     drain = 40,       // flush and deletion hand-shakes of an object

@@ -263,6 +263,8 @@ typedef struct {
 extern zelSwpFifoHooks swpFifoQueue[ZEL_SWP_MAX_QUEUES + 1];
 /* Seconds between two reports of a full queue. */
 extern uint32_t zelSwp_log_limit;
+/* 0 silent; 1 tells why a creation was refused and of duplicates; 2 also of restarted streams. */
+extern uint32_t zelSwp_debug;
 
 typedef struct {
     uint32_t inUse;
@@ -273,12 +275,18 @@ typedef struct {
     uint32_t inFlight;
     zelSwpSeq head; /* oldest unacknowledged */
     zelSwpSeq next; /* sequence number of the next message enqueued */
-    uint64_t sent;
+    uint32_t stream;
+    uint32_t peakQueued;
+    uint64_t enqueued;
+    uint64_t sent; /* first transmissions */
     uint64_t retransmitted;
-    uint64_t retransmissionPasses;
+    uint64_t retransmissionPasses; /* by the timer or swpRetrans */
+    uint64_t fastResends;          /* after a reported gap */
     uint32_t largestPass;
     uint64_t acknowledged;
-    uint64_t drops;
+    uint64_t drops;       /* refused because the queue was full */
+    uint64_t refusedAcks; /* of another source or stream, or beyond what was sent */
+    uint64_t failedSends;
     uint64_t memory;
     uint64_t peakMemory;
     uint64_t maxMemory;
@@ -325,6 +333,26 @@ void zelSwpSetIclLink(int isUp);
 void zelSwpSetIclifIndex(uint32_t ifIndex);
 void zelSwpSetIclRawSocket(int fd);
 int icl_isLinkUp(void);
+
+typedef struct zelSwpReceiver zelSwpReceiver;
+typedef struct {
+    uint64_t accepted;
+    uint64_t duplicates;
+    uint64_t gaps;
+    uint64_t unknown;     /* of a stream whose beginning this receiver does not know */
+    uint64_t stale;       /* of a stream that was replaced; not answered */
+    uint64_t malformed;   /* no stream message at all; not answered */
+    uint64_t streams;     /* begun */
+    uint64_t forgotten;   /* sources dropped for want of room */
+    uint64_t acksSent;
+    uint64_t ackFailures;
+    uint32_t sources;     /* known now */
+} zelSwpReceiverStats;
+zelSwpReceiver *zelSwpReceiverCreate(uint32_t key, uint32_t maxSources, uint32_t ackInterval);
+int zelSwpReceiverAccept(zelSwpReceiver *receiver, const void *message, int length);
+int zelSwpReceiverFlush(zelSwpReceiver *receiver);
+int zelSwpReceiverGetStats(const zelSwpReceiver *receiver, zelSwpReceiverStats *stats);
+void zelSwpReceiverDestroy(zelSwpReceiver *receiver);
 
 /* ==== Queue lists ================================================================================================= */
 

@@ -1,0 +1,486 @@
+// Life of a sliding-window queue on the sender's side: create, enqueue, dequeue, flush, remove, tune, inspect.
+//
+// A queue's messages stand in a ring of fixed capacity, in the order of their sequence numbers:
+//
+//     head ............ acknowledged ............ sent ............ next
+//      | waits to be     |  in flight              | waits for the   |
+//      | dequeued        |                         | window          |
+//
+// A message belongs to the queue from a successful zelSwpEnqueue until zelSwpDequeue returns it or the free hook of the
+// queue gets it; a refused message never was in the queue and used up no sequence number. The user's routines, the
+// callback and the free hook, run with no lock held and may use the queue.
+#include "ipc/swp_queue.h"
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "ipc/swp_send.h"
+#include "platform/seam.h"
+
+namespace zel::ipc::swp {
+namespace {
+
+// ---- Creation -------------------------------------------------------------------------------------------------------
+
+bool areUsable(const Creation &wanted) {
+    const bool areUsable =
+        wanted.timeOutSec != 0 && wanted.retransCount != 0 && wanted.callback != nullptr && wanted.queue != nullptr;
+    if (!areUsable && zelSwp_debug != 0)
+        zelErrorPrintf(moduleIpc, "SWP QUEUE CREATE ERROR: sender %d %d receiver %d %d timeOutInt %#x usrCb %#x\r\n",
+                       wanted.sender.service, wanted.sender.instance, wanted.receiver.service, wanted.receiver.instance,
+                       wanted.timeOutSec, static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(wanted.callback)));
+    return areUsable;
+}
+
+// A block is also free when the process that owned it is gone. A scan asks the host about each owner once in a row.
+class OwnerCheck {
+public:
+    bool isGone(const platform::ProcessId &owner) {
+        if (owner == platform::thisProcess()) return false;
+        if (owner != asked_) {
+            asked_ = owner;
+            isAlive_ = platform::isAlive(owner);
+        }
+        return !isAlive_;
+    }
+
+private:
+    platform::ProcessId asked_;
+    bool isAlive_ = false;
+};
+
+std::uint32_t firstFree(SharedTable &table) {
+    OwnerCheck owners;
+    for (std::uint32_t queue = 1; queue <= ZEL_SWP_MAX_QUEUES; ++queue) {
+        const SharedQueue &shared = sharedQueue(table, queue);
+        if (shared.state.load(std::memory_order_acquire) == blockFree || owners.isGone(shared.owner)) return queue;
+    }
+    return 0;
+}
+
+std::uint32_t reserve(SharedTable &table) {
+    if (ZEL_ShmWriteLock(tableLock) != 0) return 0;
+    const std::uint32_t queue = firstFree(table);
+    if (queue != 0) {
+        auto *shared = new (&sharedQueue(table, queue)) SharedQueue{};
+        shared->owner = platform::thisProcess();
+        shared->state.store(blockReserved, std::memory_order_release);
+    }
+    ZEL_ShmWriteUnLock(tableLock);
+    return queue;
+}
+
+void nameEnd(End &end, const Creation::Name &wanted) {
+    end.service = wanted.service;
+    end.instance = wanted.instance;
+    snprintf(end.name, sizeof end.name, "%s%d", zelTaskGetServiceName(wanted.service), wanted.instance);
+}
+
+void describe(SharedQueue &shared, const Creation &wanted) {
+    nameEnd(shared.sender, wanted.sender);
+    nameEnd(shared.receiver, wanted.receiver);
+    shared.isIcl = wanted.isIcl ? 1 : 0;
+    shared.usesTimerQueue = wanted.ackViaTimerQueue ? 1 : 0;
+    shared.capacity = wanted.capacity != 0 ? wanted.capacity : ZEL_SWP_DEFAULT_CAPACITY;
+    shared.windowSize = wanted.window != 0 ? wanted.window : ZEL_SWP_DEFAULT_WINDOW;
+    shared.timeOutSec = wanted.timeOutSec;
+    shared.budget = shared.budgetInitial = wanted.retransCount;
+    shared.maxMemory = ZEL_SWP_DEFAULT_MAX_MEMORY;
+    shared.ownerTask = static_cast<std::uint32_t>(taskIdSelf());
+}
+
+// The sender's address, the receiver's, and the three queue ids. Waits for a receiver that is not up yet; a queue over
+// the link has no peer on this side to wait for.
+bool address(SharedQueue &shared, const Creation &wanted) {
+    const auto orElse = [](std::uint32_t given, const Creation::Name &end, int type) {
+        return given != 0 ? given : zel_getQueueId(end.service, end.instance, type);
+    };
+    shared.sender.address = zel_sysGetIpAddr();
+    shared.sender.requestQueue = orElse(wanted.sender.requestQueue, wanted.sender, ZEL_IPC_QUEUE_REQUEST);
+    shared.sender.timerQueue = orElse(wanted.sender.timerQueue, wanted.sender, ZEL_IPC_QUEUE_TIMER);
+    shared.receiver.requestQueue = orElse(wanted.receiver.requestQueue, wanted.receiver, ZEL_IPC_QUEUE_REQUEST);
+    if (wanted.isIcl) return true;
+
+    int error = 0;
+    shared.receiver.address = zel_tmeGetTaskIpAddrByName(wanted.receiver.service, wanted.receiver.instance, &error);
+    if (shared.receiver.address != ZEL_IPC_NO_ADDRESS) return true;
+    zelErrorPrintf(moduleIpc,
+                   "zelSwpQueueCreate_internal: Failed to get peer IP for receiver service %d inst %d rc %d (source "
+                   "service %d inst %d)\r\n",
+                   wanted.receiver.service, wanted.receiver.instance, error, wanted.sender.service,
+                   wanted.sender.instance);
+    if (zelSwp_debug != 0)
+        zelErrorPrintf(moduleIpc, "SWPQ_CREATE_ERROR(IP UNREACH): sender %d(%s) %d receiver %d(%s) %d \r\n",
+                       wanted.sender.service, zelTaskGetServiceName(wanted.sender.service), wanted.sender.instance,
+                       wanted.receiver.service, zelTaskGetServiceName(wanted.receiver.service),
+                       wanted.receiver.instance);
+    return false;
+}
+
+bool allocate(std::uint32_t capacity, const Creation &wanted, std::uint32_t queue, Slot *&slots,
+              zelIntervalTimerId &timer) {
+    timer = vx2bsdTimerCreate();
+    slots = static_cast<Slot *>(zelMC_calloc(sourceTag, __LINE__, capacity, sizeof(Slot)));
+    if (timer != nullptr && slots != nullptr) return true;
+    if (timer != nullptr) vx2bsdTimerDelete(timer);
+    zelMC_free(sourceTag, __LINE__, slots);
+    reportSystemError(eventTimer, "SWP: zelSwpQueueCreate_internal", queue);
+    zelErrorPrintf(moduleIpc, "SWP QUEUE CREATE ERROR: line %d sender %d %d receiver %d %d\r\n", __LINE__,
+                   wanted.sender.service, wanted.sender.instance, wanted.receiver.service, wanted.receiver.instance);
+    return false;
+}
+
+void installPrivatePart(PrivateQueue &own, const Creation &wanted, Slot *slots, zelIntervalTimerId timer) {
+    const Lock lock(own.lock, LockRank::swpQueue, "swp queue");
+    own.slots = slots;
+    own.headSlot = 0;
+    own.callback = wanted.callback;
+    own.timeOutRoutine = wanted.timeOutRoutine;
+    own.timer = timer;
+    own.isTimerArmed = false;
+    own.lastRestart = 0;
+}
+
+void setState(SharedQueue &shared, BlockState state) {
+    const bool isLocked = ZEL_ShmWriteLock(tableLock) == 0;
+    shared.state.store(state, std::memory_order_release);
+    if (isLocked) ZEL_ShmWriteUnLock(tableLock);
+}
+
+bool complete(SharedTable &table, std::uint32_t queue, const Creation &wanted) {
+    SharedQueue &shared = sharedQueue(table, queue);
+    Slot *slots = nullptr;
+    zelIntervalTimerId timer = nullptr;
+    describe(shared, wanted);
+    if (!address(shared, wanted) || !allocate(shared.capacity, wanted, queue, slots, timer)) return false;
+    shared.stream = newStream(table);
+    installPrivatePart(privateQueue(queue), wanted, slots, timer);
+    return true;
+}
+
+int refuseForWantOfBlock(SharedTable &table, const Creation &wanted) {
+    reportSystemError(eventTableFull, "SWP: zelSwpQueueCreate_internal");
+    table.failedCreations.fetch_add(1);
+    if (zelSwp_debug != 0)
+        zelErrorPrintf(moduleIpc, "SWPQ_CREATE_ERROR: sender %d(%s) %d receiver %d(%s) %d\r\n", wanted.sender.service,
+                       zelTaskGetServiceName(wanted.sender.service), wanted.sender.instance, wanted.receiver.service,
+                       zelTaskGetServiceName(wanted.receiver.service), wanted.receiver.instance);
+    return ZEL_SWP_FAILURE;
+}
+
+// ---- The ring -------------------------------------------------------------------------------------------------------
+
+bool isFull(const HeldQueue &queue) {
+    const SharedQueue &shared = queue.shared();
+    const bool isOverMemory = shared.maxMemory != 0 && shared.counters.memory >= shared.maxMemory;
+    return queue.queued() >= shared.capacity || isOverMemory;
+}
+
+// The word that chains a message to the next one: the next one's place in the ring, from 1; 0 at the end.
+void setLink(HeldQueue &queue, Sequence sequence, bool hasNext) {
+    const Slot &slot = queue.slotOf(sequence);
+    const auto place = hasNext ? &queue.slotOf(sequence + 1) - queue.own().slots + 1 : 0;
+    SwpHeader::Link::set(swpHeader(slot), static_cast<std::uint32_t>(place));
+}
+
+// False when the message is too short to be chained.
+bool append(HeldQueue &queue, void *message, std::size_t length) {
+    const std::size_t offset = headerOffset(message, length, queue.shared().isIcl != 0);
+    if (offset == 0) return false;
+    Window &window = queue.window();
+    const Sequence sequence = window.next++;
+    queue.slotOf(sequence) = {message, static_cast<std::uint32_t>(length), static_cast<std::uint32_t>(offset)};
+    stamp(queue, sequence);
+    if (sequence != queue.shared().head) setLink(queue, sequence - 1, true);
+    return true;
+}
+
+void unlinkTail(HeldQueue &queue) {
+    Window &window = queue.window();
+    --window.next;
+    if (window.next != queue.shared().head) setLink(queue, window.next - 1, false);
+}
+
+void countMemory(HeldQueue &queue, std::size_t length) {
+    Counters &counters = queue.counters();
+    counters.memory += length;
+    if (counters.memory > counters.peakMemory) counters.peakMemory = counters.memory;
+    if (queue.queued() > counters.peakQueued) counters.peakQueued = queue.queued();
+}
+
+void tellFull(HeldQueue &queue, void *message, Notice &notice) {
+    SharedQueue &shared = queue.shared();
+    const std::uint64_t now = platform::now();
+    const bool mayReport = shared.lastReport == 0 || secondsLeft(now, shared.lastReport, zelSwp_log_limit) == 0;
+    if (mayReport) {
+        shared.lastReport = now;
+        notice.report(eventQueueFull, queue.number(), "SWP: zelSwpEnqueue");
+    }
+    notice.tell(queue, message, ZEL_SWP_QUEUE_FULL);
+}
+
+int refuseInsertion(HeldQueue &queue, void *message, Notice &notice) {
+    notice.report(eventInsert, queue.number(), "zelSwpEnqueue: SWP_FAILURE_FIFO_INSERT error q=%ld src=%s dst=%s",
+                  static_cast<long>(queue.number()), queue.shared().sender.name, queue.shared().receiver.name);
+    notice.tell(queue, message, ZEL_SWP_INSERT_FAILED);
+    return ZEL_SWP_FAILURE;
+}
+
+bool fitsWindow(const HeldQueue &queue) {
+    const Window &window = queue.window();
+    return window.next - window.acknowledged <= queue.shared().windowSize;
+}
+
+int enqueue(HeldQueue &queue, void *message, std::size_t length, Notice &notice) {
+    if (isFull(queue)) {
+        ++queue.counters().drops;
+        return ZEL_SWP_QUEUE_FULL;
+    }
+    if (!append(queue, message, length)) return refuseInsertion(queue, message, notice);
+    if (fitsWindow(queue)) {
+        const bool isSent = sendWaiting(queue);
+        if (!isSent) unlinkTail(queue);
+        if (inFlight(queue.window()) > 0) restartTimer(queue);
+        if (!isSent) return ZEL_SWP_FAILURE;
+    }
+    countMemory(queue, length);
+    if (isFull(queue)) tellFull(queue, message, notice);
+    ++queue.counters().enqueued;
+    return ZEL_SWP_SUCCESS;
+}
+
+void *popHead(HeldQueue &queue) {
+    SharedQueue &shared = queue.shared();
+    PrivateQueue &own = queue.own();
+    const Slot slot = own.slots[own.headSlot];
+    own.slots[own.headSlot] = {};
+    own.headSlot = own.headSlot + 1 == shared.capacity ? 0 : own.headSlot + 1;
+    ++shared.head;
+    shared.counters.memory -= slot.length;
+    return slot.message;
+}
+
+// ---- Emptying -------------------------------------------------------------------------------------------------------
+
+// Messages taken out of a queue under its lock, given to its free hook afterwards. Walks a ring as the queue left it.
+class Discarded {
+public:
+    void take(std::uint32_t queue, Slot *slots, std::uint32_t capacity, std::uint32_t first, std::uint32_t count) {
+        free_ = swpFifoQueue[queue].free;
+        slots_ = slots;
+        capacity_ = capacity;
+        first_ = first;
+        count_ = count;
+    }
+    void release() {
+        for (std::uint32_t i = 0; free_ != nullptr && i < count_; ++i) {
+            const std::uint64_t place = std::uint64_t{first_} + i;
+            free_(slots_[place < capacity_ ? place : place - capacity_].message);
+        }
+        zelMC_free(sourceTag, __LINE__, slots_);
+    }
+
+private:
+    void (*free_)(void *) = nullptr;
+    Slot *slots_ = nullptr;
+    std::uint32_t capacity_ = 0;
+    std::uint32_t first_ = 0;
+    std::uint32_t count_ = 0;
+};
+
+// Empties the queue into `discarded` and leaves it with the ring `slots`.
+void empty(HeldQueue &queue, Slot *slots, Discarded &discarded) {
+    SharedQueue &shared = queue.shared();
+    PrivateQueue &own = queue.own();
+    discarded.take(queue.number(), own.slots, shared.capacity, own.headSlot, queue.queued());
+    own.slots = slots;
+    own.headSlot = 0;
+    shared.head = 0;
+    shared.window = {};
+    shared.counters.memory = 0;
+}
+
+std::uint32_t capacityOf(std::uint32_t queue) {
+    const HeldQueue held = find(queue);
+    return held ? held.shared().capacity : 0;
+}
+
+}  // namespace
+
+int create(const Creation &wanted) {
+    if (!areUsable(wanted)) return ZEL_SWP_FAILURE;
+    SharedTable *table = sharedTable();
+    if (table == nullptr) return ZEL_SWP_FAILURE;
+    const std::uint32_t queue = reserve(*table);
+    if (queue == 0) return refuseForWantOfBlock(*table, wanted);
+    if (!complete(*table, queue, wanted)) {
+        setState(sharedQueue(*table, queue), blockFree);
+        return ZEL_SWP_FAILURE;
+    }
+    setState(sharedQueue(*table, queue), blockInUse);
+    *wanted.queue = queue;
+    return ZEL_SWP_SUCCESS;
+}
+
+int dropUnsent(std::uint32_t queue, bool (*isDropped)(const void *message, std::uint32_t group), std::uint32_t group) {
+    const std::uint32_t capacity = capacityOf(queue);
+    if (capacity == 0) return ZEL_SWP_FAILURE;
+    auto *dropped = static_cast<Slot *>(zelMC_calloc(sourceTag, __LINE__, capacity, sizeof(Slot)));
+    if (dropped == nullptr) return ZEL_SWP_FAILURE;
+    Discarded discarded;
+    if (HeldQueue held = find(queue); held) {
+        Window &window = held.window();
+        std::uint32_t count = 0;
+        Sequence kept = window.sent;
+        for (Sequence sequence = window.sent; sequence < window.next; ++sequence) {
+            const Slot slot = held.slotOf(sequence);
+            if (isDropped(slot.message, group)) {
+                dropped[count++] = slot;
+                held.counters().memory -= slot.length;
+                continue;
+            }
+            held.slotOf(kept) = slot;
+            stamp(held, kept++);
+        }
+        window.next = kept;
+        for (Sequence sequence = window.sent > held.shared().head ? window.sent - 1 : window.sent; sequence < kept;
+             ++sequence)
+            setLink(held, sequence, sequence + 1 < kept);
+        discarded.take(queue, dropped, capacity, 0, count);
+    } else {
+        discarded.take(queue, dropped, capacity, 0, 0);
+    }
+    discarded.release();
+    return ZEL_SWP_SUCCESS;
+}
+
+}  // namespace zel::ipc::swp
+
+using namespace zel::ipc::swp;
+
+int zelSwpQueueCreate(int senderService, int senderInstance, int receiverService, int receiverInstance,
+                      uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
+                      zelSwpUserCb callback, uint32_t *queue) {
+    return create({.sender = {senderService, senderInstance},
+                   .receiver = {receiverService, receiverInstance},
+                   .capacity = capacity,
+                   .window = window,
+                   .timeOutSec = timeOutSec,
+                   .retransCount = retransCount,
+                   .callback = callback,
+                   .queue = queue});
+}
+
+int zelSwpQueueCreateQs(int senderService, int senderInstance, int receiverService, int receiverInstance,
+                        uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
+                        zelSwpUserCb callback, uint32_t senderReqQueue, uint32_t senderTmrQueue,
+                        uint32_t receiverReqQueue, uint32_t *queue) {
+    return create({.sender = {senderService, senderInstance, senderReqQueue, senderTmrQueue},
+                   .receiver = {receiverService, receiverInstance, receiverReqQueue},
+                   .capacity = capacity,
+                   .window = window,
+                   .timeOutSec = timeOutSec,
+                   .retransCount = retransCount,
+                   .callback = callback,
+                   .queue = queue});
+}
+
+int zelMwpQueueCreate_p(int senderService, int senderInstance, int receiverService, int receiverInstance,
+                        uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
+                        zelSwpUserCb callback, int ackViaTimerQueue, void (*timeoutFn)(uint32_t), uint32_t *queue) {
+    return create({.sender = {senderService, senderInstance},
+                   .receiver = {receiverService, receiverInstance},
+                   .capacity = capacity,
+                   .window = window,
+                   .timeOutSec = timeOutSec,
+                   .retransCount = retransCount,
+                   .callback = callback,
+                   .ackViaTimerQueue = ackViaTimerQueue != 0,
+                   .timeOutRoutine = timeoutFn,
+                   .queue = queue});
+}
+
+int zelMwpIclQueueCreate(int senderService, int senderInstance, int receiverService, int receiverInstance,
+                         uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
+                         zelSwpUserCb callback, uint32_t *queue) {
+    return create({.sender = {senderService, senderInstance},
+                   .receiver = {receiverService, receiverInstance},
+                   .capacity = capacity,
+                   .window = window,
+                   .timeOutSec = timeOutSec,
+                   .retransCount = retransCount,
+                   .callback = callback,
+                   .isIcl = true,
+                   .queue = queue});
+}
+
+int zelSwpEnqueue(uint32_t queue, void *message, int length) {
+    if (message == nullptr || length < 0) return ZEL_SWP_FAILURE;
+    Notice notice;
+    int result = ZEL_SWP_FAILURE;
+    if (HeldQueue held = find(queue); held) result = enqueue(held, message, static_cast<size_t>(length), notice);
+    notice.deliver();
+    return result;
+}
+
+int zelSwpDequeue(uint32_t queue, void **message) {
+    if (message == nullptr) return ZEL_SWP_FAILURE;
+    *message = nullptr;
+    HeldQueue held = find(queue);
+    if (!held) return ZEL_SWP_FAILURE;
+    if (held.shared().head == held.window().acknowledged) return ZEL_SWP_DELETE_FAILED;
+    *message = popHead(held);
+    return ZEL_SWP_SUCCESS;
+}
+
+int zelSwpQueueFlush(uint32_t queue) {
+    const uint32_t capacity = capacityOf(queue);
+    if (capacity == 0) return ZEL_SWP_FAILURE;
+    auto *slots = static_cast<Slot *>(zelMC_calloc(sourceTag, __LINE__, capacity, sizeof(Slot)));
+    if (slots == nullptr) return ZEL_SWP_FAILURE;
+    Discarded discarded;
+    if (HeldQueue held = find(queue); held) {
+        empty(held, slots, discarded);
+        held.shared().stream = newStream(*sharedTable());
+        held.shared().budget = held.shared().budgetInitial;
+    } else {
+        discarded.take(queue, slots, capacity, 0, 0);
+    }
+    discarded.release();
+    return ZEL_SWP_SUCCESS;
+}
+
+int zelSwpQueueRemove(uint32_t queue) {
+    Discarded discarded;
+    {
+        HeldQueue held = find(queue);
+        if (!held) return ZEL_SWP_FAILURE;
+        PrivateQueue &own = held.own();
+        vx2bsdTimerDelete(own.timer);
+        own.timer = nullptr;
+        own.isTimerArmed = false;
+        empty(held, nullptr, discarded);
+        swpFifoQueue[queue] = {};
+        held.shared().state.store(blockFree, std::memory_order_release);
+    }
+    discarded.release();
+    return ZEL_SWP_SUCCESS;
+}
+
+int zelSwpSetMwpQWinSize(uint32_t queue, int window) {
+    if (window <= 0) return ZEL_SWP_FAILURE;
+    HeldQueue held = find(queue);
+    if (!held) return ZEL_SWP_FAILURE;
+    held.shared().windowSize = static_cast<uint32_t>(window);
+    sendWaiting(held);
+    if (inFlight(held.window()) > 0) restartTimer(held);
+    return ZEL_SWP_SUCCESS;
+}
+
+int zelSwpSetMaxMemoryAllowed(uint32_t queue, uint32_t bytes) {
+    HeldQueue held = find(queue);
+    if (!held) return ZEL_SWP_FAILURE;
+    held.shared().maxMemory = bytes;
+    return ZEL_SWP_SUCCESS;
+}
