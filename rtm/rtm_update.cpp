@@ -140,7 +140,7 @@ bool findDestination(std::uint32_t queue, zelSwpQList *list, std::uint32_t handl
 using namespace zel::rtm;
 
 int zelRtmUpdateRoute(uint32_t handle, uint32_t operation, const zelRtmRoute *route, void **pending, const zelIpcAddr *,
-                      uint32_t queue, uint8_t source, int family, zelSwpQList *list, uint32_t vrfId) {
+                      uint32_t queue, uint8_t routeSource, int family, zelSwpQList *list, uint32_t vrfId) {
     Destination to;
     if (!findDestination(queue, list, handle, vrfId, to)) return 1;
     if (operation != ZEL_RTM_ADD && operation != ZEL_RTM_DELETE) return 1;
@@ -148,7 +148,7 @@ int zelRtmUpdateRoute(uint32_t handle, uint32_t operation, const zelRtmRoute *ro
     auto *batch = pending ? static_cast<std::uint8_t *>(*pending) : nullptr;
     if (route) {
         if (!mayAppend(*route, family, batch)) return 1;
-        if (!batch) batch = makeBatch(to.queue, handle, source, family);
+        if (!batch) batch = makeBatch(to.queue, handle, routeSource, family);
         if (!batch) return 1;
         append(batch, operation, *route, family, route->vrfId ? route->vrfId : vrfId);
         if (rtmapidebug & (debugBatches | debugEveryRoute))
