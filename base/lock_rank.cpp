@@ -27,6 +27,13 @@ void noteLockTaken(LockRank rank, const char *name) {
     ++heldCount;
 }
 
+void checkNoRankHeld(bool isLeaf) {
+    if (isLeaf || heldCount == 0) return;
+    char text[100];
+    snprintf(text, sizeof text, "lock order: shared lock taken while rank %d is held", static_cast<int>(heldRanks[0]));
+    hostCheck(false, text);
+}
+
 void noteLockReleased(LockRank rank) {
     for (int i = heldCount - 1; i >= 0; --i) {
         if (i >= maxHeld || heldRanks[i] != rank) continue;

@@ -20,7 +20,7 @@ constexpr std::uint32_t defaultAddress = 0x7f000001;
 constexpr std::uint32_t invalidAddress = 0xffffffff;
 constexpr std::size_t longestPrefix = 31;
 
-Mutex identityLock{LockRank::module, "&identity_lock"};
+Mutex identityLock{LockRank::identity, "&identity_lock"};
 bool isAddressSet = false, isPrefixSet = false, isPrefixUsed = false;  // under identityLock
 std::uint32_t address = 0;
 char prefix[longestPrefix + 1] = "zel";

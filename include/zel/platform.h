@@ -117,22 +117,48 @@ int zelSysErrGetLast(zelSysErrRecord *records, int capacity);
 
 /* ---- Numbered locks between the processes of a CPU --------------------------------------------------------------- */
 
-/* Locks 0 to 31 in shared memory; each a reader/writer lock owned by processes, not threads. They survive a holder's
- * SIGKILL, and may be released by another thread. 0 or -1 with errno (EINVAL: no such lock; EPERM: not held by this
- * process; ENOMEM: the segment cannot be had). All are weak. Taking one may block; no kernel lock may be held. */
+/* Reader/writer locks in shared memory, owned by processes and not by threads: a lock that one thread took may be
+ * released by another one of its process, and the write side by another process once it was passed to it. They survive
+ * SIGKILL of any holder: those who wait go on within a second.
+ *
+ * Calls return 0, or -1 with errno: EINVAL, no such lock; EPERM, this process does not hold the lock that way (nothing
+ * changed); and whatever kept the segment from being attached. The functions are weak, except zelShmLockWasAbandoned.
+ *
+ * Taking a lock may block, and is a cancellation point before anything is taken, never later. No lock of the kernel may
+ * be held. A thread may take a read lock again that it holds, also while a writer waits. Taking for writing what the
+ * same thread holds, either way, waits for ever. */
+enum {
+    ZEL_SHM_LOCK_POLICY = 0,       /* the policy tables */
+    ZEL_SHM_LOCK_SWP = 2,          /* creation of sliding-window queues */
+    ZEL_SHM_LOCK_HISTORY = 4,      /* the trace history; may be taken under any other lock */
+    ZEL_SHM_LOCK_SPAWN = 5,        /* passed by a spawner to the task's process */
+    ZEL_SHM_LOCK_POLICY_HEAP = 31, /* the policy segment's heap; may be taken under any other lock */
+    ZEL_SHM_LOCKS = 32
+};
+
+/* Attaches the locks, creating them when this process is the first. Optional: the other calls do so themselves. */
 int ZEL_InitShmSem(void);
+
+/* Any number of processes and threads read together. ENOSPC: too many processes read (some 1,000). */
 int ZEL_ShmReadLock(int lock);
 int ZEL_ShmReadUnLock(int lock);
+
+/* One writer, and no reader. From the moment it waits, readers that hold nothing wait behind it. */
 int ZEL_ShmWriteLock(int lock);
 int ZEL_ShmWriteUnLock(int lock);
-/* Names `next` the owner of a write lock that this process holds. */
-int ZEL_ShmLockPass(int lock, pid_t next);
-/* The write side under its older names. */
+/* The same under their older names. */
 int ZEL_ShmLock(int lock);
 int ZEL_ShmUnLock(int lock);
-/* 1 when the last writer of a lock that the caller now holds for writing died holding it: what it guards must be
- * repaired. The mark is cleared by the call. */
+
+/* Makes the process `next` the owner of a write lock that this process holds; only `next` can release it then, and if
+ * it dies the lock is recovered. ESRCH: there is no such process, and the lock stays with the caller. */
+int ZEL_ShmLockPass(int lock, pid_t next);
+
+/* For the holder of a write lock: 1 when a writer died holding it since the last such question, so that what the lock
+ * guards may have to be repaired; else 0. Asking clears the mark. */
 int zelShmLockWasAbandoned(int lock);
+
+/* ---- Shared segments --------------------------------------------------------------------------------------------- */
 
 /* Unlinks this CPU's shared segments; processes that map them keep them. */
 int zelPlatformUnlinkSegments(void);
