@@ -340,14 +340,15 @@ TEST(SharedLock, OnlyADeadWriterLeavesAMark) {
 TEST(SharedLock, AWriterKilledBeforeItsTurnLeavesAnOpenGate) {
     ASSERT_EQ(ZEL_ShmReadLock(7), 0);
     Child writer = Child::start("hold", {"7", "w"});
-    ASSERT_TRUE(eventually(20, [] {  // until the gate is closed to others
-        Holder probe(7, 'r');
-        probe.release();
-        return probe.keepsWaiting();
+    std::optional<Holder> newcomer;
+    ASSERT_TRUE(eventually(20, [&] {  // until the gate is closed to others
+        newcomer.emplace(7, 'r');
+        newcomer->release();
+        return newcomer->keepsWaiting();
     }));
     writer.signal(SIGKILL);
     writer.wait();
-    EXPECT_TRUE(canTake(7, 'r'));
+    EXPECT_TRUE(newcomer->getsIt());
     EXPECT_EQ(ZEL_ShmReadUnLock(7), 0);
     ASSERT_EQ(ZEL_ShmWriteLock(7), 0);
     EXPECT_EQ(zelShmLockWasAbandoned(7), 0);
