@@ -1,0 +1,127 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "tests/support/eventually.h"
+#include "zel/kernel.h"
+
+using zel::test::eventually;
+
+namespace {
+
+// A pipe that collects what the log task writes.
+class LogPipe {
+public:
+    LogPipe() {
+        EXPECT_EQ(pipe2(fds_, O_CLOEXEC), 0);
+        fcntl(fds_[0], F_SETFL, O_NONBLOCK);
+    }
+    ~LogPipe() {
+        closeReader();
+        close(fds_[1]);
+    }
+    LogPipe(const LogPipe &) = delete;
+    LogPipe &operator=(const LogPipe &) = delete;
+
+    int fd() const { return fds_[1]; }
+    void closeReader() {
+        if (fds_[0] >= 0) close(fds_[0]);
+        fds_[0] = -1;
+    }
+    // Waits until what was written so far ends with `end`.
+    bool endsWith(const std::string &end) {
+        return eventually(20, [&] {
+            char chunk[4096];
+            for (ssize_t n; (n = read(fds_[0], chunk, sizeof chunk)) > 0;) text_.append(chunk, static_cast<size_t>(n));
+            return text_.size() >= end.size() && text_.compare(text_.size() - end.size(), end.size(), end) == 0;
+        });
+    }
+    const std::string &text() const { return text_; }
+
+private:
+    int fds_[2] = {-1, -1};
+    std::string text_;
+};
+
+intptr_t word(const char *text) {
+    return reinterpret_cast<intptr_t>(text);
+}
+
+}  // namespace
+
+TEST(Log, RefusesBeforeItIsStarted) {
+    EXPECT_EQ(logMsg("lost\n", 0, 0, 0, 0, 0, 0), -1);
+    EXPECT_EQ(logMsgsLost, 1u);
+    EXPECT_EQ(logFdAdd(1), -1);
+    EXPECT_EQ(logFdDelete(1), -1);
+    EXPECT_EQ(logFdSet(1), -1);
+    EXPECT_EQ(logInit(1, -1), -1);
+    EXPECT_EQ(logTaskId, 0);
+}
+
+TEST(Log, FormatsWhatIsQueuedAndStartsOnce) {
+    LogPipe pipe;
+    ASSERT_EQ(logInit(pipe.fd(), 4), 0);
+    EXPECT_EQ(logInit(pipe.fd(), 4), -1);
+    EXPECT_EQ(taskNameToId("tLogTask"), logTaskId);
+    EXPECT_EQ(logMsg("%d %s %x %c %ld %s\n", -5, word("two"), 0xabc, 'd', 1234567890, word("six")),
+              ZEL_LOG_RECORD_RESULT);
+    EXPECT_TRUE(pipe.endsWith("0x0 Zelnet-1-GEN_MSG: -5 two abc d 1234567890 six\n"));
+    const std::string name(30, 'n'), mnemonic(60, 'm');
+    EXPECT_EQ(zelLogMsg(name.c_str(), 6, mnemonic.c_str(), "cut\n", 0, 0, 0, 0, 0, 0), ZEL_LOG_RECORD_RESULT);
+    EXPECT_TRUE(pipe.endsWith("0x0 " + std::string(19, 'n') + "-6-" + std::string(49, 'm') + ": cut\n"));
+    const std::string longText(5000, 'l');
+    logMsg("%s|", word(longText.c_str()), 0, 0, 0, 0, 0);
+    EXPECT_TRUE(pipe.endsWith("GEN_MSG: " + longText + "|"));
+    EXPECT_EQ(logMsgsLost, 0u);
+}
+
+TEST(Log, CallersWaitForRoomAndLoseNothing) {
+    LogPipe pipe;
+    ASSERT_EQ(logInit(pipe.fd(), 2), 0);
+    for (int i = 0; i < 200; ++i) ASSERT_EQ(logMsg("line %d\n", i, 0, 0, 0, 0, 0), ZEL_LOG_RECORD_RESULT);
+    ASSERT_TRUE(pipe.endsWith("line 199\n"));
+    size_t at = 0;
+    for (int i = 0; i < 200; ++i) {
+        at = pipe.text().find("line " + std::to_string(i) + "\n", at);
+        ASSERT_NE(at, std::string::npos) << i;
+    }
+}
+
+TEST(Log, HoldsFiveDescriptorsInOrder) {
+    LogPipe first, second;
+    ASSERT_EQ(logInit(first.fd(), 8), 0);
+    EXPECT_EQ(logFdAdd(second.fd()), 0);
+    EXPECT_EQ(logFdAdd(second.fd()), 0);
+    EXPECT_EQ(logFdAdd(100), 0);
+    EXPECT_EQ(logFdAdd(101), 0);
+    EXPECT_EQ(logFdAdd(102), -1);
+    EXPECT_EQ(logFdDelete(102), -1);
+    EXPECT_EQ(logFdDelete(second.fd()), 0);
+    logMsg("once\n", 0, 0, 0, 0, 0, 0);
+    EXPECT_TRUE(first.endsWith("once\n"));
+    EXPECT_TRUE(second.endsWith("once\n"));
+    EXPECT_EQ(second.text().find("once"), second.text().rfind("once"));
+
+    // The descriptor set before and the remote login's make room for the one set now.
+    logFdFromRlogin = 100;
+    EXPECT_EQ(logFdSet(second.fd()), 0);
+    EXPECT_EQ(logFdFromRlogin, -1);
+    EXPECT_EQ(logFdDelete(first.fd()), -1);
+    EXPECT_EQ(logFdDelete(100), -1);
+    EXPECT_EQ(logFdSet(first.fd()), 0);
+    EXPECT_EQ(logFdDelete(first.fd()), 0);
+}
+
+TEST(Log, GoesOnPastADescriptorThatCannotBeWritten) {
+    LogPipe broken, whole;
+    ASSERT_EQ(logInit(broken.fd(), 8), 0);
+    EXPECT_EQ(logFdAdd(-7), 0);
+    EXPECT_EQ(logFdAdd(whole.fd()), 0);
+    broken.closeReader();
+    logMsg("through\n", 0, 0, 0, 0, 0, 0);
+    EXPECT_TRUE(whole.endsWith("through\n"));
+}
