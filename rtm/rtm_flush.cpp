@@ -16,7 +16,7 @@ constexpr Types pollerTypes = {ZEL_RTM_MSG_FLUSH_POLLER, ZEL_RTM_MSG_FLUSH_POLLE
                                ZEL_RTM_MSG_FLUSH_POLLER_V6};
 
 bool isKnown(int family) {
-    return asserted(isFamily(family), "family < 3", source);
+    return asserted(isFamily(family), "family < 3", sourceName);
 }
 
 int sendFlush(std::uint32_t type, std::uint32_t handle, std::uint32_t queue, std::uint32_t vrf) {

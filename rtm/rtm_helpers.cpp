@@ -69,11 +69,11 @@ int rtmIpRedirGetArrayIndex(int kind, uint32_t number) {
     const auto index = static_cast<int>(number);
     switch (kind) {
         case ZEL_RTM_REDIR_VLAN:
-            return zel::asserted(number <= RTM_MAX_VLANS, "vlanId <= RTM_MAX_VLANS", source) ? index : -1;
+            return zel::asserted(number <= RTM_MAX_VLANS, "vlanId <= RTM_MAX_VLANS", sourceName) ? index : -1;
         case ZEL_RTM_REDIR_LAG:
-            return zel::asserted(number <= RTM_MAX_LAGS, "lagId <= RTM_MAX_LAGS", source) ? firstLag + index : -1;
+            return zel::asserted(number <= RTM_MAX_LAGS, "lagId <= RTM_MAX_LAGS", sourceName) ? firstLag + index : -1;
         case ZEL_RTM_REDIR_SLOT:
-            return zel::asserted(number < RTM_MAX_LINECARDS, "slot < RTM_MAX_LINECARDS", source) ? firstSlot + index
+            return zel::asserted(number < RTM_MAX_LINECARDS, "slot < RTM_MAX_LINECARDS", sourceName) ? firstSlot + index
                                                                                                  : -1;
         default:
             return -1;

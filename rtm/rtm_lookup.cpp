@@ -13,7 +13,7 @@ constexpr char tooMany[] = "%s: number of routes %d %d too high for rtmh %d mlen
 
 int lookUp(std::uint32_t type, std::uint32_t handle, std::uint32_t subcommand, const zelIpcAddr *ipc, std::uint32_t vrf,
            void *query, void *tlvArea) {
-    if (!asserted(query, "query", source)) return 1;
+    if (!asserted(query, "query", sourceName)) return 1;
     const std::size_t length = tlvArea ? LookupMessage::sizeWithTlv : LookupMessage::size;
     std::uint8_t message[LookupMessage::sizeWithTlv] = {};
     LookupMessage::Handle::set(message, handle);
@@ -98,7 +98,7 @@ int zelRtmRecurRouteLookupIPv4(uint32_t handle, uint32_t subcommand, const zelIp
 
 int zelRtmRecurRouteLookupIPv4Tlv(uint32_t handle, uint32_t subcommand, const zelIpcAddr *ipc, uint32_t vrfId,
                                   void *query, void *tlvArea) {
-    if (!zel::asserted(tlvArea, "tlvArea", source)) return 1;
+    if (!zel::asserted(tlvArea, "tlvArea", sourceName)) return 1;
     return lookUp(ZEL_RTM_MSG_RECURSIVE_LOOKUP_TLV, handle, subcommand, ipc, vrfId, query, tlvArea);
 }
 
@@ -109,7 +109,7 @@ int zelRtmRecurRouteLookupIPv6(uint32_t handle, uint32_t subcommand, const zelIp
 
 int zelRtmPollRouteLookupIPv4(uint32_t handle, uint32_t subcommand, const zelIpcAddr *, uint32_t queue, uint32_t vrfId,
                               const void *query) {
-    if (!zel::asserted(query, "query", source)) return 1;
+    if (!zel::asserted(query, "query", sourceName)) return 1;
     const uint32_t match = Query::Match::get(query);
     if (!isSubcommand(subcommand) || (match != ZEL_RTM_MATCH_LONGEST && match != ZEL_RTM_MATCH_EXACT))
         zelErrorPrintf(traceModule, "RTM %s %d rtmh %p q %d subcmd is %d route-subcmd %d\r\n", __func__, __LINE__,

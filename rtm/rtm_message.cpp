@@ -47,7 +47,7 @@ bool buildIpcHeader(void *message, std::uint32_t type, std::size_t length) {
 }
 
 int sendAndReceive(void *message, std::uint32_t type, std::size_t length, std::size_t room, const zelIpcAddr *ipc) {
-    if (!asserted(ipc, "ipc", source)) return -1;
+    if (!asserted(ipc, "ipc", sourceName)) return -1;
     const int key = zelGetTaskKeyFromServiceAndInst(static_cast<int>(ipc->service), static_cast<int>(ipc->instance));
     if (key < 0 || !buildIpcHeader(message, type, length)) return -1;
     const int received = zelIpcSendWait(static_cast<std::uint32_t>(key), message, static_cast<int>(length),
@@ -64,7 +64,7 @@ int request(void *message, std::uint32_t type, std::size_t length, const zelIpcA
 
 void *allocateFor(std::uint32_t queue, std::size_t bytes) {
     const auto hook = hooksOf(queue).alloc;
-    return hook ? hook(static_cast<std::uint32_t>(bytes)) : zelMC_malloc(source, __LINE__, bytes);
+    return hook ? hook(static_cast<std::uint32_t>(bytes)) : zelMC_malloc(sourceName, __LINE__, bytes);
 }
 
 void release(std::uint32_t queue, void *message) {
@@ -72,7 +72,7 @@ void release(std::uint32_t queue, void *message) {
     if (hook)
         hook(message);
     else
-        zelMC_free(source, __LINE__, message);
+        zelMC_free(sourceName, __LINE__, message);
 }
 
 std::uint8_t *makeQueued(std::uint32_t queue, std::uint32_t type, std::size_t length) {

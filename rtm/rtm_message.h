@@ -144,7 +144,7 @@ struct CountersMessage {
     static constexpr std::size_t size = counters + 8 * ZEL_RTM_COUNTERS;
 };
 
-constexpr char source[] = "rtm_api";
+constexpr char sourceName[] = "rtm_api";
 constexpr std::uint32_t traceModule = 51;  // RTM
 
 enum Debug : std::uint32_t {

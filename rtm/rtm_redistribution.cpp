@@ -10,8 +10,8 @@ namespace {
 
 int sendTarget(std::uint32_t handle, std::uint32_t option, const zelIpcAddr *ipc, int family,
                const std::uint32_t *value) {
-    if (!asserted(ipc, "ipc", source) || !asserted(value, "value", source)) return 1;
-    if (!asserted(isFamily(family), "family < 3", source)) return 1;
+    if (!asserted(ipc, "ipc", sourceName) || !asserted(value, "value", sourceName)) return 1;
+    if (!asserted(isFamily(family), "family < 3", sourceName)) return 1;
     std::uint8_t message[ShortMessage::redistributionSize] = {};
     ShortMessage::Handle::set(message, handle);
     ShortMessage::Option::set(message, option);
@@ -72,7 +72,7 @@ int zelRtmRedistRestart(uint32_t handle, const zelIpcAddr *, uint32_t queue, uin
 }
 
 int zelRtmIsisTagInfo(uint32_t handle, const zelIpcAddr *, uint32_t queue, uint32_t vrfId, const zelRtmIsisTag *tag) {
-    if (!zel::asserted(tag, "tag", source)) return 1;
+    if (!zel::asserted(tag, "tag", sourceName)) return 1;
     std::uint8_t *message = makeQueued(queue, ZEL_RTM_MSG_ISIS_TAG, IsisTagMessage::size);
     if (!message) return 1;
     QueuedMessage::Handle::set(message, handle);
@@ -86,7 +86,7 @@ int zelRtmIsisTagInfo(uint32_t handle, const zelIpcAddr *, uint32_t queue, uint3
 
 int zelRtmUpdateDefaultInfo(uint32_t handle, const zelIpcAddr *, uint32_t queue, int family, uint32_t vrfId,
                             uint32_t originate, uint32_t metric) {
-    if (!zel::asserted(isFamily(family), "family < 3", source)) return 1;
+    if (!zel::asserted(isFamily(family), "family < 3", sourceName)) return 1;
     const uint32_t type = family == ZEL_RTM_IPV6_UNICAST ? ZEL_RTM_MSG_DEFAULT_INFO_V6 : ZEL_RTM_MSG_DEFAULT_INFO;
     std::uint8_t *message = makeQueued(queue, type, DefaultInfoMessage::size);
     if (!message) return 1;

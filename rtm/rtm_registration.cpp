@@ -30,7 +30,7 @@ void fillRegistration(std::uint8_t *message, std::uint32_t clientType, std::uint
 
 int registerClient(std::uint32_t type, std::uint32_t clientType, std::uint32_t scope, const char *name,
                    std::uint32_t *handle, const zelIpcAddr *ipc) {
-    if (!name || !handle || !asserted(ipc, "ipc", source)) return 1;
+    if (!name || !handle || !asserted(ipc, "ipc", sourceName)) return 1;
     std::uint8_t message[RegistrationMessage::size];
     fillRegistration(message, clientType, scope, name, *ipc);
     const int received = sendAndReceive(message, type, sizeof message, sizeof message, ipc);
@@ -95,7 +95,7 @@ int zelRtmV4V6Register(uint32_t clientType, uint32_t addressFamily, const char *
 }
 
 int zelRtmSendRegister(uint32_t clientType, uint32_t addressFamily, const char *name, const zelIpcAddr *ipc) {
-    if (!name || !zel::asserted(ipc, "ipc", source)) return 1;
+    if (!name || !zel::asserted(ipc, "ipc", sourceName)) return 1;
     const int key = zelGetTaskKeyFromServiceAndInst(static_cast<int>(ipc->service), static_cast<int>(ipc->instance));
     std::uint8_t message[RegistrationMessage::size];
     fillRegistration(message, clientType, addressFamily, name, *ipc);

@@ -51,22 +51,22 @@ std::uint8_t *makeBatch(std::uint32_t queue, std::uint32_t handle, std::uint8_t 
         zelErrorPrintf(traceModule, "Incorrect nnh from protocol [%#x] routes %d mlen %d route [%#x]", shortened(batch),
                        batch ? static_cast<int>(BatchMessage::Routes::get(batch)) : 0,
                        batch ? static_cast<int>(fillOf(batch)) : 0, shortened(&route));
-        return asserted(false, "route->nNextHops <= ZEL_RTM_MAX_NEXT_HOPS", source);
+        return asserted(false, "route->nNextHops <= ZEL_RTM_MAX_NEXT_HOPS", sourceName);
     }
-    return asserted(false, "route->tlvLen <= ZEL_RTM_MAX_TLV", source);
+    return asserted(false, "route->tlvLen <= ZEL_RTM_MAX_TLV", sourceName);
 }
 
 [[gnu::cold]] bool refuseFill(const void *batch) {
     zelErrorPrintf(traceModule, "oversize buffer from protocol [buf: %#x] mlen %ld", shortened(batch),
                    static_cast<long>(fillOf(batch)));
-    return asserted(false, "mlen < 8192", source);
+    return asserted(false, "mlen < 8192", sourceName);
 }
 
 bool mayAppend(const zelRtmRoute &route, int family, const std::uint8_t *batch) {
-    if (!isFamily(family)) return asserted(false, "family < 3", source);
+    if (!isFamily(family)) return asserted(false, "family < 3", sourceName);
     if (!isValid(route)) return refuseRoute(route, batch);
     if (!batch) return true;
-    if (BatchMessage::FamilyIndex::get(batch) != family) return asserted(false, "family of the batch", source);
+    if (BatchMessage::FamilyIndex::get(batch) != family) return asserted(false, "family of the batch", sourceName);
     const std::size_t end = fillOf(batch) + operationSize + recordSize(route, family);
     return end < BatchMessage::capacity || refuseFill(batch);
 }
