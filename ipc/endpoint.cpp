@@ -197,7 +197,9 @@ std::uint32_t thisTaskId() {
 }
 
 const char *selfName() {
+    const int error = errno;
     const char *name = taskName(0);
+    errno = error;
     return name ? name : "Unknown";
 }
 

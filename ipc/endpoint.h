@@ -111,6 +111,7 @@ int keyOfThisTask();
 // To be called after a record of this process changed its owner.
 void forgetCachedKeys();
 std::uint32_t thisTaskId();
+// The calling task's name for reports; leaves errno alone, which they report too.
 const char *selfName();
 // Name of the service that a queue id belongs to.
 const char *nameOfQueue(std::uint32_t queueId);

@@ -49,6 +49,7 @@ bool DuplicateFilter::wasNoted(std::uint32_t address, std::uint32_t queueId, std
 }
 
 bool openFilter(Endpoint &endpoint) {
+    closeFilter(endpoint);
     void *memory = zelMC_malloc("zelIpcLib", __LINE__, sizeof(DuplicateFilter));
     if (!memory) return false;
     Lock lock(guaranteedLock);

@@ -72,8 +72,8 @@ bool readBufferSizes(zelIpcQueueDesc &descriptor) {
     return true;
 }
 
-void mirrorOpenState(const Endpoint &endpoint, std::uint32_t mask) {
-    zelIpcEndpoint *record = sharedRecord(endpoint.service, endpoint.instance);
+// The record is looked up before endpointLock is taken, since that may attach the segment.
+void mirrorOpenState(zelIpcEndpoint *record, std::uint32_t mask) {
     if (!record) return;
     storeWord(record->openMask, mask);
     storeWord(record->state, mask != 0 ? 1 : 0);
@@ -97,6 +97,7 @@ std::uint32_t queueIdOf(const Endpoint &endpoint, std::uint32_t type) {
 
 void installQueue(Endpoint &endpoint, std::uint32_t type, OwnedLink &link) {
     const std::uint32_t queueId = queueIdOf(endpoint, type);
+    zelIpcEndpoint *record = sharedRecord(endpoint.service, endpoint.instance);
     Lock lock(endpointLock);
     Queue &queue = endpoint.queues[type];
     queue.counters.clear();
@@ -105,18 +106,19 @@ void installQueue(Endpoint &endpoint, std::uint32_t type, OwnedLink &link) {
     queue.descriptor = std::exchange(link.descriptor, {});
     endpoint.highestSocket = std::max(endpoint.highestSocket, queue.descriptor.socket);
     queue.socket.store(queue.descriptor.socket, std::memory_order_release);
-    mirrorOpenState(endpoint, endpoint.openMask.fetch_or(openBit(type), std::memory_order_acq_rel) | openBit(type));
+    mirrorOpenState(record, endpoint.openMask.fetch_or(openBit(type), std::memory_order_acq_rel) | openBit(type));
 }
 
 // Takes a queue out of the endpoint, so that no new operation finds it, then closes its socket.
 void removeQueue(Endpoint &endpoint, std::uint32_t type) {
     zelIpcQueueDesc descriptor{};
+    zelIpcEndpoint *record = sharedRecord(endpoint.service, endpoint.instance);
     {
         Lock lock(endpointLock);
         Queue &queue = endpoint.queues[type];
         const std::uint32_t mask =
             endpoint.openMask.fetch_and(~openBit(type), std::memory_order_acq_rel) & ~openBit(type);
-        mirrorOpenState(endpoint, mask);
+        mirrorOpenState(record, mask);
         descriptor = std::exchange(queue.descriptor, {});
         if (descriptor.inUse) queue.counters.droppedByHost = platform::droppedByHost(descriptor.socket);
         queue.socket.store(-1, std::memory_order_release);
@@ -128,32 +130,29 @@ bool isExchangeOpen(const Endpoint &endpoint) {
     return endpoint.isOpen(requestQueue) && endpoint.isOpen(responseQueue);
 }
 
-bool openRequestQueue(Endpoint &endpoint) {
-    if (endpoint.isOpen(requestQueue)) return true;
-    OwnedLink link;
-    if (zel_ipcCreateLink(&link.descriptor, queueIdOf(endpoint, requestQueue)) == ZEL_ERROR) {
-        zelErrorPrintf(traceModule, "Failed to create request socket fd for %s", selfName());
-        return false;
-    }
-    if (!openFilter(endpoint)) return false;
-    installQueue(endpoint, requestQueue, link);
-    return true;
+bool createLink(const Endpoint &endpoint, std::uint32_t type, OwnedLink &link) {
+    if (zel_ipcCreateLink(&link.descriptor, queueIdOf(endpoint, type)) == ZEL_OK) return true;
+    zelErrorPrintf(traceModule, "Failed to create %s socket fd for %s", type == requestQueue ? "request" : "response",
+                   selfName());
+    return false;
 }
 
-bool openResponseQueue(Endpoint &endpoint) {
-    OwnedLink link;
-    if (zel_ipcCreateLink(&link.descriptor, queueIdOf(endpoint, responseQueue)) == ZEL_ERROR) {
-        zelErrorPrintf(traceModule, "Failed to create response socket fd for %s", selfName());
+bool createResponseSemaphore(OwnedLink &link) {
+    link.descriptor.responseSemaphore = semBCreate(ZEL_SEM_PRIORITY, 1);
+    if (link.descriptor.responseSemaphore != 0) return true;
+    zelErrorPrintf(traceModule, "Failed to create ipc_rspq_sem for %s", selfName());
+    return false;
+}
+
+// Nothing is installed before everything is there: a half open endpoint could neither be closed nor opened again.
+bool openExchange(Endpoint &endpoint) {
+    OwnedLink request, response;
+    if (!createLink(endpoint, requestQueue, request) || !createLink(endpoint, responseQueue, response) ||
+        !openFilter(endpoint) || !createResponseSemaphore(response))
         return false;
-    }
-    const zelSemId semaphore = semBCreate(ZEL_SEM_PRIORITY, 1);
-    if (semaphore == 0) {
-        zelErrorPrintf(traceModule, "Failed to create ipc_rspq_sem for %s", selfName());
-        return false;
-    }
-    link.descriptor.responseSemaphore = semaphore;
-    endpoint.responseSemaphore.store(semaphore, std::memory_order_release);
-    installQueue(endpoint, responseQueue, link);
+    endpoint.responseSemaphore.store(response.descriptor.responseSemaphore, std::memory_order_release);
+    installQueue(endpoint, requestQueue, request);
+    installQueue(endpoint, responseQueue, response);
     return true;
 }
 
@@ -168,19 +167,15 @@ void recordOwner(Endpoint &endpoint) {
         endpoint.row = services[static_cast<std::size_t>(endpoint.service)];
         clearBits(record->flags, ZEL_IPC_FLAG_CLOSING);
     }
-    mirrorOpenState(endpoint, endpoint.openMask.load(std::memory_order_acquire));
-}
-
-void closeRequestQueue(Endpoint &endpoint) {
-    closeFilter(endpoint);
-    removeQueue(endpoint, requestQueue);
+    mirrorOpenState(record, endpoint.openMask.load(std::memory_order_acquire));
 }
 
 // Waits for a running exchange to end; false when another task closed the endpoint meanwhile.
 bool closeExchange(Endpoint &endpoint) {
     const zelSemId semaphore = endpoint.responseSemaphore.load(std::memory_order_acquire);
     if (semTake(semaphore, WAIT_FOREVER) != ZEL_OK) return false;
-    closeRequestQueue(endpoint);
+    closeFilter(endpoint);
+    removeQueue(endpoint, requestQueue);
     removeQueue(endpoint, responseQueue);
     semDelete(semaphore);
     return true;
@@ -245,13 +240,7 @@ int zelIpcOpen(int service, int instance) {
     if (isExchangeOpen(*endpoint)) return key;
     const int error = errno;
     // Another task of this process may have opened the endpoint while this one waited for the ports.
-    if (!openRequestQueue(*endpoint)) return isExchangeOpen(*endpoint) ? key : ZEL_ERROR;
-    if (!openResponseQueue(*endpoint)) {
-        // A half open endpoint could neither be closed nor be opened again.
-        const int cause = errno;
-        closeRequestQueue(*endpoint);
-        return fail(cause);
-    }
+    if (!openExchange(*endpoint)) return isExchangeOpen(*endpoint) ? key : ZEL_ERROR;
     recordOwner(*endpoint);
     errno = error;
     return key;
