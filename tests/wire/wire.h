@@ -1,0 +1,33 @@
+// Rows of the wire test: each makes the library send one message, and golden.txt holds the bytes it must send.
+//
+//     WIRE_ROW(task_ready) { return zelTaskReady(Wire::key) == 0; }
+//
+// Rows run in one process, in the order of their names, over a network that only records. The row's message is the
+// last one sent. Messages carry this CPU's address as 192.0.2.1. In golden.txt a line is `name: hex bytes`; blanks
+// count for nothing, and a dot stands for a hex digit that differs from run to run (process ids).
+#pragma once
+
+#include <cstdint>
+
+#include "tests/support/fake_network.h"
+#include "zel/ipc.h"
+
+namespace zel::test {
+
+struct Wire {
+    static constexpr std::uint32_t address = 0xc0000201;
+    static constexpr std::uint32_t peer = 0xc0000202;
+    static constexpr int service = 61;  // whose endpoint, with all three queues, is open
+    static constexpr int instance = 0;
+    static constexpr std::uint32_t key = 61 << 7;
+    static FakeNetwork &network();
+    // Adds a row at start-up of the program.
+    Wire(const char *name, bool (*body)());
+};
+
+}  // namespace zel::test
+
+#define WIRE_ROW(name)                                               \
+    static bool wireRow_##name();                                    \
+    static const zel::test::Wire wire_##name(#name, wireRow_##name); \
+    static bool wireRow_##name()

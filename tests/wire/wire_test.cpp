@@ -1,0 +1,82 @@
+// The exact bytes of every message, against golden.txt.
+#include "tests/wire/wire.h"
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <fstream>
+#include <map>
+#include <string>
+
+#include "zel/kernel.h"
+
+namespace zel::test {
+namespace {
+
+std::map<std::string, bool (*)()> &rows() {
+    static std::map<std::string, bool (*)()> all;
+    return all;
+}
+
+FakeNetwork *installed = nullptr;
+
+std::map<std::string, std::string> readGolden() {
+    std::map<std::string, std::string> golden;
+    std::ifstream file(ZEL_TEST_DIR "/wire/golden.txt");
+    for (std::string line; std::getline(file, line);) {
+        const auto colon = line.find(':');
+        if (line.empty() || line[0] == '#' || colon == std::string::npos) continue;
+        std::string &digits = golden[line.substr(0, colon)];
+        for (const char c : line.substr(colon + 1))
+            if (!isspace(static_cast<unsigned char>(c))) digits += c;
+    }
+    return golden;
+}
+
+std::string hex(const Bytes &bytes) {
+    std::string digits;
+    for (const std::uint8_t byte : bytes) {
+        digits += "0123456789abcdef"[byte >> 4];
+        digits += "0123456789abcdef"[byte & 15];
+    }
+    return digits;
+}
+
+// Puts the golden line's dots into the sent digits.
+std::string masked(std::string sent, const std::string &golden) {
+    for (std::size_t i = 0; i < sent.size() && i < golden.size(); ++i)
+        if (golden[i] == '.') sent[i] = '.';
+    return sent;
+}
+
+}  // namespace
+
+Wire::Wire(const char *name, bool (*body)()) {
+    rows()[name] = body;
+}
+
+FakeNetwork &Wire::network() {
+    return *installed;
+}
+
+TEST(Wire, EveryMessageHasItsGoldenBytes) {
+    ASSERT_EQ(zelIpcOpen(Wire::service, Wire::instance), static_cast<int>(Wire::key));
+    ASSERT_EQ(zelIpcOpenTmrQueue(Wire::key), static_cast<int>(Wire::key));
+    const zelTmeGlobals globals{Wire::address, 0, {Wire::address, Wire::peer}};
+    ASSERT_EQ(zelTmeSetGlobals(&globals), 0);
+    FakeNetwork network;
+    installed = &network;
+    auto golden = readGolden();
+    for (const auto &[name, body] : rows()) {
+        network.sent.clear();
+        network.onSend = nullptr;
+        EXPECT_TRUE(body()) << name;
+        ASSERT_FALSE(network.sent.empty()) << name;
+        const std::string sent = hex(network.sent.back().bytes);
+        EXPECT_EQ(masked(sent, golden[name]), golden[name]) << name << ": " << sent;
+        golden.erase(name);
+    }
+    for (const auto &[name, digits] : golden) ADD_FAILURE() << "no row sends " << name;
+}
+
+}  // namespace zel::test
