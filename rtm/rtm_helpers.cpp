@@ -74,7 +74,7 @@ int rtmIpRedirGetArrayIndex(int kind, uint32_t number) {
             return zel::asserted(number <= RTM_MAX_LAGS, "lagId <= RTM_MAX_LAGS", sourceName) ? firstLag + index : -1;
         case ZEL_RTM_REDIR_SLOT:
             return zel::asserted(number < RTM_MAX_LINECARDS, "slot < RTM_MAX_LINECARDS", sourceName) ? firstSlot + index
-                                                                                                 : -1;
+                                                                                                     : -1;
         default:
             return -1;
     }

@@ -339,14 +339,14 @@ typedef struct {
     uint64_t accepted;
     uint64_t duplicates;
     uint64_t gaps;
-    uint64_t unknown;     /* of a stream whose beginning this receiver does not know */
-    uint64_t stale;       /* of a stream that was replaced; not answered */
-    uint64_t malformed;   /* no stream message at all; not answered */
-    uint64_t streams;     /* begun */
-    uint64_t forgotten;   /* sources dropped for want of room */
+    uint64_t unknown;   /* of a stream whose beginning this receiver does not know */
+    uint64_t stale;     /* of a stream that was replaced; not answered */
+    uint64_t malformed; /* no stream message at all; not answered */
+    uint64_t streams;   /* begun */
+    uint64_t forgotten; /* sources dropped for want of room */
     uint64_t acksSent;
     uint64_t ackFailures;
-    uint32_t sources;     /* known now */
+    uint32_t sources; /* known now */
 } zelSwpReceiverStats;
 zelSwpReceiver *zelSwpReceiverCreate(uint32_t key, uint32_t maxSources, uint32_t ackInterval);
 int zelSwpReceiverAccept(zelSwpReceiver *receiver, const void *message, int length);

@@ -72,7 +72,7 @@ TEST(MsgQId, AnyOtherAddressIsRefusedUnread) {
     char onStack[512] = {};
     for (const std::uintptr_t garbage :
          {std::uintptr_t{0}, std::uintptr_t{1}, UINTPTR_MAX, address + 1, address + 64, address - 64, address + 4096,
-          address - 4096, address ^ 0x100000000, reinterpret_cast<std::uintptr_t>(onStack)})
+          address - 4096, address ^ ~(UINTPTR_MAX >> 1), reinterpret_cast<std::uintptr_t>(onStack)})
         expectRefused(reinterpret_cast<zelMsgQId>(garbage));
     EXPECT_EQ(send(queue, "still"), ZEL_OK);
     EXPECT_EQ(msgQDelete(queue), ZEL_OK);
