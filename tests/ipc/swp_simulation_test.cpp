@@ -20,6 +20,7 @@ public:
     Stream(World &world, uint32_t total, int window, uint32_t capacity, uint32_t ackInterval)
         : world_(world), total_(total), buffers_(capacity + 1) {
         world.network.watch({});
+        zelSwp_log_limit = 1'000'000'000;
         EXPECT_EQ(zelSwpQueueCreate(61, 0, 76, 0, capacity, static_cast<uint32_t>(window), 1, 255, World::note, &queue),
                   0);
         receiver_.reset(zelSwpReceiverCreate(world.receiverKey, 0, ackInterval));

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "ipc/ipc_header.h"

@@ -15,7 +15,6 @@ namespace {
 
 constexpr std::uint64_t second = 1'000'000'000;
 constexpr std::uint64_t travelTime = 100'000;
-constexpr std::uint64_t jitter = 20'000;
 constexpr std::uint64_t longWay = 5'000'000;  // of a datagram that is overtaken
 
 Simulation &of(void *context) {
@@ -112,7 +111,6 @@ void Simulation::send(std::uint32_t port, Bytes bytes) {
 
 void Simulation::schedule(std::uint32_t port, Bytes bytes) {
     std::uint64_t time = now_ + travelTime;
-    if (faults_.reordering > 0) time += random_() % jitter;
     if (happens(faults_.reordering)) time += random_() % longWay;
     network_.push({time, order_++, port, std::move(bytes)});
 }
