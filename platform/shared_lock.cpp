@@ -5,15 +5,18 @@
 // them to leave; the gate is shut for newcomers, but a thread that reads already may come in again, or its nested read
 // and the writer would wait for each other.
 //
-// Readers mark themselves in a slot of their process. A process has up to four slots, so that its threads seldom meet
-// on a line; a slot has a count per lock. Reader and writer meet as Dekker had it: the reader counts itself, then looks
-// at the writer word; the writer sets the word, then looks at the counts. Both are sequentially consistent, so at least
-// one of them sees the other. A reader that sees `active` withdraws; a writer that sees a count goes back to `closing`.
-// Between two uncontended reads nothing is shared but the writer word, which nobody changes.
+// Readers count themselves in a block that their process owns: its first threads each on a line of their own, which
+// nobody else writes, all further threads together on the common line. Reader and writer meet as Dekker had it: the
+// reader counts itself, then looks at the writer word; the writer sets the word, then looks at the counts. Both are
+// sequentially consistent, so at least one of them sees the other. A reader that sees `active` withdraws; a writer that
+// sees a count goes back to `closing`, and to `active` again before it looks for the last time. An uncontended read is
+// one exchange on a line of the thread's own and, when it ends, a plain store.
 //
-// Holds of a process are alike: a read taken by one thread may be released by any other, which takes it off whatever
-// slot of the process has one. How deep a thread reads is kept with the thread, as a hint that only decides who passes
-// a closing gate; exclusion never depends on it.
+// Holds of a process are alike: any thread may release a read that another one took. It cannot write that thread's
+// line, so it takes the hold off the common line, whose counts may thus fall below zero; the process reads as long as
+// the sum is above zero, and the owner of a line settles debts with it when it comes by next. Sums are read while
+// others change their parts, and still never come out too small: from `active` on nobody comes to stay, the common
+// count is read before the lines, and settling lifts the common count before it lowers a line.
 //
 // Nothing needs to be undone when a process is killed. Whoever waits looks every 100 ms whether the process it waits
 // for exists: a dead writer's word is cleared and leaves a mark when it may have written; a dead reader's slot is
@@ -22,6 +25,8 @@
 //
 // A waiter sleeps on `released` (for the writer word) or `drained` (a closing writer, for readers). The flag
 // `isAwaited` saves the releaser the call when nobody sleeps; it is set before the word is looked at for the last time.
+// A reader that leaves by its plain store can miss a writer that is just closing the gate, which therefore naps briefly
+// at first.
 #include <errno.h>
 #include <pthread.h>
 #include <time.h>
@@ -32,6 +37,7 @@
 #include <climits>
 #include <cstdint>
 
+#include "base/host_check.h"
 #include "base/lock_rank.h"
 #include "platform/futex.h"
 #include "platform/process.h"
@@ -43,9 +49,9 @@ namespace zel::platform {
 namespace {
 
 constexpr int lockCount = ZEL_SHM_LOCKS;
-constexpr int slotCount = 1024;
-constexpr int slotsPerProcess = 4;
-constexpr std::uint64_t sliceNanoseconds = 100'000'000;
+constexpr std::size_t blockCount = 480;
+constexpr unsigned linesPerBlock = 3;
+constexpr std::uint64_t sliceNanoseconds = 100'000'000, firstNapNanoseconds = 50'000;
 constexpr std::size_t lineBytes = 128;  // two lines: hosts fetch them in pairs
 
 // Locks that are taken under other locks of the library.
@@ -73,17 +79,23 @@ struct alignas(lineBytes) Gate {
     std::atomic<std::uint32_t> isAwaited;
     std::atomic<std::uint32_t> drained;
     std::atomic<std::uint32_t> isAbandoned;
+    std::atomic<std::uint32_t> wasEverRead;  // most locks never are, and their writers need not look for readers
 };
 
-struct alignas(lineBytes) Slot {
-    std::array<std::atomic<std::uint32_t>, lockCount> depth;
+struct alignas(lineBytes) Line {
+    std::array<std::atomic<std::int32_t>, lockCount> reads;
+};
+
+struct Block {
+    Line common;
+    std::array<Line, linesPerBlock> lines;
 };
 
 struct Table {
     std::array<Gate, lockCount> gates;
-    std::array<std::atomic<Word>, slotCount> slotOwners;
-    alignas(lineBytes) std::atomic<int> usedSlots;  // none at or above this number was ever taken
-    std::array<Slot, slotCount> slots;
+    std::array<std::atomic<Word>, blockCount> owners;
+    alignas(lineBytes) std::atomic<std::size_t> usedBlocks;  // none at or above this number was ever taken
+    std::array<Block, blockCount> blocks;
 };
 static_assert(sizeof(Table) <= sectionBytes[static_cast<std::size_t>(Section::locks)]);
 static_assert(std::atomic<Word>::is_always_lock_free);
@@ -92,25 +104,45 @@ static_assert(std::atomic<Word>::is_always_lock_free);
 
 constinit std::atomic<Table *> attachedTable{nullptr};
 constinit std::atomic<Word> selfWord{0};
-constinit std::array<std::atomic<Slot *>, slotsPerProcess> ownSlots{};
-constinit std::atomic<unsigned> threadsSoFar{0};
+constinit std::atomic<Block *> ownBlock{nullptr};
+constinit std::atomic<unsigned> takenLines{0};  // a bit per line of the own block
+pthread_key_t lineKey;                          // hands a thread's line back when it ends
 
 struct ThreadState {
-    Slot *slot;
-    std::array<std::uint16_t, lockCount> depth;
+    Block *block;                                 // null before the thread's first read
+    Line *line;                                   // null: on the common line
+    std::array<std::uint16_t, lockCount> nested;  // without a line: how often the thread reads; only a hint
 };
 __attribute__((tls_model("initial-exec"))) constinit thread_local ThreadState thisThread{};
 
 // A forked child owns nothing of what its parent holds.
 void forgetInChild() {
     selfWord = 0;
-    for (auto &slot : ownSlots) slot = nullptr;
+    ownBlock = nullptr;
+    takenLines = 0;
     thisThread = ThreadState{};
+}
+
+// What the thread still holds goes to the common line.
+void handBackLine(void *) {
+    const ThreadState &thread = thisThread;
+    if (thread.line == nullptr) return;
+    for (std::size_t lock = 0; lock < lockCount; ++lock) {
+        thread.block->common.reads[lock].fetch_add(thread.line->reads[lock].load());
+        thread.line->reads[lock].store(0);
+    }
+    takenLines.fetch_and(~(1u << (thread.line - thread.block->lines.data())));
+    thisThread = ThreadState{};
+}
+
+void prepareProcess() {
+    pthread_atfork(nullptr, nullptr, forgetInChild);
+    hostCheck(pthread_key_create(&lineKey, handBackLine) == 0, "pthread_key_create (shared locks)");
 }
 
 Table *attachTable() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_atfork(nullptr, nullptr, forgetInChild); });
+    pthread_once(&once, prepareProcess);
     const int savedErrno = errno;
     auto *table = sysSectionAs<Table>(Section::locks);
     if (table == nullptr) return nullptr;
@@ -133,60 +165,72 @@ Word self() {
     return word;
 }
 
-// ---- Slots --------------------------------------------------------------------------------------------------------
+// ---- Blocks -------------------------------------------------------------------------------------------------------
 
-// Empties a slot that was `owner`'s and makes it this process's; false when somebody else was faster.
-bool seizeSlot(Table &locks, int index, Word owner) {
-    const auto i = static_cast<std::size_t>(index);
-    if (!locks.slotOwners[i].compare_exchange_strong(owner, self())) return false;
-    for (auto &depth : locks.slots[i].depth) depth.store(0);
+// Makes the block of `owner` this process's, and empties it; false when somebody else was faster.
+bool seizeBlock(Table &locks, std::size_t index, Word owner) {
+    if (!locks.owners[index].compare_exchange_strong(owner, self())) return false;
+    Block &block = locks.blocks[index];
+    for (auto &reads : block.common.reads) reads.store(0);
+    for (auto &line : block.lines)
+        for (auto &reads : line.reads) reads.store(0);
     return true;
 }
 
-Slot *claimSlot(Table &locks) {
-    for (int i = 0; i < slotCount; ++i) {
-        const Word owner = locks.slotOwners[static_cast<std::size_t>(i)].load();
-        if (owner == self() || (owner != 0 && isOwnerAlive(owner)) || !seizeSlot(locks, i, owner)) continue;
-        int used = locks.usedSlots.load();
-        while (used <= i && !locks.usedSlots.compare_exchange_weak(used, i + 1)) {
+Block *claimBlock(Table &locks) {
+    for (std::size_t i = 0; i < blockCount; ++i) {
+        const Word owner = locks.owners[i].load();
+        if (owner == self() || (owner != 0 && isOwnerAlive(owner)) || !seizeBlock(locks, i, owner)) continue;
+        std::size_t used = locks.usedBlocks.load();
+        while (used <= i && !locks.usedBlocks.compare_exchange_weak(used, i + 1)) {
         }
-        return &locks.slots[static_cast<std::size_t>(i)];
+        return &locks.blocks[i];
     }
     return nullptr;
 }
 
-void giveBackSlot(Table &locks, const Slot *slot) {
-    locks.slotOwners[static_cast<std::size_t>(slot - locks.slots.data())].store(0);
+Block *blockOfProcess(Table &locks) {
+    if (Block *own = ownBlock.load()) return own;
+    Block *claimed = claimBlock(locks), *known = nullptr;
+    if (claimed == nullptr || ownBlock.compare_exchange_strong(known, claimed)) return claimed;
+    locks.owners[static_cast<std::size_t>(claimed - locks.blocks.data())].store(0);
+    return known;  // another thread's claim came first
 }
 
-// The calling thread's slot, claimed at first use; null when the table is full of living processes.
-Slot *slotOfThread(Table &locks) {
-    auto &own = ownSlots[threadsSoFar.fetch_add(1) % slotsPerProcess];
-    if (own.load() == nullptr) {
-        Slot *claimed = claimSlot(locks), *none = nullptr;
-        if (claimed != nullptr && !own.compare_exchange_strong(none, claimed)) giveBackSlot(locks, claimed);
+// Finds the calling thread a place to count in; false when the table is full of living processes.
+bool join(Table &locks) {
+    thisThread.block = blockOfProcess(locks);
+    if (thisThread.block == nullptr) return false;
+    for (unsigned i = 0; i < linesPerBlock; ++i) {
+        if ((takenLines.fetch_or(1u << i) >> i & 1) != 0) continue;
+        thisThread.line = &thisThread.block->lines[i];
+        hostCheck(pthread_setspecific(lineKey, thisThread.line) == 0, "pthread_setspecific (shared locks)");
+        break;
     }
-    thisThread.slot = own.load();
-    for (auto &other : ownSlots)
-        if (thisThread.slot == nullptr) thisThread.slot = other.load();
-    return thisThread.slot;
+    return true;
 }
 
-void emptySlotsOfDeadReaders(Table &locks, std::size_t lock) {
-    const int used = locks.usedSlots.load();
-    for (int i = 0; i < used; ++i) {
-        const auto index = static_cast<std::size_t>(i);
-        const Word owner = locks.slotOwners[index].load();
-        if (locks.slots[index].depth[lock].load() == 0 || owner == 0 || isOwnerAlive(owner)) continue;
-        if (seizeSlot(locks, i, owner)) locks.slotOwners[index].store(0);
-    }
+std::int32_t readsOf(const Block &block, std::size_t lock) {
+    std::int32_t sum = block.common.reads[lock].load();
+    for (const auto &line : block.lines) sum += line.reads[lock].load();
+    return sum;
 }
 
 bool hasReaders(const Table &locks, std::size_t lock) {
-    const auto used = static_cast<std::size_t>(locks.usedSlots.load());
+    if (locks.gates[lock].wasEverRead.load() == 0) return false;
+    const std::size_t used = locks.usedBlocks.load();
     for (std::size_t i = 0; i < used; ++i)
-        if (locks.slots[i].depth[lock].load() != 0) return true;
+        if (readsOf(locks.blocks[i], lock) > 0) return true;
     return false;
+}
+
+void emptyBlocksOfDeadReaders(Table &locks, std::size_t lock) {
+    const std::size_t used = locks.usedBlocks.load();
+    for (std::size_t i = 0; i < used; ++i) {
+        const Word owner = locks.owners[i].load();
+        if (readsOf(locks.blocks[i], lock) == 0 || owner == 0 || isOwnerAlive(owner)) continue;
+        if (seizeBlock(locks, i, owner)) locks.owners[i].store(0);
+    }
 }
 
 // ---- Waiting ------------------------------------------------------------------------------------------------------
@@ -251,39 +295,69 @@ void wakeClosingWriter(Gate &gate) {
     futexWake(gate.drained, INT_MAX, true);
 }
 
-bool takeOff(std::atomic<std::uint32_t> &depth) {
-    std::uint32_t count = depth.load(std::memory_order_relaxed);
-    while (count != 0)
-        if (depth.compare_exchange_weak(count, count - 1)) return true;
-    return false;
+// Pays what the process owes on the common line with this thread's reads that others released.
+void settle(const ThreadState &thread, std::size_t lock) {
+    auto &common = thread.block->common.reads[lock];
+    auto &own = thread.line->reads[lock];
+    std::int32_t debt = common.load();
+    const std::int32_t payment = std::min(-debt, own.load());
+    if (payment > 0 && common.compare_exchange_strong(debt, debt + payment)) own.fetch_sub(payment);
 }
 
-bool takeOffAnySlot(std::size_t lock) {
-    for (auto &own : ownSlots)
-        if (Slot *slot = own.load(); slot != nullptr && takeOff(slot->depth[lock])) return true;
-    return false;
+// Counts one more read of the calling thread; whether it reads already.
+bool addRead(ThreadState &thread, std::size_t lock) {
+    if (thread.line == nullptr) {
+        thread.block->common.reads[lock].fetch_add(1);
+        return thread.nested[lock]++ != 0;
+    }
+    if (thread.block->common.reads[lock].load(std::memory_order_relaxed) < 0) [[unlikely]]
+        settle(thread, lock);
+    auto &own = thread.line->reads[lock];
+    const std::int32_t before = own.load(std::memory_order_relaxed);
+    own.exchange(before + 1);
+    return before != 0;
 }
 
-// Whether this process reads elsewhere than by the one count just added. A thread whose hold another thread released
-// would otherwise pass closing gates for good.
-bool readsAlready(std::size_t lock) {
-    std::uint32_t holds = 0;
-    for (auto &own : ownSlots)
-        if (const Slot *slot = own.load()) holds += slot->depth[lock].load();
-    return holds > 1;
+void withdrawRead(ThreadState &thread, std::size_t lock) {
+    Line &line = thread.line != nullptr ? *thread.line : thread.block->common;
+    line.reads[lock].fetch_sub(1);
+    if (thread.line == nullptr) --thread.nested[lock];
 }
 
-// The count stands in the slot and the lock has a writer: stays, or withdraws and comes back until it may stay.
-void passGate(Gate &gate, Slot &slot, std::size_t lock) {
-    const bool isNested = thisThread.depth[lock] != 0 && readsAlready(lock);
-    if (!isNested) thisThread.depth[lock] = 0;
+// The read is counted and the lock has a writer: stays, or withdraws and comes back until it may stay.
+void passGate(Gate &gate, std::size_t lock, bool isNested) {
+    ThreadState &thread = thisThread;
+    // A thread without a line does not learn that others released its reads.
+    isNested = isNested && readsOf(*thread.block, lock) > 1;
+    if (!isNested) thread.nested[lock] = 1;
     Slice slice;
     while (!mayPass(gate.writer.load(), isNested)) {
-        slot.depth[lock].fetch_sub(1);
+        withdrawRead(thread, lock);
         wakeClosingWriter(gate);
         while (!mayPass(gate.writer.load(), isNested)) awaitRelease(gate, slice, isNested);
-        slot.depth[lock].fetch_add(1);
+        addRead(thread, lock);
     }
+}
+
+bool releaseOwnRead(const ThreadState &thread, std::size_t lock) {
+    if (thread.line == nullptr || thread.block->common.reads[lock].load(std::memory_order_relaxed) < 0) return false;
+    auto &own = thread.line->reads[lock];
+    const std::int32_t before = own.load(std::memory_order_relaxed);
+    if (before > 0) own.store(before - 1, std::memory_order_release);
+    return before > 0;
+}
+
+bool releaseReadOfProcess(ThreadState &thread, std::size_t lock) {
+    Block *block = ownBlock.load();
+    if (block == nullptr) return false;
+    std::int32_t common = block->common.reads[lock].load();
+    do {
+        std::int32_t sum = common;
+        for (const auto &line : block->lines) sum += line.reads[lock].load();
+        if (sum <= 0) return false;
+    } while (!block->common.reads[lock].compare_exchange_weak(common, common - 1));
+    if (thread.line == nullptr && thread.nested[lock] != 0) --thread.nested[lock];
+    return true;
 }
 
 // ---- Writing ------------------------------------------------------------------------------------------------------
@@ -294,11 +368,12 @@ void drainReaders(Table &locks, Gate &gate, std::size_t lock) {
     while (hasReaders(locks, lock)) {
         gate.writer.store(self() | closing);
         wakeWaiters(gate);
-        for (;;) {
+        for (std::uint64_t nap = firstNapNanoseconds;; nap *= 2) {
             const std::uint32_t event = gate.drained.load();
             if (!hasReaders(locks, lock)) break;
-            futexWait(gate.drained, event, slice.end(), true);
-            if (slice.isOver()) emptySlotsOfDeadReaders(locks, lock);
+            futexWait(gate.drained, event, std::min(hostMonotonic() + nap, slice.end()), true);
+            if (slice.isOver()) emptyBlocksOfDeadReaders(locks, lock);
+            nap = std::min(nap, sliceNanoseconds);
         }
         gate.writer.store(self() | active);
     }
@@ -330,15 +405,16 @@ ZEL_WEAK int ZEL_ShmReadLock(int number) {
     const auto lock = static_cast<std::size_t>(number);
     Table *locks = table();
     if (locks == nullptr) return -1;
-    Slot *slot = thisThread.slot != nullptr ? thisThread.slot : slotOfThread(*locks);
-    if (slot == nullptr) return fail(ENOSPC);
+    ThreadState &thread = thisThread;
+    if (thread.block == nullptr && !join(*locks)) return fail(ENOSPC);
     checkNoRankHeld(leafLocks >> number & 1);
     pthread_testcancel();
 
-    slot->depth[lock].fetch_add(1);
-    if (locks->gates[lock].writer.load() != isFree) [[unlikely]]
-        passGate(locks->gates[lock], *slot, lock);
-    ++thisThread.depth[lock];
+    Gate &gate = locks->gates[lock];
+    if (gate.wasEverRead.load(std::memory_order_relaxed) == 0) gate.wasEverRead.store(1);
+    const bool isNested = addRead(thread, lock);
+    if (gate.writer.load() != isFree) [[unlikely]]
+        passGate(gate, lock, isNested);
     return 0;
 }
 
@@ -347,9 +423,8 @@ ZEL_WEAK int ZEL_ShmReadUnLock(int number) {
     const auto lock = static_cast<std::size_t>(number);
     Table *locks = table();
     if (locks == nullptr) return -1;
-    Slot *slot = thisThread.slot;
-    if (!(slot != nullptr && takeOff(slot->depth[lock])) && !takeOffAnySlot(lock)) return fail(EPERM);
-    if (thisThread.depth[lock] != 0) --thisThread.depth[lock];
+    ThreadState &thread = thisThread;
+    if (!releaseOwnRead(thread, lock) && !releaseReadOfProcess(thread, lock)) return fail(EPERM);
     wakeClosingWriter(locks->gates[lock]);
     return 0;
 }

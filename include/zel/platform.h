@@ -139,7 +139,7 @@ enum {
 /* Attaches the locks, creating them when this process is the first. Optional: the other calls do so themselves. */
 int ZEL_InitShmSem(void);
 
-/* Any number of processes and threads read together. ENOSPC: too many processes read (some 1,000). */
+/* Any number of processes and threads read together. ENOSPC: too many processes read (some 480). */
 int ZEL_ShmReadLock(int lock);
 int ZEL_ShmReadUnLock(int lock);
 
