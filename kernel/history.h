@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "base/wire.h"
 
@@ -31,7 +32,7 @@ struct HistoryBuffer {
 // Sets pTraceHistory to the buffers of this CPU, or to buffers of this process where no shared memory can be had.
 void attachHistory();
 
-// Writes one entry, or counts a repeat; the caller is Uninterrupted.
-void recordInHistory(const char *text, std::uint32_t moduleId, std::uint32_t level, std::uint32_t repeatCount);
+// Records a message: as an entry, or as a repeat of the one before it in its buffer. The caller is Uninterrupted.
+void recordInHistory(std::string_view text, std::uint32_t moduleId, std::uint32_t level);
 
 }  // namespace zel::kernel

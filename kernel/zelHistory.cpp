@@ -4,8 +4,12 @@
 // lock 4 guards them. Its holder may be killed at any moment: an entry counts only once the index has moved past it,
 // and the index is bounded when it is read, so the next writer repairs nothing.
 //
+// A message that equals the one before it in the same buffer is counted, not recorded again. The time stamp takes part
+// in the comparison: repeats are counted within one second only, and the same message a second later stands by itself.
+//
 // A repeat beyond the first rewrites the entry before the index and leaves the index where it is, yet module and level
 // are noted at the index; the next entry overwrites them there.
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -18,13 +22,16 @@
 #include "zel/platform.h"
 
 uint8_t **pTraceHistory = nullptr;
+char lastMsg[ZEL_TRACE_BUFFERS][200];  // these two are guarded by the history's lock
+uint32_t lastMsgCount[ZEL_TRACE_BUFFERS];
 
 namespace zel::kernel {
 namespace {
 
 constexpr int historyLock = 4;
 constexpr std::size_t bufferStride = 624'640;
-constexpr std::size_t lastTextByte = HistoryBuffer::textBytes - 1;
+constexpr std::size_t maxEntryText = HistoryBuffer::textBytes - 3;  // the line end and the NUL have fixed places
+constexpr std::size_t comparedBytes = sizeof lastMsg[0] - 1;
 
 static_assert(HistoryBuffer::size == ZEL_TRACE_BUFFER_BYTES);
 static_assert(HistoryBuffer::size <= bufferStride);
@@ -80,11 +87,11 @@ std::uint32_t storedLevel(std::uint32_t level) {
     }
 }
 
-void writeEntry(char *entry, const char *text) {
-    strncpy(entry, text, lastTextByte - 2);
-    entry[lastTextByte - 2] = '\r';
-    entry[lastTextByte - 1] = '\n';
-    entry[lastTextByte] = '\0';
+void writeEntry(char *entry, std::string_view text) {
+    const std::size_t length = std::min(text.size(), maxEntryText);
+    memcpy(entry, text.data(), length);
+    memset(entry + length, 0, maxEntryText - length);
+    memcpy(entry + maxEntryText, "\r\n", 3);
 }
 
 void writeRepeats(char *entry, std::uint32_t count) {
@@ -101,20 +108,9 @@ void advance(std::uint8_t *buffer, std::uint32_t index) {
     HistoryBuffer::Index::set(buffer, 0);
 }
 
-}  // namespace
-
-void attachHistory() {
-    static BufferTable table = findBuffers();
-    std::atomic_ref(pTraceHistory).store(table.buffers, std::memory_order_release);
-}
-
-void recordInHistory(const char *text, std::uint32_t moduleId, std::uint32_t level, std::uint32_t repeatCount) {
-    if (std::atomic_ref(pTraceHistory).load(std::memory_order_acquire) == nullptr) {
-        printf("Trace history is null.. somthing bad.. %s\n", text);
-        attachHistory();
-    }
-    std::uint8_t *buffer = std::atomic_ref(pTraceHistory).load(std::memory_order_acquire)[getBufferIndex(level)];
-    const HistoryLock lock;
+// Writes the entry at the index, or one that says how often the entry before it was repeated.
+void write(std::uint8_t *buffer, std::string_view text, std::uint32_t moduleId, std::uint32_t level,
+           std::uint32_t repeatCount) {
     std::uint32_t index = HistoryBuffer::Index::get(buffer);
     if (index >= HistoryBuffer::entries) index = 0;
     wire::store(HistoryBuffer::module(buffer, index), moduleId);
@@ -129,6 +125,39 @@ void recordInHistory(const char *text, std::uint32_t moduleId, std::uint32_t lev
     advance(buffer, index);
 }
 
+// How often the message was repeated so far: 0 when it differs from the one before it.
+std::uint32_t countRepeats(std::string_view text, int buffer) {
+    char *last = lastMsg[buffer];
+    const std::size_t length = std::min(text.size(), comparedBytes);
+    if (memcmp(text.data(), last, length) == 0 && last[length] == '\0') return ++lastMsgCount[buffer];
+    memcpy(last, text.data(), length);
+    last[length] = '\0';
+    return lastMsgCount[buffer] = 0;
+}
+
+// The buffers' table, attached now when it is not yet; that is reported with the text at hand.
+std::uint8_t **buffers(const char *text) {
+    std::uint8_t **known = std::atomic_ref(pTraceHistory).load(std::memory_order_acquire);
+    if (known != nullptr) return known;
+    printf("Trace history is null.. somthing bad.. %s\n", text);
+    attachHistory();
+    return std::atomic_ref(pTraceHistory).load(std::memory_order_acquire);
+}
+
+}  // namespace
+
+void attachHistory() {
+    static BufferTable table = findBuffers();
+    std::atomic_ref(pTraceHistory).store(table.buffers, std::memory_order_release);
+}
+
+void recordInHistory(std::string_view text, std::uint32_t moduleId, std::uint32_t level) {
+    const int index = getBufferIndex(level);
+    std::uint8_t *buffer = buffers(text.data())[index];
+    const HistoryLock lock;
+    write(buffer, text, moduleId, level, countRepeats(text, index));
+}
+
 }  // namespace zel::kernel
 
 int getBufferIndex(uint32_t level) {
@@ -137,6 +166,8 @@ int getBufferIndex(uint32_t level) {
 
 int WriteStringToHistory(const char *text, uint32_t moduleId, uint32_t level, uint32_t repeatCount) {
     const zel::kernel::Uninterrupted uninterrupted;
-    zel::kernel::recordInHistory(text, moduleId, level, repeatCount);
+    uint8_t *buffer = zel::kernel::buffers(text)[getBufferIndex(level)];
+    const zel::kernel::HistoryLock lock;
+    zel::kernel::write(buffer, text, moduleId, level, repeatCount);
     return 0;
 }

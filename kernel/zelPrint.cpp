@@ -3,10 +3,6 @@
 // A message is put together in a buffer on the stack: time stamp, kind, module and task, then the caller's text.
 // Nothing is allocated, and standard output is touched only when local printing is on or tracing is not initialised.
 // The time stamp changes once a second, so each thread keeps the last one it formatted.
-//
-// A message that equals the one before it in the same buffer is counted, not recorded again. The time stamp takes part
-// in the comparison: repeats are counted within one second only, and the same message a second later stands by itself.
-// Two threads that print at once may miscount repeats; the slot itself is never torn.
 #include <strings.h>
 
 #include <array>
@@ -20,6 +16,7 @@
 #include <string_view>
 
 #include "base/lock.h"
+#include "kernel/format.h"
 #include "kernel/history.h"
 #include "kernel/uninterrupted.h"
 #include "platform/seam.h"
@@ -29,8 +26,6 @@
 uint32_t *moduleTraceFlags = nullptr;
 uint8_t g_EnableLocalPrinting = 0;
 uint32_t zelHwTraceFlag = 1;
-char lastMsg[ZEL_TRACE_BUFFERS][200];
-uint32_t lastMsgCount[ZEL_TRACE_BUFFERS];
 
 namespace zel::kernel {
 namespace {
@@ -71,11 +66,8 @@ constexpr std::array<const char *, 17> kindOfLevel = {
 };
 
 constexpr std::uint32_t notInHistory = 0x80000000u;  // bit of a module's trace word: keep plain traces out
-constexpr std::size_t comparedBytes = sizeof lastMsg[0] - 1;
 constexpr std::size_t nameBytesCompared = 24;
 constexpr const char *processorTag = "CPBLOB";
-
-Mutex lastMsgLock(LockRank::module, "&last_msg_lock");
 
 class TimeStamp {
 public:
@@ -122,6 +114,25 @@ public:
     }
 
     void appendFormatted(const char *format, va_list args) {
+        va_list again;
+        va_copy(again, args);
+        if (const auto length = formatSimply(text_ + length_, maxText - length_, format, args))
+            length_ += *length;
+        else
+            appendAnyFormat(format, again);
+        va_end(again);
+    }
+
+    void endLine() {
+        memcpy(text_ + length_, "\r\n", 3);
+        length_ += 2;
+    }
+    bool isCut() const { return isCut_; }
+    const char *text() const { return text_; }
+    std::size_t length() const { return length_; }
+
+private:
+    void appendAnyFormat(const char *format, va_list args) {
         const std::size_t room = maxText - length_;
         text_[length_] = '\0';
         const int needed = vsnprintf(text_ + length_, room + 1, format, args);
@@ -129,11 +140,6 @@ public:
         length_ += strnlen(text_ + length_, room);
     }
 
-    void endLine() { memcpy(text_ + length_, "\r\n", 3); }
-    bool isCut() const { return isCut_; }
-    const char *text() const { return text_; }
-
-private:
     char text_[bufferBytes];
     std::size_t length_ = 0;
     bool isCut_ = false;
@@ -181,26 +187,15 @@ std::uint32_t traceWord(std::uint32_t *flags, std::uint32_t moduleId) {
     return std::atomic_ref(flags[moduleId]).load(std::memory_order_relaxed);
 }
 
-// How often the message was repeated so far: 0 when it differs from the one before it.
-std::uint32_t countRepeats(const char *text, std::uint32_t level) {
-    const int buffer = getBufferIndex(level);
-    const Lock lock(lastMsgLock);
-    if (strncmp(text, lastMsg[buffer], comparedBytes) == 0) return ++lastMsgCount[buffer];
-    const std::size_t length = strnlen(text, comparedBytes);
-    memcpy(lastMsg[buffer], text, length);
-    lastMsg[buffer][length] = '\0';
-    return lastMsgCount[buffer] = 0;
-}
-
-void route(const char *text, std::uint32_t level, std::uint32_t moduleId) {
-    if (std::atomic_ref(g_EnableLocalPrinting).load(std::memory_order_relaxed) == 1) printLocally(text);
+void route(const Message &message, std::uint32_t level, std::uint32_t moduleId) {
+    if (std::atomic_ref(g_EnableLocalPrinting).load(std::memory_order_relaxed) == 1) printLocally(message.text());
     std::uint32_t *flags = traceFlags();
     if (flags == nullptr) {
-        printLocally(text);
+        printLocally(message.text());
         return printLocally("ZEL_TRACE or ZEL_ERROR called even before trace init.\r");
     }
     if (level == levelTrace && (traceWord(flags, moduleId) & notInHistory) != 0) return;
-    recordInHistory(text, moduleId, level, countRepeats(text, level));
+    recordInHistory({message.text(), message.length()}, moduleId, level);
 }
 
 bool isHardwareTraced() {
@@ -229,7 +224,7 @@ int zelMsgPrintf(uint32_t level, uint32_t moduleId, const char *format, va_list 
     message.appendFormatted(format, args);
     if (message.isCut()) reportCut(moduleId);
     message.endLine();
-    route(message.text(), level, moduleId);
+    route(message, level, moduleId);
     return 0;
 }
 
