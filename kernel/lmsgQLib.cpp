@@ -22,7 +22,7 @@
 #include <utility>
 
 #include "kernel/task.h"
-#include "platform/scheduling.h"
+#include "platform/quick_mutex.h"
 #include "platform/seam.h"
 
 using zel::LockRank;
@@ -36,10 +36,10 @@ using MessageLength = std::uint32_t;
 enum class QueueState : std::uint8_t { free, live, dying, gone };
 enum class LastSend : std::uint8_t { normal = ZEL_MSG_NORMAL, urgent = ZEL_MSG_URGENT };
 
-struct alignas(64) zelMsgQ {
-    pthread_mutex_t lock;  // guards every field below down to the list's
-    char *head;            // slot of the oldest message
-    char *tail;            // slot where the next normal message goes
+struct alignas(256) zelMsgQ {
+    zel::platform::QuickMutex lock;  // guards every field below down to the list's
+    char *head;                      // slot of the oldest message
+    char *tail;                      // slot where the next normal message goes
     char *start;
     char *last;
     WaitList receivers;
@@ -52,8 +52,8 @@ struct alignas(64) zelMsgQ {
     bool isPriorityOrder;
     QueueState state;
     LastSend lastSend;
-    bool isLockReady;  // guarded by listLock, as what follows
-    zelMsgQ *next;
+    std::atomic<bool> wasUsed;  // the lock is initialised; written under listLock
+    zelMsgQ *next;              // guarded by listLock
 };
 
 namespace zel::kernel {
@@ -84,33 +84,74 @@ void unlink(Queue *&list, const Queue &queue) {
     *link = queue.next;
 }
 
+// Guards a queue's lock. The caller is in a kernel section, so it is not stopped inside.
+class QueueLock {
+public:
+    QueueLock() = default;
+    explicit QueueLock(Queue &queue) { take(queue); }
+    QueueLock(const QueueLock &) = delete;
+    QueueLock &operator=(const QueueLock &) = delete;
+    ~QueueLock() {
+        if (isHeld_) unlock();
+    }
+    void take(Queue &queue) {
+        lock_ = &queue.lock;
+        lock();
+    }
+    void lock() {
+        lock_->lock();
+        noteLockTaken(LockRank::object, lockText);
+        isHeld_ = true;
+    }
+    void unlock() {
+        isHeld_ = false;
+        noteLockReleased(LockRank::object);
+        lock_->unlock();
+    }
+
+private:
+    platform::QuickMutex *lock_ = nullptr;
+    bool isHeld_ = false;
+};
+
+// Any address may be asked for: only those of blocks are looked at.
+bool isBlock(const Queue *queue) {
+    const auto offset = reinterpret_cast<std::uintptr_t>(queue) - reinterpret_cast<std::uintptr_t>(queues);
+    return offset < sizeof queues && offset % sizeof(Queue) == 0;
+}
+
 // A queue in use whose lock the caller holds, or nothing.
 class HeldQueue {
 public:
-    HeldQueue() = default;
-    HeldQueue(Queue &queue, Lock &&lock) : queue_(&queue), lock_(std::move(lock)) {}
+    explicit HeldQueue(zelMsgQId id) {
+        if (!isBlock(id) || !id->wasUsed.load(std::memory_order_acquire)) return;
+        lock_.take(*id);
+        if (id->state == QueueState::live || id->state == QueueState::dying) queue_ = id;
+    }
     HeldQueue(const HeldQueue &) = delete;
     HeldQueue &operator=(const HeldQueue &) = delete;
-    ~HeldQueue() { letGo(); }
+    ~HeldQueue() {
+        if (queue_ != nullptr) letGo();
+    }
 
     explicit operator bool() const { return queue_ != nullptr; }
     Queue *operator->() const { return queue_; }
     Queue &operator*() const { return *queue_; }
-    Lock &lock() { return *lock_; }
+    QueueLock &lock() { return lock_; }
 
     // Let the task go on whose turn it is.
     void wakeReceiver() { wakeNext(queue_->receivers); }
     void wakeSender() { wakeNext(queue_->senders); }
     // Wakes whoever can go on now.
     void passOn();
-    void letGo();
 
 private:
+    void letGo();
     void wakeNext(const WaitList &list);
 
     Queue *queue_ = nullptr;
     Unparking unparking_;  // before the lock: wakes when that is released
-    std::optional<Lock> lock_;
+    QueueLock lock_;
 };
 
 // Frees a queue that everybody has left.
@@ -118,7 +159,7 @@ void retire(Queue &queue) {
     char *buffer;
     {
         Lock list(listLock);
-        Lock lock(queue.lock, LockRank::object, lockText);
+        QueueLock lock(queue);
         unlink(queueList, queue);
         queue.state = QueueState::free;
         buffer = std::exchange(queue.start, nullptr);
@@ -129,26 +170,15 @@ void retire(Queue &queue) {
     release(buffer);
 }
 
-void HeldQueue::letGo() {
-    if (!lock_ || !lock_->isHeld()) return;
+inline void HeldQueue::letGo() {
+    if (queue_->state == QueueState::live) [[likely]]
+        return;
     const bool isOver = queue_->state == QueueState::dying && queue_->receivers.isEmpty() &&
                         queue_->senders.isEmpty() && queue_->drainers.isEmpty();
-    if (isOver) queue_->state = QueueState::gone;
-    lock_->unlock();
-    if (isOver) retire(*queue_);
-}
-
-// Any address may be asked for: only those of blocks that have been used are looked at.
-bool isBlock(const Queue *queue) {
-    const auto offset = reinterpret_cast<std::uintptr_t>(queue) - reinterpret_cast<std::uintptr_t>(queues);
-    return offset < sizeof queues && offset % sizeof(Queue) == 0;
-}
-
-HeldQueue find(zelMsgQId id) {
-    if (!isBlock(id)) return {};
-    Lock lock(id->lock, LockRank::object, lockText);
-    if (id->state != QueueState::live && id->state != QueueState::dying) return {};
-    return {*id, std::move(lock)};
+    if (!isOver) return;
+    queue_->state = QueueState::gone;
+    lock_.unlock();
+    retire(*queue_);
 }
 
 // ---- Creation ----
@@ -177,10 +207,9 @@ Queue *publish(char *buffer, int maxMessages, int maxLength, int options) {
     Lock list(listLock);
     Queue *queue = takeBlock();
     if (queue == nullptr) return nullptr;
-    if (!queue->isLockReady)
-        hostCheck(platform::initMutex(queue->lock) == 0, "!pthread_mutex_init (&(queue->queue_lock))");
-    queue->isLockReady = true;
-    Lock lock(queue->lock, LockRank::object, lockText);
+    if (!queue->wasUsed) queue->lock.init(lockText);
+    queue->wasUsed.store(true, std::memory_order_release);
+    QueueLock lock(*queue);
     setUp(*queue, buffer, maxMessages, maxLength, options);
     append(queueList, *queue);
     return queue;
@@ -306,7 +335,7 @@ int waitAndDo(HeldQueue &queue, WaitList &list, int ticks, Condition isReady, Ac
 
 int send(zelMsgQId id, const char *bytes, std::uint32_t length, int ticks, bool isUrgent) {
     KernelSection section;
-    HeldQueue queue = find(id);
+    HeldQueue queue(id);
     if (!queue) return ZEL_ERR_INVALID_OBJECT_ID;
     if (queue->state == QueueState::dying) return ZEL_ERR_OBJECT_DELETED;
     if (length > queue->maxLength) return ZEL_ERR_INVALID_MSG_LENGTH;
@@ -321,7 +350,7 @@ int send(zelMsgQId id, const char *bytes, std::uint32_t length, int ticks, bool 
 
 int receive(zelMsgQId id, char *bytes, std::uint32_t size, int ticks, MessageLength &length) {
     KernelSection section;
-    HeldQueue queue = find(id);
+    HeldQueue queue(id);
     if (!queue) return ZEL_ERR_INVALID_OBJECT_ID;
     if (queue->state == QueueState::dying) return ZEL_ERR_OBJECT_DELETED;
     if (size < queue->maxLength) return ZEL_ERR_INVALID_MSG_LENGTH;
@@ -351,7 +380,7 @@ private:
 
 int destroy(zelMsgQId id) {
     KernelSection section;
-    HeldQueue queue = find(id);
+    HeldQueue queue(id);
     if (!queue) return ZEL_ERR_INVALID_OBJECT_ID;
     if (queue->state == QueueState::dying) return ZEL_ERR_OBJECT_DELETED;
     queue->state = QueueState::dying;
@@ -394,7 +423,7 @@ std::size_t takePictures(Picture *pictures, std::size_t most) {
     Lock list(listLock);
     std::size_t number = 0;
     for (Queue *queue = queueList; queue != nullptr && number < most; queue = queue->next) {
-        Lock lock(queue->lock, LockRank::object, lockText);
+        QueueLock lock(*queue);
         pictures[number++] = {queue, queue->count, queue->isPriorityOrder, lastSendName(*queue)};
     }
     return number;
@@ -435,7 +464,7 @@ int msgQReceive(zelMsgQId queue, char *buffer, uint32_t maxNBytes, int timeoutTi
 
 static int numberOfMessages(zelMsgQId id) {
     KernelSection section;
-    HeldQueue queue = find(id);
+    HeldQueue queue(id);
     return queue ? static_cast<int>(queue->count) : ZEL_ERROR;
 }
 

@@ -88,12 +88,25 @@ bool isTurnOf(const WaitList &list, const Tcb &task, bool isPriorityOrder);
 
 enum class Parked { woken, timedOut };
 
-// Waits with `objectLock` released until unpark(), the deadline (monotonic nanoseconds), or without a cause; a task
-// that is suspended meanwhile stays here, holding nothing, until it is resumed. Returns with the lock held again. A
+// The steps of park() around the release of the object's lock.
+void beginPark(Tcb &self);
+bool sleepParked(Tcb &self, std::uint64_t deadline);
+Parked endPark(Tcb &self, bool isInTime);
+
+// Waits with `objectLock` (a Lock, or another guard with lock() and unlock()) released until unpark(), the deadline
+// (monotonic nanoseconds), or without a cause; a task that is suspended meanwhile stays here, holding nothing, until it is resumed. Returns with the lock held again. A
 // cancelled task unwinds from here with the lock held, so that the caller's guards see the object locked.
 //
 // Wake-ups are not lost: the caller joined the wait list under `objectLock`, and whoever unparks holds it.
-Parked park(Lock &objectLock, std::uint64_t deadline);
+template <class Guard>
+Parked park(Guard &objectLock, std::uint64_t deadline) {
+    Tcb &self = currentTask();
+    beginPark(self);
+    objectLock.unlock();
+    const bool isInTime = sleepParked(self, deadline);
+    objectLock.lock();
+    return endPark(self, isInTime);
+}
 // Makes the park of `task`, present or next, return. The object's lock is held.
 void unpark(Tcb &task);
 void unparkAll(const WaitList &list);
@@ -105,10 +118,14 @@ public:
     Unparking() = default;
     Unparking(const Unparking &) = delete;
     Unparking &operator=(const Unparking &) = delete;
-    ~Unparking();
+    ~Unparking() {
+        if (word_ != nullptr) wake();
+    }
     void mark(Tcb &task);
 
 private:
+    void wake() const;
+
     const std::atomic<std::uint32_t> *word_ = nullptr;
 };
 

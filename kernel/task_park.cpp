@@ -84,17 +84,20 @@ bool isTurnOf(const WaitList &list, const Tcb &task, bool isPriorityOrder) {
     return isPriorityOrder || list.head == &task;
 }
 
-Parked park(Lock &objectLock, std::uint64_t deadline) {
-    Tcb &self = currentTask();
-    std::atomic<std::uint32_t> &word = atomicWord(self.parkWord);
-    word.store(mayParkWord);
+void beginPark(Tcb &self) {
+    atomicWord(self.parkWord).store(mayParkWord);
     pthread_testcancel();
-    objectLock.unlock();
-    const bool isInTime = sleepOn(word, deadline);
+}
+
+bool sleepParked(Tcb &self, std::uint64_t deadline) {
+    const bool isInTime = sleepOn(atomicWord(self.parkWord), deadline);
     stayWhileSuspended(self);
-    objectLock.lock();
+    return isInTime;
+}
+
+Parked endPark(Tcb &self, bool isInTime) {
     pthread_testcancel();
-    const bool wasUnparked = word.exchange(0) != mayParkWord;
+    const bool wasUnparked = atomicWord(self.parkWord).exchange(0) != mayParkWord;
     return isInTime || wasUnparked ? Parked::woken : Parked::timedOut;
 }
 
@@ -115,9 +118,9 @@ void Unparking::mark(Tcb &task) {
     word_ = &word;
 }
 
-Unparking::~Unparking() {
+void Unparking::wake() const {
     // The task may have gone by now, and its memory with it: the wake-up only names the address.
-    if (word_ != nullptr) platform::futexWake(*word_, 1);
+    platform::futexWake(*word_, 1);
 }
 
 void wakeWatchers(Tcb &task) {

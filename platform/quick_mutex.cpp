@@ -1,0 +1,37 @@
+#include "platform/quick_mutex.h"
+
+#include "base/lock.h"
+#include "platform/futex.h"
+#include "platform/process_fence.h"
+#include "platform/scheduling.h"
+#include "platform/seam.h"
+
+namespace zel::platform {
+
+void QuickMutex::init(const char *name) {
+    name_ = name;
+    isQuick_ = !isRealTime() && fenceAllThreads();
+    hostCheck(initMutex(host_) == 0, "!pthread_mutex_init");
+}
+
+void QuickMutex::lockSlowly() {
+    if (!isQuick_) {
+        if (pthread_mutex_lock(&host_) != 0) mutexCallFailed("pthread_mutex_lock", name_, __FILE__, __LINE__, __func__);
+        return;
+    }
+    contenders_.fetch_add(1);
+    fenceAllThreads();
+    for (std::uint32_t open = 0; !held_.compare_exchange_strong(open, 1, std::memory_order_acquire); open = 0)
+        futexWait(held_, 1, forever);
+    contenders_.fetch_sub(1);
+}
+
+void QuickMutex::unlockHost() {
+    if (pthread_mutex_unlock(&host_) != 0) mutexCallFailed("pthread_mutex_unlock", name_, __FILE__, __LINE__, __func__);
+}
+
+void QuickMutex::wakeContender() {
+    futexWake(held_, 1);
+}
+
+}  // namespace zel::platform
