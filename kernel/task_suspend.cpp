@@ -136,6 +136,7 @@ using namespace zel;
 using namespace zel::kernel;
 
 int taskSuspend(zelTaskId tid) {
+    cancellationPoint();
     const KernelSection section;
     return result(suspend(tid));
 }

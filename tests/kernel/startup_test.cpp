@@ -1,0 +1,105 @@
+// Start-up: the service tasks and their priorities, round-robin, real-time scheduling where the host grants it.
+#include <sched.h>
+
+#include <cstdlib>
+
+#include "platform/scheduling.h"
+#include "tests/kernel/tasks.h"
+#include "tests/support/child.h"
+
+namespace zel::test {
+namespace {
+
+class StartUp : public KernelTest {};
+
+TEST_F(StartUp, TheLibraryMayBeInitialisedOften) {
+    EXPECT_EQ(vx2bsdLibInit(), 0);
+    EXPECT_EQ(init_system(), 0);
+    EXPECT_EQ(vx2bsd_start(0, 0, 1, 1), 0);
+    EXPECT_EQ(taskCount(), 0);
+}
+
+TEST_F(StartUp, TheServiceTasksRunAboveAllOthers) {
+    startServices();
+    const zelTcb *exception = taskTcb(taskNameToId("tExcTask"));
+    const zelTcb *timer = taskTcb(taskNameToId("tTimerTask"));
+    ASSERT_NE(exception, nullptr);
+    ASSERT_NE(timer, nullptr);
+    EXPECT_EQ(exception->prv_priority.sched_priority, 254);
+    EXPECT_EQ(timer->prv_priority.sched_priority, 253);
+    int priority = -1;
+    EXPECT_EQ(taskPriorityGet(exception->id, &priority), ZEL_OK);
+    EXPECT_EQ(priority, 0);
+    EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, vx2bsd_start(1, 1, 0, 0));
+    EXPECT_EQ(taskCount(), 2);
+    EXPECT_EQ(spawn([] {}), 1);  // they take no small id
+}
+
+TEST_F(StartUp, GivenPrioritiesAreMappedOneHigherThanThoseOfOtherTasks) {
+    ASSERT_EQ(vx2bsd_start(1, 1, 10, 4000), ZEL_OK);
+    EXPECT_EQ(field(taskNameToId("tExcTask"), &zelTcb::currentPriority), 245);
+    EXPECT_EQ(field(taskNameToId("tTimerTask"), &zelTcb::currentPriority), 0);
+}
+
+TEST_F(StartUp, EachServiceTaskMayBeStartedAlone) {
+    ASSERT_EQ(vx2bsd_start(0, 1, 0, 0), ZEL_OK);
+    EXPECT_EQ(taskNameToId("tExcTask"), ZEL_ERROR);
+    ASSERT_EQ(vx2bsd_start(1, 0, 0, 0), ZEL_OK);
+    EXPECT_NE(taskNameToId("tExcTask"), ZEL_ERROR);
+}
+
+TEST_F(StartUp, TimeSlicesFlipRoundRobinForAllTasks) {
+    spawn([&] { gate.wait(); });
+    zelTcb idle;
+    ASSERT_EQ(init(idle, [] {}), ZEL_OK);
+    EXPECT_EQ(kernelTimeSlice(-3), ZEL_OK);
+    EXPECT_EQ(roundRobinIsEnabled(), 1);
+    EXPECT_EQ(kernelTimeSlice(0), ZEL_OK);
+    EXPECT_EQ(roundRobinIsEnabled(), 0);
+    enableRoundRobin();
+    EXPECT_EQ(round_robin_enabled, 1);
+    disableRoundRobin();
+    EXPECT_EQ(roundRobinIsEnabled(), 0);
+    EXPECT_EQ(taskDelete(idle.id), ZEL_OK);
+}
+
+// Policy and host priority of a task, as the host sees them.
+std::pair<int, int> hostScheduling(zelTaskId tid) {
+    int policy = -1;
+    sched_param parameters{};
+    pthread_getschedparam(field(tid, &zelTcb::pthrid), &policy, &parameters);
+    return {policy, parameters.sched_priority};
+}
+
+// Runs with real-time scheduling where that is granted; the tasks sleep, so that nothing else of the host is held up.
+ZEL_CHILD(realTimeTasks) {
+    vx2bsdLibInit();
+    if (!platform::isRealTime()) return 77;
+    Gate gate;
+    const zelTaskId tid = spawn([&] { gate.wait(); }, "rt", 100);
+    const auto expect = [&](int policy, int logical) {
+        return hostScheduling(tid) == std::pair{policy, platform::hostPriority(logical)} ? 0 : 1;
+    };
+    int bad = expect(SCHED_FIFO, 154);
+    taskPrioritySet(tid, 0);
+    bad |= expect(SCHED_FIFO, 254) << 1;
+    kernelTimeSlice(1);
+    bad |= expect(SCHED_RR, 254) << 2;
+    taskRestart(tid);
+    bad |= expect(SCHED_RR, 254) << 3;
+    kernelTimeSlice(0);
+    bad |= expect(SCHED_FIFO, 254) << 4;
+    gate.open();
+    return bad | (ends(tid) ? 0 : 1 << 5);
+}
+
+TEST(RealTime, PrioritiesReachTheHost) {
+    unsetenv("ZEL_REALTIME");
+    Child child = Child::start("realTimeTasks");
+    const int result = child.wait();
+    if (result == 77) GTEST_SKIP() << "this host grants no real-time priorities";
+    EXPECT_EQ(result, 0);
+}
+
+}  // namespace
+}  // namespace zel::test

@@ -1,0 +1,265 @@
+// Suspension: the task does nothing more on return, wherever it was, and nothing else is held up.
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+
+#include "base/lock.h"
+#include "kernel/task.h"
+#include "platform/seam.h"
+#include "tests/kernel/tasks.h"
+
+namespace zel::test {
+namespace {
+
+class Suspend : public KernelTest {
+protected:
+    static int rounds() { return getenv("ZEL_TEST_FULL") != nullptr ? 1000 : 200; }
+    // Reads `counter` often enough for a running task to be seen.
+    static bool standsStill(const std::atomic<std::uint64_t> &counter) {
+        const std::uint64_t stopped = counter;
+        for (int i = 0; i < 20; ++i) {
+            breathe();
+            if (counter != stopped) return false;
+        }
+        return true;
+    }
+    bool goesOn(std::uint64_t seen) {
+        return eventually(20, [&] { return counter > seen; });
+    }
+    std::atomic<std::uint64_t> counter{0};
+};
+
+TEST_F(Suspend, ABusyTaskStandsStillOnReturn) {
+    const zelTaskId tid = spawn([&] {
+        while (!gate.isOpen()) ++counter;
+    });
+    for (int i = 0; i < rounds(); ++i) {
+        ASSERT_EQ(taskSuspend(tid), ZEL_OK);
+        ASSERT_TRUE(standsStill(counter)) << i;
+        ASSERT_EQ(taskIsSuspended(tid), 1);
+        ASSERT_EQ(taskIsReady(tid), 0);
+        const std::uint64_t seen = counter;
+        ASSERT_EQ(taskResume(tid), ZEL_OK);
+        ASSERT_EQ(taskIsSuspended(tid), 0);
+        ASSERT_TRUE(i % 50 != 0 || goesOn(seen));
+    }
+}
+
+TEST_F(Suspend, ATaskInAndOutOfTheKernelStandsStillAndHoldsNothing) {
+    const Body bodies[] = {
+        [&] {
+            while (!gate.isOpen()) {
+                taskLock();
+                ++counter;
+                taskUnlock();
+            }
+        },
+        [&] {
+            while (!gate.isOpen()) {
+                taskDelay(0);
+                ++counter;
+            }
+        },
+        [&] {
+            const zelWdogId watchdog = wdCreate();
+            while (!gate.isOpen()) {
+                wdStart(watchdog, 1, nullptr, 0);
+                ++counter;
+                wdCancel(watchdog);
+            }
+            wdDelete(watchdog);
+        },
+        [&] {
+            while (!gate.isOpen()) {
+                char name[20];
+                taskInfoGet(taskIdSelf(), std::array<zelTaskDesc, 1>{}.data());
+                snprintf(name, sizeof name, "%d", static_cast<int>(++counter));
+            }
+        },
+    };
+    for (const Body &body : bodies) {
+        const zelTaskId tid = spawn(body);
+        for (int i = 0; i < rounds() / 4; ++i) {
+            ASSERT_EQ(taskSuspend(tid), ZEL_OK);
+            ASSERT_TRUE(standsStill(counter)) << i;
+            // Whoever needs the same locks gets them.
+            const zelWdogId watchdog = wdCreate();
+            ASSERT_EQ(wdDelete(watchdog), ZEL_OK);
+            ASSERT_EQ(taskResume(tid), ZEL_OK);
+        }
+        ASSERT_TRUE(goesOn(counter));
+        gate.open();
+        ASSERT_TRUE(ends(tid));
+        gate.close();
+    }
+}
+
+TEST_F(Suspend, ADelayedTaskStaysSuspendedBeyondItsDelay) {
+    const zelTaskId tid = spawn([&] {
+        while (!gate.isOpen()) {
+            taskDelay(1);
+            ++counter;
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(goesOn(counter));
+        ASSERT_EQ(taskSuspend(tid), ZEL_OK);
+        const std::uint64_t stopped = counter;
+        taskDelay(3);
+        ASSERT_EQ(counter, stopped);
+        ASSERT_EQ(taskIsSuspended(tid), 1) << "the end of the delay zeroed the state of a stopped task";
+        ASSERT_EQ(taskResume(tid), ZEL_OK);
+    }
+}
+
+TEST_F(Suspend, APendingTaskTakesNothingUntilItIsResumed) {
+    Mutex mutex{LockRank::object, "&object"};
+    kernel::WaitList waiters;
+    bool hasToken = false;
+    std::atomic<bool> isTaken{false};
+    const zelTaskId tid = spawn([&] {
+        const kernel::KernelSection section;
+        Lock lock(mutex);
+        kernel::Tcb &self = kernel::currentTask();
+        kernel::joinWaitList(waiters, self);
+        while (!hasToken) kernel::park(lock, platform::forever);
+        kernel::leaveWaitList(waiters, self);
+        isTaken = true;
+    });
+    ASSERT_TRUE(eventually(20, [&] { return field(tid, &zelTcb::state) == ZEL_TASK_PENDING; }));
+    EXPECT_EQ(taskSuspend(tid), ZEL_OK);
+    EXPECT_EQ(field(tid, &zelTcb::state), ZEL_TASK_PENDING | ZEL_TASK_SUSPENDED);
+    {
+        const Lock lock(mutex);
+        hasToken = true;
+        EXPECT_TRUE(kernel::isTurnOf(waiters, *taskTcb(tid), false));
+        kernel::unparkAll(waiters);
+    }
+    taskDelay(3);
+    EXPECT_FALSE(isTaken);
+    { const Lock stillFree(mutex); }
+    EXPECT_EQ(taskResume(tid), ZEL_OK);
+    EXPECT_TRUE(ends(tid));
+    EXPECT_TRUE(isTaken);
+}
+
+TEST_F(Suspend, ATaskMaySuspendItself) {
+    const zelTaskId tid = spawn([&] {
+        for (int i = 0; i < 3; ++i) {
+            taskSuspend(i == 1 ? taskIdSelf() : 0);
+            ++counter;
+        }
+    });
+    for (std::uint64_t i = 0; i < 3; ++i) {
+        ASSERT_TRUE(eventually(20, [&] { return taskIsSuspended(tid) == 1; }));
+        EXPECT_EQ(counter, i);
+        EXPECT_EQ(taskResume(tid), ZEL_OK);
+        ASSERT_TRUE(eventually(20, [&] { return counter == i + 1; }));
+    }
+    EXPECT_TRUE(ends(tid));
+}
+
+TEST_F(Suspend, DoesNotCountAndResumingARunningTaskIsFine) {
+    const zelTaskId tid = spawn([&] {
+        while (!gate.isOpen()) ++counter;
+    });
+    EXPECT_EQ(taskResume(tid), ZEL_OK);
+    EXPECT_EQ(taskSuspend(tid) + taskSuspend(tid) + taskSuspend(tid), ZEL_OK);
+    const std::uint64_t seen = counter;
+    EXPECT_EQ(taskResume(tid), ZEL_OK);
+    EXPECT_TRUE(goesOn(seen));
+}
+
+TEST_F(Suspend, RightAfterItsStartATaskIsStoppedToo) {
+    for (int i = 0; i < 50; ++i) {
+        const zelTaskId tid = spawn([&] {
+            while (!gate.isOpen()) ++counter;
+        });
+        ASSERT_EQ(taskSuspend(tid), ZEL_OK);
+        ASSERT_TRUE(standsStill(counter));
+        ASSERT_EQ(taskResume(tid), ZEL_OK);
+        gate.open();
+        ASSERT_TRUE(ends(tid));
+        gate.close();
+    }
+}
+
+TEST_F(Suspend, ASuspendedTaskCanBeDeletedWhereverItStopped) {
+    const Body bodies[] = {
+        [] {
+            for (;;) taskDelay(1);
+        },
+        [&] {
+            for (;;) {
+                ++counter;
+                if (counter % 64 == 0) taskUnsafe();
+            }
+        },
+        [] { taskDelay(1000000); },
+        [] {
+            for (;;) usleep(100);
+        },
+        [] {
+            taskSafe();
+            taskSuspend(0);
+            for (;;) taskDelay(1);
+        },
+    };
+    for (const Body &body : bodies) {
+        for (int i = 0; i < 20; ++i) {
+            const zelTaskId tid = spawn(body);
+            if (i % 2 == 0) taskDelay(0);
+            ASSERT_EQ(taskSuspend(tid), ZEL_OK);
+            ASSERT_EQ(taskDeleteForce(tid), ZEL_OK);
+        }
+    }
+}
+
+TEST_F(Suspend, TwoTasksMaySuspendEachOther) {
+    for (int i = 0; i < 50; ++i) {
+        std::atomic<zelTaskId> ids[2] = {0, 0};
+        const auto body = [&](int other) {
+            while (ids[other] == 0) breathe();
+            taskSuspend(ids[other]);
+            ++counter;
+        };
+        ids[0] = spawn([&] { body(1); });
+        ids[1] = spawn([&] { body(0); });
+        // Neither hangs half-way: whoever is suspended can be resumed and ends.
+        ASSERT_TRUE(eventually(20, [&] {
+            for (const auto &id : ids) taskResume(id);
+            return !exists(ids[0]) && !exists(ids[1]);
+        }));
+    }
+    EXPECT_EQ(counter, 100u);
+}
+
+TEST_F(Suspend, ManySuspendersAndDeletersAtOnce) {
+    std::atomic<bool> isOver{false};
+    std::atomic<zelTaskId> target{0};
+    const auto attack = [&] {
+        while (!isOver) {
+            taskSuspend(target);
+            taskResume(target);
+        }
+    };
+    target = 30000;  // nobody yet
+    const zelTaskId attackers[] = {spawn(attack), spawn(attack)};
+    for (int i = 0; i < 100; ++i) {
+        const zelTaskId tid = spawn([&] {
+            for (;;) {
+                taskDelay(0);
+                ++counter;
+            }
+        });
+        target = tid;
+        taskDelay(0);
+        ASSERT_EQ(taskDelete(tid), ZEL_OK);
+    }
+    isOver = true;
+    for (const zelTaskId tid : attackers) ASSERT_TRUE(ends(tid));
+}
+
+}  // namespace
+}  // namespace zel::test

@@ -1,0 +1,353 @@
+// Ids, names, descriptions, control blocks, priorities, the task lock, delete hooks.
+#include "kernel/task.h"
+
+#include <pthread.h>
+
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/kernel/tasks.h"
+#include "zel/platform.h"
+
+// The checking allocator, as a host program replaces it: fails on demand.
+static std::atomic<bool> memoryIsShort{false};
+static std::atomic<int> blocksOfTasks{0};
+
+void *zelMC_calloc(const char *tag, int, size_t count, size_t bytes) {
+    if (memoryIsShort) return nullptr;
+    if (strcmp(tag, "ltaskLib") == 0) ++blocksOfTasks;
+    return calloc(count, bytes);
+}
+void zelMC_free(const char *tag, int, void *block) {
+    if (strcmp(tag, "ltaskLib") == 0) --blocksOfTasks;
+    free(block);
+}
+
+namespace zel::test {
+namespace {
+
+class Task : public KernelTest {};
+
+TEST_F(Task, IdsCountUpFromOneAndComeBackAfterTheHighest) {
+    const auto wait = [&] { gate.wait(); };
+    EXPECT_EQ(spawn(wait), 1);
+    EXPECT_EQ(spawn(wait), 2);
+    EXPECT_EQ(spawn(wait), 3);
+    zelTcb own;
+    ASSERT_EQ(init(own, wait), ZEL_OK);  // an address: takes no part
+    EXPECT_EQ(taskDelete(3), ZEL_OK);
+    EXPECT_EQ(spawn(wait), 3);
+    EXPECT_EQ(taskDelete(1), ZEL_OK);
+    EXPECT_EQ(spawn(wait), 4);  // one above the highest, not the lowest free
+
+    zelTaskId ids[8] = {};
+    EXPECT_EQ(taskIdListGet(ids, 8), 4);
+    const std::vector<zelTaskId> inOrderOfCreation{2, reinterpret_cast<zelTaskId>(&own), 3, 4};
+    EXPECT_EQ(std::vector<zelTaskId>(ids, ids + 4), inOrderOfCreation);
+    EXPECT_EQ(taskIdListGet(ids, 2), 2);
+    EXPECT_EQ(taskIdListGet(ids, 0), 0);
+    EXPECT_EQ(taskDelete(own.id), ZEL_OK);
+}
+
+TEST_F(Task, AtTheEndOfTheIdsTheLowestFreeOneIsTaken) {
+    const auto wait = [&] { gate.wait(); };
+    ASSERT_EQ(spawn(wait), 1);
+    const zelTaskId last = spawn(wait);
+    zelTcb *tcb = taskTcb(last);
+    {
+        const Lock list(kernel::taskListLock);
+        tcb->id = 0xFFFF;
+    }
+    EXPECT_EQ(spawn(wait), 2);
+    EXPECT_EQ(spawn(wait), 3);
+}
+
+TEST_F(Task, CallsTheEntryWithAllTenArgumentsAndAnErrorNumberOfZero) {
+    static intptr_t seen[11];
+    static std::atomic<bool> isDone;
+    isDone = false;
+    const zelTaskEntry entry = [](intptr_t a, intptr_t b, intptr_t c, intptr_t d, intptr_t e, intptr_t f, intptr_t g,
+                                  intptr_t h, intptr_t i, intptr_t j) {
+        const intptr_t all[11] = {a, b, c, d, e, f, g, h, i, j, errno};
+        memcpy(seen, all, sizeof seen);
+        isDone = true;
+        return 0;
+    };
+    const zelTaskId tid = taskSpawn("args", 0, 0, 0, entry, INTPTR_MIN, 2, 3, 4, 5, 6, 7, 8, 9, INTPTR_MAX);
+    ASSERT_TRUE(eventually(20, [] { return isDone.load(); }));
+    const intptr_t expected[11] = {INTPTR_MIN, 2, 3, 4, 5, 6, 7, 8, 9, INTPTR_MAX, 0};
+    EXPECT_EQ(memcmp(seen, expected, sizeof seen), 0);
+    EXPECT_TRUE(ends(tid));
+}
+
+TEST_F(Task, NamesAreCopiedWholeAndDefaultToTheId) {
+    const auto wait = [&] { gate.wait(); };
+    std::string name(200, 'n');
+    const zelTaskId longOne = spawn(wait, name.c_str());
+    const std::string copy = name;
+    name.assign(name.size(), 'x');
+    EXPECT_EQ(taskName(longOne), copy);
+    const zelTaskId unnamed = spawn(wait);
+    EXPECT_EQ(taskName(unnamed), "t" + std::to_string(unnamed));
+
+    const zelTaskId first = spawn(wait, "twin");
+    spawn(wait, "twin");
+    EXPECT_EQ(taskNameToId("twin"), first);
+    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskNameToId("nobody"));
+
+    char hostName[16];
+    const pthread_t thread = field(longOne, &zelTcb::pthrid);
+    EXPECT_TRUE(eventually(20, [&] {
+        return pthread_getname_np(thread, hostName, sizeof hostName) == 0 && copy.compare(0, 15, hostName) == 0;
+    }));
+}
+
+TEST_F(Task, ZeroMeansTheCallingTask) {
+    std::atomic<int> failures{-1};
+    const zelTaskId tid = spawn(
+        [&] {
+            int bad = 0;
+            const zelTaskId self = taskIdSelf();
+            zelTaskDesc desc;
+            int priority = 0;
+            bad += taskTcb(0) != taskTcb(self) || taskTcb(0)->id != self;
+            bad += taskInfoGet(0, &desc) != ZEL_OK || desc.td_id != self || desc.td_priority != 77 ||
+                   strcmp(desc.td_name, "self") != 0 || desc.td_entry != runBody;
+            bad += taskPriorityGet(0, &priority) != ZEL_OK || priority != 77;
+            bad += taskIdVerify(0) != ZEL_OK || taskIsReady(0) != 1 || taskIsSuspended(0) != 0;
+            bad += strcmp(taskName(0), "self") != 0;
+            failures = bad;
+        },
+        "self", 77);
+    EXPECT_TRUE(ends(tid));
+    EXPECT_EQ(failures, 0);
+}
+
+TEST_F(Task, AThreadThatIsNoTaskHasNoIdButMayUseTheCalls) {
+    const auto use = [](void *) -> void * {
+        EXPECT_EQ(taskIdSelf(), 0);
+        EXPECT_EQ(taskTcb(0), nullptr);
+        EXPECT_EQ(taskName(0), nullptr);
+        zelTaskDesc desc;
+        memset(&desc, 0xff, sizeof desc);
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskInfoGet(0, &desc));
+        EXPECT_EQ(desc.td_id, 0);  // cleared also when it fails
+        EXPECT_EQ(desc.td_name, nullptr);
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskSuspend(0));
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, taskDelete(0));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskRestart(0));
+        EXPECT_EQ(taskLock() + taskLock() + taskUnlock() + taskUnlock() + taskUnlock(), 0);
+        EXPECT_EQ(taskSafe() + taskUnsafe() + taskUnsafe(), 0);
+        EXPECT_EQ(taskDelay(1) + taskDelay(0), 0);
+        return nullptr;
+    };
+    use(nullptr);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, use, nullptr), 0);
+    pthread_join(thread, nullptr);
+    EXPECT_EQ(taskCount(), 0);
+}
+
+TEST_F(Task, UnknownIdsAreRefused) {
+    int priority = 0;
+    for (const zelTaskId tid : {zelTaskId{-1}, zelTaskId{4711}, reinterpret_cast<zelTaskId>(&priority)}) {
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskIdVerify(tid));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskActivate(tid));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskRestart(tid));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskSuspend(tid));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskResume(tid));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskPrioritySet(tid, 1));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, taskPriorityGet(tid, &priority));
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, taskDelete(tid));
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, taskDeleteForce(tid));
+        EXPECT_EQ(taskIsReady(tid) + taskIsSuspended(tid), 0);
+    }
+    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID,
+                      taskInit(nullptr, "none", 1, 0, nullptr, 0, runBody, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0));
+}
+
+TEST_F(Task, ACallersControlBlockCanBeActivatedEndedAndUsedAgain) {
+    zelTcb tcb;
+    memset(&tcb, 0xa5, sizeof tcb);
+    for (int round = 1; round <= 3; ++round) {
+        std::atomic<int> runs{0};
+        ASSERT_EQ(init(
+                      tcb, [&] { ++runs; }, "static", 50),
+                  ZEL_OK);
+        EXPECT_EQ(tcb.state, ZEL_TASK_NOT_ACTIVATED);
+        EXPECT_EQ(taskIsReady(tcb.id), 0);
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, init(tcb, [] {}));  // listed already
+        EXPECT_EQ(taskSuspend(tcb.id), ZEL_OK);
+        EXPECT_EQ(taskIsSuspended(tcb.id), 1);
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, taskResume(tcb.id));
+        EXPECT_EQ(taskSuspend(tcb.id), ZEL_OK);
+        EXPECT_EQ(taskActivate(tcb.id), ZEL_OK);
+        EXPECT_TRUE(ends(tcb.id));
+        EXPECT_EQ(runs, 1);
+    }
+    ASSERT_EQ(init(tcb, [] { FAIL(); }), ZEL_OK);
+    EXPECT_EQ(taskDelete(tcb.id), ZEL_OK);  // without ever having run
+}
+
+TEST_F(Task, ActivatingAnActiveTaskChangesNothing) {
+    std::atomic<int> runs{0};
+    const zelTaskId tid = spawn([&] {
+        ++runs;
+        gate.wait();
+    });
+    ASSERT_TRUE(eventually(20, [&] { return runs == 1; }));
+    EXPECT_EQ(taskActivate(tid), ZEL_OK);
+    gate.open();
+    EXPECT_TRUE(ends(tid));
+    EXPECT_EQ(runs, 1);
+}
+
+TEST_F(Task, ShortMemoryIsReportedAndNothingIsLeftBehind) {
+    const int blocksBefore = blocksOfTasks;
+    memoryIsShort = true;
+    EXPECT_FAILS_WITH(ZEL_ERR_TCB_ALLOCATION, spawn([] {}));
+    zelTcb tcb;
+    EXPECT_FAILS_WITH(ZEL_ERR_NOT_ENOUGH_MEMORY, init(
+                                                     tcb, [] {}, "named"));
+    errno = 0;
+    EXPECT_EQ(wdCreate(), nullptr);
+    EXPECT_EQ(errno, ZEL_ERR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(vx2bsdTimerCreate(), nullptr);
+    memoryIsShort = false;
+    EXPECT_EQ(taskCount(), 0);
+    for (int i = 0; i < 50; ++i) EXPECT_TRUE(ends(spawn([] {})));
+    EXPECT_TRUE(eventually(20, [&] { return blocksOfTasks == blocksBefore; }));
+}
+
+TEST_F(Task, AThreadThatCannotBeCreatedLeavesTheControlBlockInactive) {
+    zelTcb tcb;
+    ASSERT_EQ(init(tcb, [] {}), ZEL_OK);
+    // More stack than there are addresses.
+    ASSERT_EQ(pthread_attr_setstacksize(&tcb.attr, SIZE_MAX / 4 & ~size_t{0xffff}), 0);
+    EXPECT_FAILS_WITH(ZEL_ERR_NOT_ENOUGH_MEMORY, taskActivate(tcb.id));
+    EXPECT_EQ(tcb.state, ZEL_TASK_NOT_ACTIVATED);
+    ASSERT_EQ(pthread_attr_setstacksize(&tcb.attr, 1 << 20), 0);
+    EXPECT_EQ(taskActivate(tcb.id), ZEL_OK);
+    EXPECT_TRUE(ends(tcb.id));
+}
+
+TEST_F(Task, EachKernelPriorityBecomesAThreadPriority) {
+    const struct {
+        int kernel;
+        int thread;
+        int error;
+    } rows[] = {{0, 254, 0},        {1, 253, 0},       {100, 154, 0},           {254, 0, 0},
+                {255, 0, 0},        {300, 0, 0x30065}, {INT32_MAX, 0, 0x30065}, {-1, 254, 0},
+                {INT32_MIN, 254, 0}};
+    const zelTaskId settable = spawn([&] { gate.wait(); });
+    for (const auto &row : rows) {
+        errno = 0;
+        const zelTaskId tid = spawn([&] { gate.wait(); }, nullptr, row.kernel);
+        ASSERT_GT(tid, 0) << row.kernel;  // an illegal one is reported, and accepted
+        EXPECT_EQ(errno, row.error) << row.kernel;
+        EXPECT_EQ(taskTcb(tid)->prv_priority.sched_priority, row.thread) << row.kernel;
+        errno = 0;
+        EXPECT_EQ(taskPrioritySet(settable, row.kernel), ZEL_OK);
+        EXPECT_EQ(errno, row.error) << row.kernel;
+        EXPECT_EQ(field(settable, &zelTcb::currentPriority), row.thread) << row.kernel;
+        int priority = 12345;
+        EXPECT_EQ(taskPriorityGet(settable, &priority), ZEL_OK);
+        EXPECT_EQ(priority, row.kernel);  // as given
+    }
+}
+
+TEST_F(Task, TheTaskLockBoostsUntilTheLastUnlock) {
+    const zelTaskId tid = spawn(
+        [] {
+            const zelTcb *self = taskTcb(0);
+            const auto now = [&] { return self->currentPriority; };
+            EXPECT_EQ(now(), 154);
+            taskLock();
+            EXPECT_EQ(now(), 255);
+            taskLock();
+            taskUnlock();
+            EXPECT_EQ(now(), 255);
+            taskUnlock();
+            EXPECT_EQ(now(), 154);
+            // A surplus unlock drops an inherited priority; a new priority overrides a boost.
+            zelTcb high{};
+            high.currentPriority = 200;
+            kernel::inheritPriority(self->serial, high);
+            EXPECT_EQ(now(), 200);
+            high.currentPriority = 180;
+            kernel::inheritPriority(self->serial, high);  // only ever raises
+            EXPECT_EQ(now(), 200);
+            taskUnlock();
+            EXPECT_EQ(now(), 154);
+            taskLock();
+            taskPrioritySet(0, 10);
+            EXPECT_EQ(now(), 244);
+            taskUnlock();
+            EXPECT_EQ(now(), 244);
+            EXPECT_EQ(self->lockCount, 0);
+        },
+        "locker", 100);
+    EXPECT_TRUE(ends(tid));
+    zelTcb waiter{};
+    waiter.currentPriority = 255;
+    kernel::inheritPriority(999999, waiter);  // an owner that has gone
+}
+
+std::vector<std::pair<int, zelTaskId>> hookCalls;
+std::atomic<bool> hookSawName;
+
+void firstHook(zelTaskId tid, intptr_t argument) {
+    hookCalls.emplace_back(1, tid);
+    hookSawName = taskName(tid) != nullptr && strcmp(taskName(tid), "hooked") == 0 && argument == 0;
+}
+void secondHook(zelTaskId tid, intptr_t) {
+    hookCalls.emplace_back(2, tid);
+    taskDeleteHookDelete(secondHook);  // the table may be changed by its hooks
+}
+
+TEST_F(Task, HooksRunNewestFirstWhileTheTaskCanStillBeDescribed) {
+    taskDeleteHookInit();
+    EXPECT_EQ(taskDeleteHookAdd(firstHook), 0);
+    EXPECT_EQ(taskDeleteHookAdd(secondHook), 0);
+    const zelTaskId deleted = spawn([] { Gate().wait(); }, "hooked");
+    EXPECT_EQ(taskDelete(deleted), ZEL_OK);
+    const std::vector<std::pair<int, zelTaskId>> expected{{2, deleted}, {1, deleted}};
+    EXPECT_EQ(hookCalls, expected);
+    EXPECT_TRUE(hookSawName);
+    hookCalls.clear();
+    EXPECT_TRUE(ends(spawn([] {}, "hooked")));  // one that returns runs them too
+    EXPECT_EQ(hookCalls.size(), 1u);
+    EXPECT_TRUE(hookSawName);
+    EXPECT_EQ(taskDeleteHookDelete(firstHook), 0);
+    EXPECT_EQ(taskDeleteHookDelete(firstHook), 0x30066);
+}
+
+TEST_F(Task, TheHookTableHolds63) {
+    const zelDeleteHook nothing = [](zelTaskId, intptr_t) {};
+    for (int i = 0; i < 63; ++i) ASSERT_EQ(taskDeleteHookAdd(nothing), 0);
+    EXPECT_EQ(taskDeleteHookAdd(nothing), 0x30067);
+    for (int i = 0; i < 63; ++i) ASSERT_EQ(taskDeleteHookDelete(nothing), 0);
+    EXPECT_EQ(taskDeleteHookDelete(nothing), 0x30066);
+    EXPECT_EQ(taskDeleteHookAdd(firstHook), 0);
+    EXPECT_EQ(taskDeleteHookDelete(firstHook), 0);
+}
+
+TEST_F(Task, ADelayZeroesTheWholeStateWord) {
+    std::atomic<std::uint32_t> after{1};
+    const zelTaskId tid = spawn([&] {
+        {
+            const Lock list(kernel::taskListLock);
+            kernel::currentTask().state = 0x49;
+        }
+        EXPECT_EQ(taskDelay(0), ZEL_OK);
+        after = field(0, &zelTcb::state);
+        while (!gate.isOpen()) taskDelay(5);
+    });
+    EXPECT_TRUE(eventually(20, [&] { return field(tid, &zelTcb::state) == ZEL_TASK_DELAYED; }));
+    EXPECT_EQ(after, 0u);
+}
+
+}  // namespace
+}  // namespace zel::test

@@ -1,0 +1,120 @@
+// Tasks for tests: a task that runs a callable, and a fixture that leaves no task behind.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <deque>
+#include <functional>
+#include <mutex>
+
+#include "kernel/task_private.h"
+#include "tests/support/eventually.h"
+#include "zel/kernel.h"
+
+namespace zel::test {
+
+using Body = std::function<void()>;
+
+// Bodies outlive their tasks, which may be restarted or end at any time.
+inline Body *keepBody(Body body) {
+    static auto *const bodies = new std::deque<Body>;
+    static auto *const mutex = new std::mutex;
+    const std::lock_guard<std::mutex> lock(*mutex);
+    return &bodies->emplace_back(std::move(body));
+}
+
+inline int runBody(intptr_t body, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t,
+                   intptr_t) {
+    (*reinterpret_cast<Body *>(body))();
+    return 0;
+}
+
+inline zelTaskId spawn(Body body, const char *name = nullptr, int priority = 100) {
+    return taskSpawn(name, priority, 0, 0, runBody, reinterpret_cast<intptr_t>(keepBody(std::move(body))), 0, 0, 0, 0,
+                     0, 0, 0, 0, 0);
+}
+
+inline int init(zelTcb &tcb, Body body, const char *name = nullptr, int priority = 100) {
+    return taskInit(&tcb, name, priority, 0, nullptr, 0, runBody, reinterpret_cast<intptr_t>(keepBody(std::move(body))),
+                    0, 0, 0, 0, 0, 0, 0, 0, 0);
+}
+
+inline bool exists(zelTaskId tid) {
+    return taskTcb(tid) != nullptr;
+}
+
+// A field of a task that runs; the value that a new control block has there when it has gone.
+template <class T>
+T field(zelTaskId tid, T zelTcb::*member) {
+    const Lock list(kernel::taskListLock);
+    const zelTcb *task = kernel::findTask(tid);
+    return task != nullptr ? task->*member : T{};
+}
+
+inline bool ends(zelTaskId tid) {
+    return eventually(20, [&] { return !exists(tid); });
+}
+
+inline int taskCount() {
+    zelTaskId ids[64];
+    return taskIdListGet(ids, 64);
+}
+
+// Lets others run without being a place where a task can be deleted. (A loop of bare yields would starve the test: the
+// scheduler remembers them.)
+inline void breathe() {
+    int before = 0;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+    const timespec pause{0, 20'000};
+    nanosleep(&pause, nullptr);
+    pthread_setcancelstate(before, nullptr);
+}
+
+// Keeps tasks until it is opened: busy, where nothing can end them, or waiting.
+class Gate {
+public:
+    void open() { isOpen_ = true; }
+    void close() { isOpen_ = false; }
+    bool isOpen() const { return isOpen_; }
+    void spin() const {
+        while (!isOpen_) breathe();
+    }
+    void wait() const {
+        while (!isOpen_) taskDelay(1);
+    }
+
+private:
+    std::atomic<bool> isOpen_{false};
+};
+
+class KernelTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(vx2bsdLibInit(), 0);
+        tasksBefore_ = taskCount();
+    }
+    void TearDown() override {
+        gate.open();
+        for (const char *service : {"tExcTask", "tTimerTask"})
+            if (const zelTaskId tid = taskNameToId(service); tid != ZEL_ERROR) taskDelete(tid);
+        EXPECT_TRUE(eventually(20, [&] { return taskCount() == tasksBefore_; })) << taskCount() << " tasks are left";
+    }
+    void startServices() { ASSERT_EQ(vx2bsd_start(1, 1, 0, 0), ZEL_OK); }
+
+    Gate gate;  // opened at the end of the test; tasks that wait for it end before it goes
+
+private:
+    int tasksBefore_ = 0;
+};
+
+}  // namespace zel::test
+
+#define EXPECT_FAILS_WITH(error, call)                              \
+    do {                                                            \
+        errno = 0;                                                  \
+        EXPECT_EQ(static_cast<intptr_t>(call), ZEL_ERROR) << #call; \
+        EXPECT_EQ(errno, (error)) << #call;                         \
+    } while (false)

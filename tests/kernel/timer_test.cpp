@@ -1,0 +1,355 @@
+// Ticks, watchdogs and interval timers: in simulated time wherever the time matters, with the service tasks where the
+// task matters.
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "kernel/task.h"
+#include "platform/seam.h"
+#include "tests/kernel/tasks.h"
+#include "zel/platform.h"
+
+namespace zel::test {
+namespace {
+
+// A clock that only tests move.
+class SimulatedTime {
+public:
+    explicit SimulatedTime(std::uint64_t start) : seam_(*zelPlatformSeam()), now_(start) {
+        seam_.context = this;
+        seam_.now = [](void *self) { return static_cast<SimulatedTime *>(self)->now_; };
+        seam_.sleepUntil = [](void *self, std::uint64_t deadline) {
+            auto &time = *static_cast<SimulatedTime *>(self);
+            if (deadline > time.now_) time.now_ = deadline;
+            return 0;
+        };
+        seam_.simulated = 1;
+        zelPlatformSetSeam(&seam_);
+    }
+    ~SimulatedTime() { zelPlatformSetSeam(nullptr); }
+    SimulatedTime(const SimulatedTime &) = delete;
+    SimulatedTime &operator=(const SimulatedTime &) = delete;
+
+    void advanceMilliseconds(std::uint64_t milliseconds) { now_ += milliseconds * 1'000'000; }
+    std::uint64_t now() const { return now_; }
+
+private:
+    zelHostSeam seam_;
+    std::uint64_t now_;
+};
+
+constexpr std::uint64_t uptime = 100'000'019'999'999;  // 100,000 s and just short of a tick
+
+class Ticks : public KernelTest {
+protected:
+    SimulatedTime time{uptime};
+};
+
+TEST_F(Ticks, CountTheMonotonicClockInTwentyMilliseconds) {
+    EXPECT_EQ(sysClkRateGet(), 50);
+    EXPECT_EQ(tick64Get(), 5'000'000u);
+    EXPECT_EQ(zelTickGet(), 5'000'000u);
+    time.advanceMilliseconds(1);
+    EXPECT_EQ(tick64Get(), 5'000'001u);
+    time.advanceMilliseconds(1000);
+    EXPECT_EQ(tick64Get(), 5'000'051u);
+}
+
+TEST_F(Ticks, CanBeSetForwardsAndBack) {
+    const struct {
+        std::uint32_t high, low;
+        std::int32_t sign;
+        std::uint64_t magnitude;
+    } rows[] = {{0, 1000, -1, 4'999'000},
+                {0, 5'000'000, -1, 0},
+                {0, 5'000'001, 0, 1},
+                {0, 0, -1, 5'000'000},
+                {1, 0, 0, (1ull << 32) - 5'000'000},
+                {0xffffffff, 0xffffffff, 0, UINT64_MAX - 5'000'000}};
+    for (const auto &row : rows) {
+        SimulatedTime fresh{uptime};
+        tick64Set(row.high, row.low);
+        EXPECT_EQ(vxAbsTicksSign, row.sign) << row.low;
+        EXPECT_EQ(vxAbsTicksAdd, row.magnitude) << row.low;
+        const std::uint64_t wanted = (static_cast<std::uint64_t>(row.high) << 32) | row.low;
+        EXPECT_EQ(tick64Get(), wanted);
+        fresh.advanceMilliseconds(1000);
+        EXPECT_EQ(tick64Get(), wanted + 50);
+    }
+    SimulatedTime fresh{uptime};
+    tickSet(0xfffffff0);
+    EXPECT_EQ(tick64Get(), 0xfffffff0u);
+    fresh.advanceMilliseconds(1000);
+    EXPECT_EQ(tick64Get(), 0x100000022u);
+}
+
+TEST_F(Ticks, ADelaySleepsItsTicksInSimulatedTime) {
+    EXPECT_EQ(taskDelay(75), ZEL_OK);
+    EXPECT_EQ(time.now() - uptime, 1'500'000'000u);
+    EXPECT_EQ(taskDelay(0) + taskDelay(-5), ZEL_OK);
+    EXPECT_EQ(time.now() - uptime, 1'500'000'000u);
+    EXPECT_EQ(vx2bsd_start(1, 1, 0, 0), ZEL_OK);  // nobody but the simulation drives the passes
+    EXPECT_EQ(taskCount(), 0);
+}
+
+TEST(TickReaders, NeverSeeHalfOfASetting) {
+    ASSERT_EQ(vx2bsdLibInit(), 0);
+    std::atomic<bool> isOver{false};
+    std::atomic<int> bad{0};
+    tickSet(1000);
+    const zelTaskId reader = spawn([&] {
+        while (!isOver) {
+            // Either far ahead or near 1000; a mixed pair is neither.
+            const std::uint64_t ticks = tick64Get();
+            if (!(ticks >= 1000 && ticks < 100000) && !(ticks >> 32 == 7)) ++bad;
+        }
+    });
+    for (int i = 0; i < 20000; ++i) {
+        tick64Set(7, 5);
+        tickSet(1000);
+    }
+    isOver = true;
+    EXPECT_TRUE(ends(reader));
+    EXPECT_EQ(bad, 0);
+}
+
+// What routines were called with, in order.
+std::vector<std::string> calls;
+zelWdogId watchdogs[4];
+zelIntervalTimerId timers[4];
+void note(const std::string &text) {
+    calls.push_back(text);
+}
+std::vector<std::string> takeCalls() {
+    std::vector<std::string> taken;
+    taken.swap(calls);
+    return taken;
+}
+using Calls = std::vector<std::string>;
+
+void ring(intptr_t parameter) {
+    note("ring " + std::to_string(parameter));
+}
+
+class Watchdogs : public KernelTest {
+protected:
+    void SetUp() override {
+        KernelTest::SetUp();
+        for (zelWdogId &watchdog : watchdogs) watchdog = wdCreate();
+        takeCalls();
+    }
+    void TearDown() override {
+        for (const zelWdogId watchdog : watchdogs) wdDelete(watchdog);
+        KernelTest::TearDown();
+    }
+};
+
+TEST_F(Watchdogs, FireAtTheNextPassWhateverTheDelay) {
+    EXPECT_EQ(wdStart(watchdogs[0], 500, ring, 7), ZEL_OK);
+    EXPECT_EQ(wdStart(watchdogs[1], 0, ring, 8), ZEL_OK);
+    EXPECT_EQ(wdStart(watchdogs[2], -1, nullptr, 9), ZEL_OK);
+    process_timer_list();
+    EXPECT_EQ(takeCalls(), (Calls{"ring 7", "ring 8"}));
+    process_timer_list();
+    EXPECT_EQ(takeCalls(), Calls{});  // once
+}
+
+TEST_F(Watchdogs, StartingARunningOneOnlyReplacesWhatItCalls) {
+    wdStart(watchdogs[0], 1, ring, 1);
+    wdStart(watchdogs[0], 1, ring, 2);
+    process_timer_list();
+    process_timer_list();
+    EXPECT_EQ(takeCalls(), Calls{"ring 2"});
+}
+
+TEST_F(Watchdogs, CancelledOrDeletedOnesDoNotFire) {
+    EXPECT_EQ(wdCancel(watchdogs[0]), ZEL_OK);  // idle
+    wdStart(watchdogs[0], 1, ring, 1);
+    wdStart(watchdogs[1], 1, ring, 2);
+    EXPECT_EQ(wdCancel(watchdogs[0]), ZEL_OK);
+    EXPECT_EQ(wdDelete(watchdogs[1]), ZEL_OK);
+    process_timer_list();
+    EXPECT_EQ(takeCalls(), Calls{});
+    for (const zelWdogId unknown : {watchdogs[1], zelWdogId{}, reinterpret_cast<zelWdogId>(this)}) {
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, wdStart(unknown, 1, ring, 1));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, wdCancel(unknown));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, wdDelete(unknown));
+    }
+}
+
+TEST_F(Watchdogs, ARoutineMayDoAnythingToItselfAndItsNeighbours) {
+    // Deletes itself: the rest of the walk goes on.
+    wdStart(
+        watchdogs[0], 1,
+        [](intptr_t) {
+            note("self");
+            wdDelete(watchdogs[0]);
+        },
+        0);
+    wdStart(watchdogs[1], 1, ring, 1);
+    process_timer_list();
+    EXPECT_EQ(takeCalls(), (Calls{"self", "ring 1"}));
+    // Deletes the next: the walk ends there, the others wait for the next pass.
+    wdStart(
+        watchdogs[1], 1,
+        [](intptr_t) {
+            note("next");
+            wdDelete(watchdogs[2]);
+        },
+        0);
+    wdStart(watchdogs[2], 1, ring, 2);
+    wdStart(watchdogs[3], 1, ring, 3);
+    process_timer_list();
+    EXPECT_EQ(takeCalls(), Calls{"next"});
+    process_timer_list();
+    EXPECT_EQ(takeCalls(), Calls{"ring 3"});
+    // Starts itself again: for the next pass. Creates and starts another: it stands behind, in this pass.
+    wdStart(
+        watchdogs[3], 1,
+        [](intptr_t) {
+            note("again");
+            wdStart(watchdogs[3], 1, ring, 4);
+            watchdogs[0] = wdCreate();
+            wdStart(watchdogs[0], 1, ring, 5);
+        },
+        0);
+    process_timer_list();
+    process_timer_list();
+    Calls both = takeCalls();
+    std::sort(both.begin(), both.end());
+    EXPECT_EQ(both, (Calls{"again", "ring 4", "ring 5"}));
+}
+
+TEST_F(Watchdogs, AreCalledByTheExceptionTask) {
+    startServices();
+    static std::atomic<bool> isRight;
+    isRight = false;
+    const std::uint64_t start = tick64Get();
+    wdStart(
+        watchdogs[0], 500, [](intptr_t seven) { isRight = seven == 7 && taskName(0) == std::string("tExcTask"); }, 7);
+    EXPECT_TRUE(eventually(9, [] { return isRight.load(); }));
+    EXPECT_LT(tick64Get() - start, 500u);
+}
+
+class IntervalTimers : public KernelTest {
+protected:
+    void SetUp() override {
+        KernelTest::SetUp();
+        ASSERT_EQ(vx2bsdTimerLibInit(), ZEL_OK);
+        for (zelIntervalTimerId &timer : timers) timer = vx2bsdTimerCreate();
+        takeCalls();
+    }
+    void TearDown() override {
+        for (const zelIntervalTimerId timer : timers) vx2bsdTimerDelete(timer);
+        KernelTest::TearDown();
+    }
+    // The seconds, counted from 1, at which something was called.
+    static std::vector<int> passes(int seconds) {
+        std::vector<int> fired;
+        for (int second = 1; second <= seconds; ++second) {
+            process_vx2bsd_timer_list();
+            if (!takeCalls().empty()) fired.push_back(second);
+        }
+        return fired;
+    }
+};
+
+void tell(zelIntervalTimerId timer, intptr_t argument) {
+    for (int i = 0; i < 4; ++i)
+        if (timers[i] == timer) note("timer " + std::to_string(i) + " " + std::to_string(argument));
+}
+
+TEST_F(IntervalTimers, OneShotAndPeriodic) {
+    using Seconds = std::vector<int>;
+    EXPECT_EQ(vx2bsdTimerStart(timers[0], 3, tell, 1, 0), ZEL_OK);
+    EXPECT_EQ(passes(9), Seconds{3});
+    EXPECT_EQ(vx2bsdTimerStart(timers[0], 3, tell, 1, 1), ZEL_OK);
+    EXPECT_EQ(passes(10), (Seconds{3, 6, 9}));
+    EXPECT_EQ(vx2bsdTimerCancel(timers[0]), ZEL_OK);
+    EXPECT_EQ(passes(10), Seconds{});
+    EXPECT_EQ(vx2bsdTimerStart(timers[0], 0, tell, 1, 0x2), ZEL_OK);  // only bit 0 makes it periodic
+    EXPECT_EQ(passes(4), Seconds{1});
+    EXPECT_EQ(vx2bsdTimerStart(timers[0], -7, tell, 1, 0x3), ZEL_OK);
+    EXPECT_EQ(passes(3), (Seconds{1, 2, 3}));
+    EXPECT_EQ(vx2bsdTimerSetTime(timers[0], 2, 0), ZEL_OK);  // same routine, same argument
+    EXPECT_EQ(passes(5), Seconds{2});
+}
+
+TEST_F(IntervalTimers, CallWhatIsConnectedAndNothingWithoutARoutine) {
+    vx2bsdTimerStart(timers[1], 1, tell, 1, 1);
+    EXPECT_EQ(vx2bsdTimerConnect(timers[1], tell, 5), ZEL_OK);
+    process_vx2bsd_timer_list();
+    EXPECT_EQ(takeCalls(), Calls{"timer 1 5"});
+    EXPECT_EQ(vx2bsdTimerConnect(timers[1], nullptr, 0), ZEL_OK);
+    process_vx2bsd_timer_list();
+    vx2bsdTimerConnect(timers[1], tell, 6);
+    EXPECT_EQ(passes(3), std::vector<int>{});  // it was not reloaded
+    for (const zelIntervalTimerId unknown : {zelIntervalTimerId{}, reinterpret_cast<zelIntervalTimerId>(this)}) {
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, vx2bsdTimerStart(unknown, 1, tell, 1, 0));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, vx2bsdTimerConnect(unknown, tell, 1));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, vx2bsdTimerSetTime(unknown, 1, 0));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, vx2bsdTimerCancel(unknown));
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, vx2bsdTimerDelete(unknown));
+    }
+}
+
+TEST_F(IntervalTimers, APeriodicRoutineMayCancelOrDeleteItsTimerAndTheNext) {
+    vx2bsdTimerStart(
+        timers[0], 1,
+        [](zelIntervalTimerId timer, intptr_t) {
+            note("cancel");
+            vx2bsdTimerCancel(timer);
+        },
+        0, 1);
+    vx2bsdTimerStart(
+        timers[1], 1,
+        [](zelIntervalTimerId timer, intptr_t) {
+            note("delete");
+            vx2bsdTimerDelete(timer);
+            vx2bsdTimerDelete(timers[2]);
+        },
+        0, 1);
+    vx2bsdTimerStart(timers[2], 1, tell, 0, 1);
+    vx2bsdTimerStart(timers[3], 1, tell, 0, 0);
+    process_vx2bsd_timer_list();
+    EXPECT_EQ(takeCalls(), (Calls{"cancel", "delete"}));
+    process_vx2bsd_timer_list();
+    EXPECT_EQ(takeCalls(), Calls{"timer 3 0"});
+    EXPECT_EQ(passes(3), std::vector<int>{});
+}
+
+TEST_F(IntervalTimers, AreCalledByTheTimerTask) {
+    startServices();
+    static std::atomic<int> times;
+    times = 0;
+    vx2bsdTimerStart(
+        timers[0], 1, [](zelIntervalTimerId, intptr_t) { times += taskName(0) == std::string("tTimerTask") ? 1 : 100; },
+        0, 1);
+    EXPECT_TRUE(eventually(20, [] { return times == 2; }));
+}
+
+TEST_F(IntervalTimers, TimersMayComeAndGoWhileThePassRuns) {
+    std::atomic<bool> isOver{false};
+    const zelTaskId churn = spawn([&] {
+        while (!isOver) {
+            const zelIntervalTimerId timer = vx2bsdTimerCreate();
+            vx2bsdTimerStart(
+                timer, 1, [](zelIntervalTimerId, intptr_t) {}, 0, 1);
+            const zelWdogId watchdog = wdCreate();
+            wdStart(
+                watchdog, 1, [](intptr_t) {}, 0);
+            taskDelay(0);
+            vx2bsdTimerDelete(timer);
+            wdDelete(watchdog);
+        }
+    });
+    for (int i = 0; i < 3000; ++i) {
+        process_vx2bsd_timer_list();
+        process_timer_list();
+    }
+    isOver = true;
+    EXPECT_TRUE(ends(churn));
+}
+
+}  // namespace
+}  // namespace zel::test
