@@ -219,7 +219,7 @@ Header *mapPolicy(int fd) {
 }
 
 std::uint8_t *policyRoot(Header *header) {
-    return reinterpret_cast<std::uint8_t *>(header) + pageBytes;
+    return reinterpret_cast<std::uint8_t *>(header) + policyRootOffset;
 }
 
 std::size_t onSteps(std::size_t bytes) {

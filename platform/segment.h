@@ -40,11 +40,19 @@ constexpr std::uintptr_t policyAddress =
 constexpr std::size_t policyReservedBytes = sizeof(void *) == 8 ? 1024u * 1024 * 1024 : 256u * 1024 * 1024;
 constexpr std::size_t policyStepBytes = 16u * 1024 * 1024;
 
-// Maps the policy segment, creating it when `create` is set: its first byte behind the header, or null with errno.
+// How the policy segment is divided: its header, the heap's lists, the root of the policy tables (zero when the segment
+// is created), the heap's blocks.
+constexpr std::size_t policyHeapOffset = 4096, policyHeapBytes = 4096;
+constexpr std::size_t policyRootOffset = policyHeapOffset + policyHeapBytes, policyRootBytes = 64 * 1024;
+constexpr std::size_t policyBlocksOffset = policyRootOffset + policyRootBytes;
+
+// Maps the policy segment, creating it when `create` is set: the root of the policy tables, or null with errno (ENOENT:
+// it does not exist; EEXIST: something else lies at its address).
 void *attachPolicySegment(bool create);
-// Grows the segment by whole steps until `bytes` are backed; false with errno (ENOMEM, ENOSPC).
+// Grows the segment by whole steps until its first `bytes` are backed; false with errno (ENOMEM, ENOSPC).
 bool growPolicySegment(std::size_t bytes);
 bool isPolicySegmentAttached();
+// Backed bytes from the segment's begin on.
 std::size_t policySegmentBytes();
 
 }  // namespace zel::platform

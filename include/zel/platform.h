@@ -87,7 +87,9 @@ void *zelMC_calloc(const char *tag, int line, size_t count, size_t bytes);
 void *zelMC_realloc(const char *tag, int line, void *block, size_t bytes);
 void zelMC_free(const char *tag, int line, void *block);
 
-/* The same in the policy segment, shared by processes; null while that segment is not attached. */
+/* The same in the policy segment, shared by all processes that attached it and at the same address in each of them;
+ * weak. Null while this process has not attached the segment, and when it is full. Takes shared lock 31; a process
+ * killed inside loses at most the block in hand. A block that is freed twice, or was never allocated, aborts. */
 void *zelMC_MM_malloc(const char *tag, int line, size_t bytes);
 void *zelMC_MM_calloc(const char *tag, int line, size_t count, size_t bytes);
 void *zelMC_MM_realloc(const char *tag, int line, void *block, size_t bytes);
