@@ -94,8 +94,9 @@ bool sleepParked(Tcb &self, std::uint64_t deadline);
 Parked endPark(Tcb &self, bool isInTime);
 
 // Waits with `objectLock` (a Lock, or another guard with lock() and unlock()) released until unpark(), the deadline
-// (monotonic nanoseconds), or without a cause; a task that is suspended meanwhile stays here, holding nothing, until it is resumed. Returns with the lock held again. A
-// cancelled task unwinds from here with the lock held, so that the caller's guards see the object locked.
+// (monotonic nanoseconds), or without a cause; a task that is suspended meanwhile stays here, holding nothing, until it
+// is resumed. Returns with the lock held again. A cancelled task unwinds from here with the lock held, so that the
+// caller's guards see the object locked.
 //
 // Wake-ups are not lost: the caller joined the wait list under `objectLock`, and whoever unparks holds it.
 template <class Guard>

@@ -1,12 +1,18 @@
 // Waiting: wait lists, parking, watching another task, delays.
 //
-// A thread parks on one word of its control block: 1 while it may sleep, 0 once it was unparked. It sets the word with
-// the object's lock held, and whoever has something for it holds that lock, so no wake-up is lost. A deleter holds no
-// lock of the object: it requests cancellation first and unparks then, while the thread sets the word first and looks
-// for a request then; one of the two sees the other. The thread re-locks the object before it acts on a request, so
-// that deletion unwinds through the caller's guards as if the call had failed with the lock held.
+// A thread parks on one word of its control block: not 0 while it may sleep, 0 once it was unparked. It sets the word
+// with the object's lock held, and whoever has something for it holds that lock, so no wake-up is lost. A deleter holds
+// no lock of the object: it requests cancellation first and unparks then, while the thread sets the word first and
+// looks for a request then; one of the two sees the other. The thread re-locks the object before it acts on a request,
+// so that deletion unwinds through the caller's guards as if the call had failed with the lock held.
+//
+// Before it sleeps, a thread gives the processor away once, where that has paid lately: a partner that shares the
+// processor then does its part, and neither of them pays for sleeping and waking. Each time it does not pay, or takes
+// so long that others must have had the processor, the next tries lie twice as far apart; so a busy host loses a time
+// slice in a thousand waits at most.
 #include <sched.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "kernel/task_private.h"
@@ -16,11 +22,40 @@
 namespace zel::kernel {
 namespace {
 
-constexpr std::uint32_t mayParkWord = 1;
+constexpr std::uint32_t mayParkWord = 1;  // asleep, or about to be
+constexpr std::uint32_t awakeWord = 2;    // unparking costs no wake-up
+
+constexpr std::uint64_t quickReturnNanoseconds = 100'000;
+constexpr std::uint32_t mostWaitsBetweenTries = 1024;
+
+// Gives the processor away once; whether the task was unparked meanwhile.
+bool giveWay(const std::atomic<std::uint32_t> &word) {
+    const std::uint64_t start = platform::now();
+    sched_yield();
+    return word.load() == 0 && platform::now() - start < quickReturnNanoseconds;
+}
+
+// Tcb::giveWay holds how far tries lie apart in its upper half, and how many waits are left until the next in its
+// lower.
+void giveWayIfItPays(Tcb &self) {
+    const std::uint32_t left = self.giveWay & 0xffff, distance = self.giveWay >> 16;
+    if (left != 0) {
+        --self.giveWay;
+    } else if (giveWay(atomicWord(self.parkWord))) {
+        self.giveWay = 0;
+    } else {
+        const std::uint32_t next = std::clamp(distance * 2, 1u, mostWaitsBetweenTries);
+        self.giveWay = next << 16 | next;
+    }
+}
 
 // False when the deadline passed. In a simulation nobody else can end the wait: time passes instead.
-bool sleepOn(const std::atomic<std::uint32_t> &word, std::uint64_t deadline) {
+bool sleep(Tcb &self, std::uint64_t deadline) {
+    std::atomic<std::uint32_t> &word = atomicWord(self.parkWord);
     const zelHostSeam &host = platform::seam();
+    if (!host.simulated) giveWayIfItPays(self);
+    std::uint32_t awake = awakeWord;
+    if (!word.compare_exchange_strong(awake, mayParkWord)) return true;
     if (!host.simulated) return platform::futexWait(word, mayParkWord, deadline);
     hostCheck(deadline != platform::forever, "a wait without limit in simulated time");
     while (host.sleepUntil(host.context, deadline) == EINTR) {
@@ -85,12 +120,12 @@ bool isTurnOf(const WaitList &list, const Tcb &task, bool isPriorityOrder) {
 }
 
 void beginPark(Tcb &self) {
-    atomicWord(self.parkWord).store(mayParkWord);
+    atomicWord(self.parkWord).store(awakeWord);
     pthread_testcancel();
 }
 
 bool sleepParked(Tcb &self, std::uint64_t deadline) {
-    const bool isInTime = sleepOn(atomicWord(self.parkWord), deadline);
+    const bool isInTime = sleep(self, deadline);
     stayWhileSuspended(self);
     return isInTime;
 }

@@ -207,7 +207,7 @@ typedef struct zelTcb {
     uint32_t suspendWord;
     uint32_t suspendAck;
     uint32_t kernelDepth;
-    uint32_t reserved32;
+    uint32_t giveWay;
     uintptr_t reserved[4];
 } zelTcb;
 
