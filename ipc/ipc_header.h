@@ -40,12 +40,14 @@ struct SwpHeader {
     using Result = wire::Field<std::uint32_t, 12>;
     using Stream = wire::Field<std::uint32_t, 16>;
     using Answered = wire::Field<std::uint32_t, 20>;  // acknowledgement: stream of the message answered
-    using Early = wire::Field<std::uint32_t, 24>;     // 1: sent before message 0 was known to be acknowledged; echoed
+    using Flags = wire::Field<std::uint32_t, 24>;
     using Link = wire::Field<std::uint32_t, 40>;
     using Length = wire::Field<std::uint32_t, 44>;
     static constexpr std::size_t size = 64;
     static constexpr std::size_t offsetInMessage = IpcHeader::size;
     static constexpr std::size_t endInMessage = offsetInMessage + size;
+    static constexpr std::uint32_t early = 1;        // sent before message 0 was known to be acknowledged; echoed
+    static constexpr std::uint32_t moreFollows = 2;  // the next message of the stream leaves at once
     static constexpr std::uint32_t acknowledgementPacket = 0x53574143;  // packet type of an acknowledgement
 };
 

@@ -49,7 +49,7 @@ void answerHeader(const std::uint8_t *asked, std::uint8_t *answer, Sequence expe
     SwpHeader::Result::set(answer, static_cast<std::uint32_t>(result));
     SwpHeader::Stream::set(answer, expected == 0 ? 0 : SwpHeader::Stream::get(asked));
     SwpHeader::Answered::set(answer, SwpHeader::Stream::get(asked));
-    SwpHeader::Early::set(answer, SwpHeader::Early::get(asked));
+    SwpHeader::Flags::set(answer, SwpHeader::Flags::get(asked) & SwpHeader::early);
 }
 
 int answerOnIcl(const void *message, const zelSwpSeq &expected, int result) {
@@ -80,7 +80,7 @@ Acknowledgement read(const std::uint8_t *header) {
             .result = static_cast<int>(SwpHeader::Result::get(header)),
             .stream = SwpHeader::Stream::get(header),
             .answered = SwpHeader::Answered::get(header),
-            .isEarly = SwpHeader::Early::get(header) != 0};
+            .isEarly = (SwpHeader::Flags::get(header) & SwpHeader::early) != 0};
 }
 
 bool isResult(int result) {

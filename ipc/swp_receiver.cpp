@@ -7,8 +7,8 @@
 // longest is forgotten, and its sender learns that from the answer to its next message.
 //
 // Acknowledgements may be held back: with an interval of n, the answer to an in-order message waits while fewer than n
-// are unanswered and another datagram is already in the socket. Whoever is about to find the socket empty sends what is
-// held, so a sender with a full window never waits for an answer that nobody owes.
+// are unanswered and another datagram is in the socket, or on its way as the message says. Whoever would find the
+// socket empty sends what is held, so a sender with a full window does not wait for an answer that nobody thinks of.
 #include <cstring>
 
 #include "ipc/swp_ack.h"
@@ -138,7 +138,11 @@ void sendHeld(zelSwpReceiver &receiver) {
         if (receiver.sources[i].held > 0) sendHeldOf(receiver, receiver.sources[i]);
 }
 
-bool isMoreWaiting(const zelSwpReceiver &receiver) {
+// Whether another message is in the socket, or on its way as its sender says. Should that one be lost, the sender's
+// timer resends both, and the first of them is answered at once.
+bool isMoreComing(const zelSwpReceiver &receiver, const void *message) {
+    const auto *header = static_cast<const uint8_t *>(message) + SwpHeader::offsetInMessage;
+    if ((SwpHeader::Flags::get(header) & SwpHeader::moreFollows) != 0) return true;
     const auto &seam = zel::platform::seam();
     const int fd = Key_getSocketFd(receiver.key);
     return fd >= 0 && seam.waitReadable(seam.context, fd, 0) == 1;
@@ -150,7 +154,7 @@ void answer(zelSwpReceiver &receiver, Source &source, const void *message, const
     if (source.held++ == 0) ++receiver.holding;
     if (checked.result != ZEL_SWP_MATCHED || source.held >= receiver.interval) {
         sendHeldOf(receiver, source);
-    } else if (!isMoreWaiting(receiver)) {
+    } else if (!isMoreComing(receiver, message)) {
         sendHeld(receiver);
     }
 }

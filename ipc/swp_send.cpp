@@ -47,9 +47,11 @@ bool sendPlainly(const SharedQueue &queue, const Slot &slot) {
                                           static_cast<std::uint16_t>(queue.receiver.requestQueue));
 }
 
-bool transmit(HeldQueue &queue, Sequence sequence) {
+// `isLast`: nothing else leaves right behind it, so that a receiver may have to answer now.
+bool transmit(HeldQueue &queue, Sequence sequence, bool isLast = true) {
     const Slot &slot = queue.slotOf(sequence);
-    SwpHeader::Early::set(swpHeader(slot), queue.window().acknowledged == 0 ? 1 : 0);
+    SwpHeader::Flags::set(swpHeader(slot), (queue.window().acknowledged == 0 ? SwpHeader::early : 0) |
+                                               (isLast ? 0 : SwpHeader::moreFollows));
     bool isSent;
     if (queue.shared().isIcl) {
         isSent = sendOnIcl(slot.message, slot.length);
@@ -131,7 +133,7 @@ bool sendWaiting(HeldQueue &queue) {
     Window &window = queue.window();
     const Sequence limit = sendLimit(window, queue.shared().windowSize);
     while (window.sent < limit) {
-        if (!transmit(queue, window.sent)) return false;
+        if (!transmit(queue, window.sent, window.sent + 1 == limit)) return false;
         ++window.sent;
         ++queue.counters().sent;
     }
@@ -141,7 +143,7 @@ bool sendWaiting(HeldQueue &queue) {
 bool resendFlight(HeldQueue &queue) {
     const Window &window = queue.window();
     for (Sequence sequence = window.acknowledged; sequence < window.sent; ++sequence) {
-        if (!transmit(queue, sequence)) return false;
+        if (!transmit(queue, sequence, sequence + 1 == window.sent)) return false;
         ++queue.counters().retransmitted;
     }
     return true;
