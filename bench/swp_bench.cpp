@@ -23,7 +23,7 @@ using zel::test::Child;
 constexpr int messageBytes = 6338;  // a full batch of routes
 constexpr int ackBytes = 124;
 constexpr int window = 8;
-constexpr int ackInterval = 4;
+constexpr int ackInterval = window;
 constexpr uint32_t capacity = 64;
 constexpr int senderService = 61;
 constexpr int receiverService = 76;

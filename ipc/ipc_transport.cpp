@@ -41,6 +41,16 @@ bool sendMessage(Queue &queue, const void *message, std::size_t length, std::uin
     return sendParts(queue, &whole, 1, length, address, port);
 }
 
+int sendMessages(Queue &queue, const iovec *messages, int count, std::uint32_t address, std::uint16_t port) {
+    const sockaddr_in to = platform::socketAddress(address, port);
+    const int sent = platform::sendDatagrams(queue.socket.load(std::memory_order_acquire), messages, count, to);
+    queue.counters.sent.fetch_add(static_cast<std::uint64_t>(sent), std::memory_order_relaxed);
+    if (sent < count) Counters::add(queue.counters.sendFailures);
+    for (int i = 0; isHistoryOn() && i < sent; ++i)
+        recordHistory(Direction::sent, queue.queueId, messages[i].iov_base, messages[i].iov_len);
+    return sent;
+}
+
 Wait::Wait(Queue &queue, int timeoutSec)
     : queue_(queue),
       socket_(queue.socket.load(std::memory_order_acquire)),

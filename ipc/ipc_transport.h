@@ -17,6 +17,8 @@ bool sendMessage(Queue &queue, const void *header, const void *payload, std::siz
                  std::uint32_t address, std::uint16_t port);
 // The same for a message in one piece.
 bool sendMessage(Queue &queue, const void *message, std::size_t length, std::uint32_t address, std::uint16_t port);
+// The same for several messages to one queue, in order; how many the host took.
+int sendMessages(Queue &queue, const iovec *messages, int count, std::uint32_t address, std::uint16_t port);
 
 // One wait on a queue: one deadline, however many datagrams are dropped and however often it is interrupted.
 //

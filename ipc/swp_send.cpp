@@ -10,6 +10,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "ipc/ipc_transport.h"
@@ -40,27 +41,42 @@ void buildIpcHeader(const SharedQueue &queue, void *message) {
     IpcHeader::TargetQueue::set(message, queue.receiver.requestQueue);
 }
 
-// Plain delivery on the sender's request queue, without a word: nothing is printed under a queue's lock.
-bool sendPlainly(const SharedQueue &queue, const Slot &slot) {
-    Queue *from = findOpenQueue(keyOf(queue.sender.service, queue.sender.instance));
-    return from != nullptr && sendMessage(*from, slot.message, slot.length, queue.receiver.address,
-                                          static_cast<std::uint16_t>(queue.receiver.requestQueue));
-}
-
-// `isLast`: nothing else leaves right behind it, so that a receiver may have to answer now.
-bool transmit(HeldQueue &queue, Sequence sequence, bool isLast = true) {
-    const Slot &slot = queue.slotOf(sequence);
+// Everything but the last is marked, so that the receiver need not answer it at once.
+void prepare(const HeldQueue &queue, const Slot &slot, bool isLast) {
     SwpHeader::Flags::set(swpHeader(slot), (queue.window().acknowledged == 0 ? SwpHeader::early : 0) |
                                                (isLast ? 0 : SwpHeader::moreFollows));
-    bool isSent;
-    if (queue.shared().isIcl) {
-        isSent = sendOnIcl(slot.message, slot.length);
-    } else {
-        buildIpcHeader(queue.shared(), slot.message);
-        isSent = sendPlainly(queue.shared(), slot);
+    if (!queue.shared().isIcl) buildIpcHeader(queue.shared(), slot.message);
+}
+
+// Plain delivery on the sender's request queue, without a word: nothing is printed under a queue's lock.
+std::uint32_t sendPlainly(const SharedQueue &queue, const iovec *messages, std::uint32_t count) {
+    Queue *from = findOpenQueue(keyOf(queue.sender.service, queue.sender.instance));
+    if (from == nullptr) return 0;
+    const int sent = sendMessages(*from, messages, static_cast<int>(count), queue.receiver.address,
+                                  static_cast<std::uint16_t>(queue.receiver.requestQueue));
+    return static_cast<std::uint32_t>(sent);
+}
+
+std::uint32_t sendAllOnIcl(const iovec *messages, std::uint32_t count) {
+    std::uint32_t sent = 0;
+    while (sent < count && sendOnIcl(messages[sent].iov_base, messages[sent].iov_len)) ++sent;
+    return sent;
+}
+
+// Sends the messages from `first` up to `end`, as many as a window usually has at a time: how many left, 0 on failure.
+std::uint32_t transmit(HeldQueue &queue, Sequence first, Sequence end) {
+    constexpr std::uint32_t mostAtOnce = 16;
+    iovec messages[mostAtOnce];
+    const auto count = static_cast<std::uint32_t>(std::min<Sequence>(end - first, mostAtOnce));
+    for (std::uint32_t i = 0; i < count; ++i) {
+        const Slot &slot = queue.slotOf(first + i);
+        prepare(queue, slot, first + i + 1 == end);
+        messages[i] = {slot.message, slot.length};
     }
-    if (!isSent) ++queue.counters().failedSends;
-    return isSent;
+    const std::uint32_t sent =
+        queue.shared().isIcl ? sendAllOnIcl(messages, count) : sendPlainly(queue.shared(), messages, count);
+    if (sent < count) ++queue.counters().failedSends;
+    return sent;
 }
 
 bool isAllAcknowledged(const Window &window) {
@@ -85,7 +101,8 @@ void reportExhausted(const HeldQueue &queue, Notice &notice) {
 }
 
 int resendHead(HeldQueue &queue) {
-    if (!transmit(queue, queue.window().acknowledged)) return ZEL_SWP_SEND_FAILED;
+    const Sequence head = queue.window().acknowledged;
+    if (transmit(queue, head, head + 1) == 0) return ZEL_SWP_SEND_FAILED;
     ++queue.counters().retransmitted;
     ++queue.counters().passes;
     restartTimer(queue);
@@ -133,18 +150,21 @@ bool sendWaiting(HeldQueue &queue) {
     Window &window = queue.window();
     const Sequence limit = sendLimit(window, queue.shared().windowSize);
     while (window.sent < limit) {
-        if (!transmit(queue, window.sent, window.sent + 1 == limit)) return false;
-        ++window.sent;
-        ++queue.counters().sent;
+        const std::uint32_t sent = transmit(queue, window.sent, limit);
+        if (sent == 0) return false;
+        window.sent += sent;
+        queue.counters().sent += sent;
     }
     return true;
 }
 
 bool resendFlight(HeldQueue &queue) {
     const Window &window = queue.window();
-    for (Sequence sequence = window.acknowledged; sequence < window.sent; ++sequence) {
-        if (!transmit(queue, sequence, sequence + 1 == window.sent)) return false;
-        ++queue.counters().retransmitted;
+    for (Sequence next = window.acknowledged; next < window.sent;) {
+        const std::uint32_t sent = transmit(queue, next, window.sent);
+        if (sent == 0) return false;
+        next += sent;
+        queue.counters().retransmitted += sent;
     }
     return true;
 }

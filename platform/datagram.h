@@ -37,6 +37,9 @@ sockaddr_in socketAddress(std::uint32_t address, std::uint16_t port);
 
 // Sends the parts as one datagram: bytes sent, or -1 with errno.
 ssize_t sendDatagram(int socket, const iovec *parts, int count, const sockaddr_in &to);
+// Sends each of the messages as a datagram of its own, in order; how many went, and errno when not all did. Messages to
+// this host go many to a call while they are of one length.
+int sendDatagrams(int socket, const iovec *messages, int count, const sockaddr_in &to);
 // The next datagram if one waits: its whole length, also when that exceeds `size`; -1 with errno (EAGAIN: none).
 ssize_t receiveWaiting(int socket, void *buffer, std::size_t size);
 ssize_t peekWaiting(int socket, void *buffer, std::size_t size);
