@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <optional>
 #include <vector>
@@ -77,6 +78,30 @@ void forEachEntry(Visit visit) {
         }
 }
 
+// Whether the host may give the port to anybody who asks for none in particular.
+bool isEphemeral(int port) {
+    int low = 0, high = -1;
+    if (std::ifstream range("/proc/sys/net/ipv4/ip_local_port_range"); range) range >> low >> high;
+    if (port < low || port > high) return false;
+    std::ifstream reserved("/proc/sys/net/ipv4/ip_local_reserved_ports");
+    for (std::string part; std::getline(reserved, part, ',');) {
+        int first = 0, last = 0;
+        const int numbers = sscanf(part.c_str(), "%d-%d", &first, &last);
+        if (numbers >= 1 && port >= first && port <= (numbers == 2 ? last : first)) return false;
+    }
+    return true;
+}
+
+// A port that is taken for something else keeps the task from starting some day.
+void warnOfPorts(const Role &role) {
+    const auto port = static_cast<int>(zel_getQueueId(role.service, role.instance, ZEL_IPC_QUEUE_REQUEST));
+    if (isEphemeral(port))
+        printf(
+            "zeltmed: warning: %s uses port %d, which the host also gives to others; reserve it with "
+            "net.ipv4.ip_local_reserved_ports\n",
+            describe(role).c_str(), port);
+}
+
 class Manager {
 public:
     explicit Manager(const Options &options)
@@ -136,6 +161,7 @@ bool Manager::start() {
     clearRemoteEntries();
     const Role self{ZEL_IPC_MIN_SERVICE, static_cast<int>(zel_sysGetInstance())};
     zelTmeSetTaskEntry(self.service, self.instance, ZEL_TME_HERE, zel_sysGetIpAddr());
+    for (const SpawnOrder &order : options_.spawns) warnOfPorts(order.role);
     for (const RemoteTask &remote : options_.remotes)
         zelTmeSetTaskEntry(remote.role.service, remote.role.instance, ZEL_TME_REMOTE, remote.address);
     printf("zeltmed: ready on %s, instance %d, process %d\n", dotted(zel_sysGetIpAddr()).c_str(), self.instance,

@@ -13,10 +13,12 @@
 #include <vector>
 
 #include "tests/programs/program.h"
+#include "tests/support/random.h"
 #include "zel/ipc.h"
 #include "zel/kernel.h"
 #include "zel/platform.h"
 
+using zel::test::Child;
 using zel::test::eventually;
 using zel::test::Program;
 
@@ -223,6 +225,40 @@ TEST(Zeltmed, CountsAndOutlivesMalformedDatagrams) {
     manager.signal(SIGTERM);
     EXPECT_EQ(manager.wait(), 0);
     EXPECT_TRUE(manager.says("0 tasks entered, 2 messages refused, datagrams dropped: 240 too short, 2 without magic"));
+}
+
+// Random messages under good headers: whatever they ask for, the manager goes on.
+TEST(Zeltmed, OutlivesRandomMessages) {
+    Program manager("zeltmed");
+    ASSERT_TRUE(manager.says("ready on"));
+    const Sender sender;
+    zel::test::Random random = zel::test::seeded();
+    const int rounds = zel::test::isFullRun() ? 200 : 10;
+    for (int round = 0; round < rounds; ++round) {
+        for (int i = 0; i < 50; ++i) {
+            unsigned char message[400];
+            for (unsigned char &byte : message) byte = static_cast<unsigned char>(random());
+            zelIpcHdrSet32(message, 0, ZEL_IPC_MAGIC);
+            if (i % 2 == 0) zelIpcHdrSet32(message, 12, 1601);
+            if (i % 3 == 0) zelIpcHdrSet32(message, 40, zelPlatformIpcAddress());
+            message[4] = static_cast<unsigned char>(random() % 16);
+            sender.send(ZEL_IPC_QUEUE_REQUEST + i % 2, message, random() % sizeof message);
+        }
+        ASSERT_EQ(list().status, 0);
+    }
+    const Child task = Child::start("worker", {"stay", "70", "0", "13", "0", "0", "0", "0", "0"});
+    EXPECT_TRUE(manager.says("RIP(70/0) is ready, process " + std::to_string(task.pid())));
+    manager.signal(SIGTERM);
+    EXPECT_EQ(manager.wait(), 0);
+}
+
+TEST(Zeltmed, KillsATaskThatDoesNotStartUp) {
+    if (!zel::test::isFullRun()) GTEST_SKIP() << "takes ten seconds";
+    Program manager("zeltmed",
+                    {"--until", "ISIS", "--spawn", "RIP /bin/sleep 1000", "--spawn", worker("ISIS", "leave 0")});
+    EXPECT_EQ(manager.wait(), 0);
+    EXPECT_TRUE(manager.says("RIP(70/0) has not started up"));
+    EXPECT_TRUE(manager.says("was ended by signal 9"));
 }
 
 TEST(Zeltmed, BelievesNoReportThatIsNotTrue) {
