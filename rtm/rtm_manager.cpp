@@ -246,6 +246,8 @@ int zelRtmParseBatch(const void *message, int length, zelRtmBatch *batch) {
     batch->family = family;
     batch->message = bytesOf(message);
     batch->offset = BatchMessage::routes;
+    batch->record = nullptr;
+    batch->recordLength = 0;
     batch->length = static_cast<uint32_t>(length);
     return 0;
 }
@@ -259,6 +261,8 @@ int zelRtmNextRoute(zelRtmBatch *batch, uint32_t *operation, zelRtmRoute *route)
     if (*operation != ZEL_RTM_ADD && *operation != ZEL_RTM_DELETE) return -1;
     const std::size_t size = readRecord(at + operationSize, left - operationSize, batch->family, *route);
     if (size == 0) return -1;
+    batch->record = at + operationSize;
+    batch->recordLength = static_cast<uint32_t>(size);
     batch->offset += static_cast<uint32_t>(operationSize + size);
     --batch->left;
     return 1;

@@ -163,6 +163,13 @@ int zelRtmUpdateRoute(uint32_t handle, uint32_t operation, const zelRtmRoute *ro
     return send(batch, to);
 }
 
+void zelRtmDropPending(void **pending, uint32_t queue, zelSwpQList *list, uint32_t vrfId) {
+    Destination to;
+    if (!pending || !*pending || !findDestination(queue, list, 0, vrfId, to)) return;
+    release(to.queue, *pending);
+    *pending = nullptr;
+}
+
 int zelRtmUpdateRouteSwpAck(uint32_t queue) {
     void *message = nullptr;
     const int result = zelSwpDequeue(queue, &message);

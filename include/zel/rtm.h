@@ -187,6 +187,8 @@ int zelRtmDeRegisterClientQualifier(uint32_t handle, uint32_t kind, uint32_t val
 int zelRtmUpdateRoute(uint32_t handle, uint32_t operation, const zelRtmRoute *route, void **pending,
                       const zelIpcAddr *ipc, uint32_t queue, uint8_t source, int family, zelSwpQList *list,
                       uint32_t vrfId);
+/* Frees what *pending holds, unsent, and clears it; for callers that start over. */
+void zelRtmDropPending(void **pending, uint32_t queue, zelSwpQList *list, uint32_t vrfId);
 /* Takes one acknowledged message off `queue` and frees it; the result of zelSwpDequeue, 0 when one was taken. */
 int zelRtmUpdateRouteSwpAck(uint32_t queue);
 
@@ -364,6 +366,8 @@ typedef struct {
     uint32_t routes; /* as the batch says */
     uint8_t source;
     int family;
+    const uint8_t *record; /* what zelRtmNextRoute read last: the record without its operation, in the message */
+    uint32_t recordLength;
     /* private */
     const uint8_t *message;
     uint32_t offset;

@@ -1,0 +1,225 @@
+#include "source.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "programs/support/program.h"
+#include "zel/kernel.h"
+
+namespace zelroutes {
+namespace {
+
+using zel::programs::isStopping;
+using zel::programs::Row;
+
+constexpr unsigned messageTypeWord = 12;
+constexpr int requestQueue = 1;
+constexpr int receiverInstance = 0;
+constexpr std::size_t mostBytes = 65536;
+// Messages that wait in the queue, in windows: enough that the window never runs dry.
+constexpr int windowsQueued = 2;
+constexpr std::uint32_t retransmitSeconds = 1;
+constexpr std::uint8_t retransmissions = 5;
+constexpr int retryTicks = 25;
+constexpr int waitSeconds = 1;
+constexpr std::uint32_t vrf = 0;
+
+// Set by the queue's callback, which runs in the timer task or under a call of ours: the code that ended the stream.
+std::atomic<int> streamEnded = 0;
+
+void noteTrouble(void *, int code) {
+    if (code == ZEL_SWP_NO_RETRANS || code == ZEL_SWP_SEQ_FAILURE) streamEnded = code;
+}
+
+}  // namespace
+
+Source::Source(std::uint32_t key, const Options &options) : key_(key), options_(options), buffer_(mostBytes) {
+    address_.service = zelIpcGetServiceFromSvce(key);
+    address_.instance = zelIpcGetInstanceFromSvce(key);
+    address_.taskKey = key;
+    route_.protocol = static_cast<std::uint8_t>(address_.service);
+    route_.distance = options.distance;
+    route_.hop[0].ifIndex = options.interface;
+}
+
+Source::~Source() {
+    if (queue_ == 0) return;
+    zelRtmDropPending(&pending_, queue_, nullptr, vrf);
+    zelSwpQueueRemove(queue_);
+}
+
+int Source::run() {
+    if (!load() || !makeQueue() || !connect()) return isStopping() ? 0 : 1;
+    const double begin = zel::programs::monotonicSeconds();
+    for (;;) {
+        const Push result = pushAll();
+        if (result == Push::done) break;
+        if (result == Push::stopped) return 0;
+        startOver();
+        if (!connect()) return 0;
+    }
+    seconds_ = zel::programs::monotonicSeconds() - begin;
+    report();
+    if (!options_.quits) watch();
+    return 0;
+}
+
+bool Source::load() {
+    if (!readTable(options_.table, table_)) {
+        fprintf(stderr, "zelroutes: %s cannot be read\n", options_.table.c_str());
+        return false;
+    }
+    for (const std::string &file : options_.updates)
+        if (!readTable(file, table_)) {
+            fprintf(stderr, "zelroutes: %s cannot be read\n", file.c_str());
+            return false;
+        }
+    if (table_.unreadable > 0) printf("zelroutes: %lu lines are no routes\n", table_.unreadable);
+    if (table_.communitiesCut > 0)
+        printf("zelroutes: %lu communities of %lu routes do not fit beside the AS path and are left out\n",
+               table_.communitiesCut, table_.routesCut);
+    return true;
+}
+
+// The look-up of the manager's address inside may wait for the manager to come up.
+bool Source::makeQueue() {
+    const int result = zelSwpQueueCreate(static_cast<int>(address_.service), static_cast<int>(address_.instance),
+                                         ZEL_RTM_SERVICE, receiverInstance, 0, options_.window, retransmitSeconds,
+                                         retransmissions, noteTrouble, &queue_);
+    if (result == ZEL_SWP_SUCCESS) return true;
+    queue_ = 0;
+    fprintf(stderr, "zelroutes: no queue to the route table manager (%s)\n", zelSwpGetErr(result));
+    return false;
+}
+
+bool Source::registerOnce() {
+    const std::string name = "routes-" + std::to_string(address_.service);
+    return zelRtmV4V6Register(address_.service, ZEL_RTM_IPV4_UNICAST, name.c_str(), &handle_, &address_) == 0;
+}
+
+// Registers, as often as it takes.
+bool Source::connect() {
+    while (!isStopping()) {
+        if (registerOnce()) return true;
+        taskDelay(retryTicks);
+    }
+    return false;
+}
+
+std::uint32_t Source::operationOf(const Row &row) const {
+    return row.isWithdrawal ? ZEL_RTM_DELETE : ZEL_RTM_ADD;
+}
+
+Source::Push Source::pushAll() {
+    batchBegin_ = 0;
+    for (std::size_t index = 0; index < table_.rows.size(); ++index) {
+        const Push result = pushRow(index);
+        if (result != Push::done) return result;
+        if (batchBegin_ < index) index = batchBegin_ - 1;  // the batch was lost to a full queue: its rows come again
+    }
+    const Push result = flushPending();
+    return result == Push::done ? awaitRoom(0) : result;
+}
+
+// Appends a row; the batch may leave with it. Waits while enough is queued.
+Source::Push Source::pushRow(std::size_t index) {
+    const Row &row = table_.rows[index];
+    if (pending_ && row.family != pendingFamily_) {
+        const Push result = flushPending();
+        if (result != Push::done) return result;
+        batchBegin_ = index;
+    }
+    routeOfRow(table_, row, route_);
+    pendingFamily_ = row.family;
+    const int result = zelRtmUpdateRoute(handle_, operationOf(row), &route_, &pending_, &address_, queue_,
+                                         static_cast<std::uint8_t>(address_.service), row.family, nullptr, vrf);
+    if (pending_) return Push::done;
+    if (result == 1) return Push::startOver;
+    if (result == 2)
+        ++queueFull_;
+    else
+        batchBegin_ = index + 1;
+    return awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_));
+}
+
+Source::Push Source::flushPending() {
+    if (!pending_) return Push::done;
+    const int result = zelRtmUpdateRoute(handle_, ZEL_RTM_ADD, nullptr, &pending_, &address_, queue_,
+                                         static_cast<std::uint8_t>(address_.service), pendingFamily_, nullptr, vrf);
+    return result == 0 ? awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_)) : Push::startOver;
+}
+
+// Takes acknowledgements until at most that many messages are queued.
+Source::Push Source::awaitRoom(int most) {
+    while (zelSwpQueueGetLen(queue_) > most) {
+        if (isStopping()) return Push::stopped;
+        if (streamEnded) return Push::startOver;
+        receive(waitSeconds);
+    }
+    return Push::done;
+}
+
+void Source::startOver() {
+    printf("zelroutes: %u: the route table manager %s; registering again\n", address_.service,
+           streamEnded == ZEL_SWP_SEQ_FAILURE ? "started anew" : "does not answer");
+    ++recoveries_;
+    streamEnded = 0;
+    zelRtmDropPending(&pending_, queue_, nullptr, vrf);
+    zelSwpQueueFlush(queue_);
+    if (!connect()) return;
+    zelRtmFlushRoutesAFSwp(handle_, &address_, queue_, ZEL_RTM_IPV4_UNICAST);
+    zelRtmFlushRoutesAFSwp(handle_, &address_, queue_, ZEL_RTM_IPV6_UNICAST);
+}
+
+// One message, or nothing within that time.
+bool Source::receive(int seconds) {
+    const int length = zelIpcRecv(key_ | requestQueue, buffer_.data(), static_cast<int>(buffer_.size()), seconds, 0, 0);
+    if (length <= 0) return false;
+    takeMessage(buffer_.data(), length);
+    return true;
+}
+
+void Source::takeMessage(const std::uint8_t *message, int length) {
+    std::uint32_t queue = 0, clearHandle, clearVrf, sequence;
+    if (zelIpcHdrGet32(message, messageTypeWord) == zel::programs::wakeType) return;
+    if (zelRtmParseClear(message, length, &clearHandle, &clearVrf, &sequence) == 0) {
+        if (clearHandle == handle_) {
+            zelRtmClearIpRouteSwpAck(handle_, &address_, queue_, sequence);
+            streamEnded = ZEL_SWP_SEQ_FAILURE;
+        }
+        return;
+    }
+    zelSwpProcAck(message, length, &queue);
+    while (zelRtmUpdateRouteSwpAck(queue_) == 0) continue;
+}
+
+// What the demonstration reads: one "name value" per line.
+void Source::report() {
+    if (options_.report.empty()) return;
+    zelSwpStatus status{};
+    zelSwpGetQueueStatus(queue_, &status);
+    const std::string partial = options_.report + ".part";
+    FILE *file = fopen(partial.c_str(), "we");
+    if (!file) return;
+    fprintf(
+        file,
+        "rows %zu\nbatches %llu\ndatagrams %llu\nretransmitted %llu\nqueue-full %lu\nrecoveries %lu\nseconds %.3f\n",
+        table_.rows.size(), static_cast<unsigned long long>(status.enqueued),
+        static_cast<unsigned long long>(status.sent + status.retransmitted),
+        static_cast<unsigned long long>(status.retransmitted), queueFull_, recoveries_, seconds_);
+    fclose(file);
+    rename(partial.c_str(), options_.report.c_str());
+}
+
+// Everything is there. Keeps it there.
+void Source::watch() {
+    while (!isStopping()) {
+        receive(waitSeconds);
+        while (streamEnded && !isStopping()) {
+            startOver();
+            if (pushAll() == Push::done) report();
+        }
+    }
+}
+
+}  // namespace zelroutes

@@ -1,0 +1,69 @@
+// A source of routes: registers with the route table manager, pushes what its files say in batches over a
+// sliding-window queue, and keeps it there. Whenever the manager forgets the stream (it was started anew) or no longer
+// answers, the source registers again, flushes, and pushes everything once more.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "programs/support/table_file.h"
+#include "zel/ipc.h"
+#include "zel/rtm.h"
+
+namespace zelroutes {
+
+struct Options {
+    std::string table;
+    std::vector<std::string> updates;  // played behind the table, in this order
+    std::string report;                // file that gets the summary when everything is acknowledged
+    std::uint8_t distance = 20;
+    std::uint32_t interface = 1;
+    std::uint32_t window = 0;  // 0: the queue's default
+    bool quits = false;        // ends when everything is acknowledged
+};
+
+class Source {
+public:
+    Source(std::uint32_t key, const Options &options);
+    ~Source();
+
+    // Until the program is asked to stop, or is done when it quits then: the exit status.
+    int run();
+
+private:
+    enum class Push { done, stopped, startOver };
+
+    bool load();
+    bool makeQueue();
+    bool registerOnce();
+    bool connect();
+    Push pushAll();
+    Push pushRow(std::size_t index);
+    Push flushPending();
+    Push awaitRoom(int most);
+    void startOver();
+    bool receive(int seconds);
+    void takeMessage(const std::uint8_t *message, int length);
+    void report();
+    void watch();
+    std::uint32_t operationOf(const zel::programs::Row &row) const;
+
+    std::uint32_t key_;
+    Options options_;
+    zelIpcAddr address_{};
+    zel::programs::TableFile table_;
+    zelRtmRoute route_{};
+    std::uint32_t queue_ = 0;
+    std::uint32_t handle_ = 0;
+    void *pending_ = nullptr;
+    std::size_t batchBegin_ = 0;  // the first row of the batch under construction
+    int pendingFamily_ = 0;
+    std::vector<std::uint8_t> buffer_;
+    unsigned long queueFull_ = 0;
+    unsigned long recoveries_ = 0;
+    double seconds_ = 0;
+};
+
+}  // namespace zelroutes

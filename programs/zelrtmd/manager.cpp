@@ -1,0 +1,214 @@
+#include "manager.h"
+
+#include <cstdio>
+
+#include "programs/support/program.h"
+
+namespace zelrtmd {
+namespace {
+
+constexpr unsigned messageTypeWord = 12;
+constexpr unsigned sourceAddressWord = 40;
+constexpr unsigned sourceQueueWord = 44;
+constexpr int requestQueue = 1;
+constexpr int receiveSeconds = 1;
+constexpr std::size_t mostBytes = 65536;
+constexpr std::size_t mostTables = 1024;
+// Room for the windows of many sources at once.
+constexpr int receiveBuffer = 8 << 20;
+constexpr std::uint32_t acknowledgementInterval = 4;
+
+bool isQueued(std::uint32_t type) {
+    switch (type) {
+        case ZEL_RTM_MSG_UPDATE:
+        case ZEL_RTM_MSG_UPDATE_MULTICAST:
+        case ZEL_RTM_MSG_POLL:
+        case ZEL_RTM_MSG_MULTI_POLL:
+        case ZEL_RTM_MSG_MULTI_POLL_STOP:
+        case ZEL_RTM_MSG_MULTI_POLL_V6:
+        case ZEL_RTM_MSG_MULTI_POLL_V6_STOP:
+        case ZEL_RTM_MSG_CLEAR_ACK:
+        case ZEL_RTM_MSG_CLEAR_ACK_AF:
+        case ZEL_RTM_MSG_FLUSH_QUEUED:
+        case ZEL_RTM_MSG_FLUSH_QUEUED_MULTICAST:
+        case ZEL_RTM_MSG_FLUSH_QUEUED_V6:
+        case ZEL_RTM_MSG_FLUSH_POLLER:
+        case ZEL_RTM_MSG_FLUSH_POLLER_MULTICAST:
+        case ZEL_RTM_MSG_FLUSH_POLLER_V6:
+        case ZEL_RTM_MSG_FLUSH_VRF:
+        case ZEL_RTM_MSG_FLUSH_VRF_MULTICAST:
+        case ZEL_RTM_MSG_FLUSH_VRF_V6:
+        case ZEL_RTM_MSG_DEFAULT_INFO:
+        case ZEL_RTM_MSG_DEFAULT_INFO_V6:
+        case ZEL_RTM_MSG_REDISTRIBUTE_DELETE:
+        case ZEL_RTM_MSG_REDISTRIBUTE_RESTART:
+        case ZEL_RTM_MSG_ISIS_TAG:
+        case ZEL_RTM_MSG_VRF_DELETE_ACK:
+            return true;
+        default:
+            return false;
+    }
+}
+
+bool isPoll(std::uint32_t type) {
+    return type == ZEL_RTM_MSG_POLL || type == ZEL_RTM_MSG_MULTI_POLL || type == ZEL_RTM_MSG_MULTI_POLL_STOP ||
+           type == ZEL_RTM_MSG_MULTI_POLL_V6 || type == ZEL_RTM_MSG_MULTI_POLL_V6_STOP;
+}
+
+}  // namespace
+
+Manager::Manager(std::uint32_t key, const Options &options)
+    : key_(key),
+      options_(options),
+      receiver_(zelSwpReceiverCreate(key, 0, acknowledgementInterval)),
+      clients_(options.mostClients) {
+    int error = 0;
+    if (zelIpcSetRecvBufferLimit(key | requestQueue, receiveBuffer, &error) != 0)
+        fprintf(stderr, "zelrtmd: the receive buffer stays small (error %d)\n", error);
+}
+
+Manager::~Manager() {
+    zelSwpReceiverDestroy(receiver_);
+}
+
+int Manager::run() {
+    if (!receiver_) return 1;
+    std::vector<std::uint8_t> buffer(mostBytes);
+    while (!zel::programs::isStopping()) {
+        const int length =
+            zelIpcRecv(key_ | requestQueue, buffer.data(), static_cast<int>(buffer.size()), receiveSeconds, 0, 0);
+        if (length > 0) dispatch(buffer.data(), length);
+    }
+    return 0;
+}
+
+void Manager::dispatch(std::uint8_t *message, int length) {
+    const std::uint32_t type = zelIpcHdrGet32(message, messageTypeWord);
+    if (type == zel::programs::wakeType) return;
+    if (!isQueued(type)) return answer(type, message, length);
+    if (zelSwpReceiverAccept(receiver_, message, length) != ZEL_SWP_MATCHED) return;
+    takeQueued(type, message, length);
+    if (tablesChanged_ && !pollers_.empty()) tellPollers();
+    tablesChanged_ = false;
+}
+
+void Manager::takeQueued(std::uint32_t type, const std::uint8_t *message, int length) {
+    if (type == ZEL_RTM_MSG_UPDATE || type == ZEL_RTM_MSG_UPDATE_MULTICAST) return takeBatch(message, length);
+    if (isPoll(type)) return takePoll(message, length);
+    zelRtmRequest request;
+    if (zelRtmParseRequest(message, length, &request) != 0) {
+        ++counts_[ZEL_RTM_COUNT_MALFORMED];
+        return;
+    }
+    Client *client = clients_.findSender(request.handle, zelIpcHdrGet32(message, sourceAddressWord),
+                                         zelIpcHdrGet32(message, sourceQueueWord));
+    if (client)
+        takeQueuedRequest(request, *client);
+    else
+        ++counts_[ZEL_RTM_COUNT_REFUSED];
+}
+
+void Manager::answer(std::uint32_t type, std::uint8_t *message, int length) {
+    zelRtmRequest request;
+    switch (type) {
+        case ZEL_RTM_MSG_REGISTER:
+        case ZEL_RTM_MSG_REGISTER_NON_ROUTING:
+        case ZEL_RTM_MSG_REGISTER_ONE_WAY:
+        case ZEL_RTM_MSG_REGISTER_VRF:
+        case ZEL_RTM_MSG_REGISTER_V4V6:
+            return registerClient(message, length);
+        case ZEL_RTM_MSG_LOOKUP:
+        case ZEL_RTM_MSG_RECURSIVE_LOOKUP:
+        case ZEL_RTM_MSG_RECURSIVE_LOOKUP_TLV:
+        case ZEL_RTM_MSG_RECURSIVE_LOOKUP_V6:
+            return answerLookup(message, length);
+        case ZEL_RTM_MSG_DUMP:
+            return dump(message, length);
+        case ZEL_RTM_MSG_COUNTERS:
+            sumUp();
+            return reply(message, zelRtmAnswerCounters(message, counts_));
+        default:
+            if (zelRtmParseRequest(message, length, &request) == 0) return answerRequest(request, message, length);
+            refuse(message, ZEL_IPC_HDR_LEN, Status::badRequest);
+    }
+}
+
+void Manager::reply(std::uint8_t *message, int length) {
+    zelIpcReply(key_, message, length);
+}
+
+void Manager::refuse(std::uint8_t *message, int length, Status status) {
+    ++counts_[ZEL_RTM_COUNT_REFUSED];
+    zelRtmSetStatus(message, static_cast<std::uint32_t>(status));
+    reply(message, length);
+}
+
+// ---- Batches --------------------------------------------------------------------------------------------------------
+
+void Manager::takeBatch(const std::uint8_t *message, int length) {
+    zelRtmBatch batch;
+    if (zelRtmParseBatch(message, length, &batch) != 0) {
+        ++counts_[ZEL_RTM_COUNT_MALFORMED];
+        return;
+    }
+    const Client *client = clients_.findSender(batch.handle, zelIpcHdrGet32(message, sourceAddressWord),
+                                               zelIpcHdrGet32(message, sourceQueueWord));
+    if (!client) {
+        ++counts_[ZEL_RTM_COUNT_REFUSED];
+        return;
+    }
+    ++counts_[ZEL_RTM_COUNT_BATCHES];
+    std::uint32_t operation;
+    zelRtmRoute route;
+    int more;
+    while ((more = zelRtmNextRoute(&batch, &operation, &route)) == 1) apply(operation, client->handle, batch, route);
+    if (more < 0) ++counts_[ZEL_RTM_COUNT_MALFORMED];
+}
+
+void Manager::apply(std::uint32_t operation, std::uint32_t handle, const zelRtmBatch &batch, const zelRtmRoute &route) {
+    const bool isAdd = operation == ZEL_RTM_ADD;
+    ++counts_[isAdd ? ZEL_RTM_COUNT_ADDS : ZEL_RTM_COUNT_DELETES];
+    if (options_.onlyCounts) return;
+    Table *table = isAdd ? findOrMake(batch.family, route.vrfId) : find(batch.family, route.vrfId);
+    if (!table) return count(isAdd ? Change::refused : Change::unknown);
+    count(isAdd ? table->add(handle, route, batch.record, batch.recordLength) : table->remove(handle, route));
+}
+
+void Manager::count(Change change) {
+    tablesChanged_ = true;
+    if (change == Change::replaced) ++counts_[ZEL_RTM_COUNT_REPLACED];
+    if (change == Change::unknown) ++counts_[ZEL_RTM_COUNT_UNKNOWN_DELETES];
+    if (change == Change::refused) ++counts_[ZEL_RTM_COUNT_REFUSED];
+}
+
+Table *Manager::find(int family, std::uint32_t vrf) {
+    if (lastTable_ && lastTable_->family() == family && lastTable_->vrf() == vrf) return lastTable_;
+    const auto at = tables_.find({family, vrf});
+    return at == tables_.end() ? nullptr : lastTable_ = at->second.get();
+}
+
+Table *Manager::findOrMake(int family, std::uint32_t vrf) {
+    if (Table *table = find(family, vrf)) return table;
+    if (tables_.size() >= mostTables) return nullptr;
+    auto &slot = tables_[{family, vrf}] = std::make_unique<Table>(family, vrf);
+    return lastTable_ = slot.get();
+}
+
+void Manager::sumUp() {
+    zelSwpReceiverStats streams{};
+    zelSwpReceiverGetStats(receiver_, &streams);
+    zelIpcQueueStats queue{};
+    zelIpcGetQueueStats(key_ | requestQueue, &queue);
+    counts_[ZEL_RTM_COUNT_CLIENTS] = clients_.count();
+    counts_[ZEL_RTM_COUNT_TABLES] = tables_.size();
+    counts_[ZEL_RTM_COUNT_PREFIXES] = counts_[ZEL_RTM_COUNT_ROUTES] = 0;
+    for (const auto &[id, table] : tables_) {
+        counts_[ZEL_RTM_COUNT_PREFIXES] += table->prefixes();
+        counts_[ZEL_RTM_COUNT_ROUTES] += table->routes();
+    }
+    counts_[ZEL_RTM_COUNT_DUPLICATES] = streams.duplicates;
+    counts_[ZEL_RTM_COUNT_GAPS] = streams.gaps + streams.unknown;
+    counts_[ZEL_RTM_COUNT_DROPPED_BY_HOST] = queue.droppedByHost;
+}
+
+}  // namespace zelrtmd

@@ -1,0 +1,94 @@
+// The route table manager: one task that receives, one message at a time.
+//
+// Queued messages go through the stream receiver first, which acknowledges them and drops what came before or too
+// early; requests are answered in place. Every message is checked as a whole by the library's parsers before anything
+// is believed.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "clients.h"
+#include "table.h"
+#include "zel/ipc.h"
+#include "zel/rtm.h"
+
+namespace zelrtmd {
+
+struct Options {
+    std::size_t mostClients = 64;
+    bool onlyCounts = false;  // routes are counted and forgotten, to measure the road without the table
+};
+
+class Manager {
+public:
+    Manager(std::uint32_t key, const Options &options);
+    ~Manager();
+    Manager(const Manager &) = delete;
+    Manager &operator=(const Manager &) = delete;
+
+    // Serves until the program is asked to stop.
+    int run();
+
+private:
+    // A question that a client wants answered whenever its answer changes.
+    struct Poller {
+        zelRtmQuery query;
+        std::vector<std::uint8_t> lastAnswer;
+    };
+    struct Found {
+        const Path *path = nullptr;
+        const Path *asked = nullptr;  // the first step of a recursive look-up
+        std::uint32_t bits = 0;
+    };
+
+    void dispatch(std::uint8_t *message, int length);
+    void takeQueued(std::uint32_t type, const std::uint8_t *message, int length);
+    void answer(std::uint32_t type, std::uint8_t *message, int length);
+    void reply(std::uint8_t *message, int length);
+    void refuse(std::uint8_t *message, int length, Status status);
+
+    void takeBatch(const std::uint8_t *message, int length);
+    void apply(std::uint32_t operation, std::uint32_t handle, const zelRtmBatch &batch, const zelRtmRoute &route);
+    void count(Change change);
+    Table *find(int family, std::uint32_t vrf);
+    Table *findOrMake(int family, std::uint32_t vrf);
+    void sumUp();
+
+    // requests.cpp
+    void registerClient(std::uint8_t *message, int length);
+    void answerRequest(const zelRtmRequest &request, std::uint8_t *message, int length);
+    Status perform(const zelRtmRequest &request, Client &client);
+    void takeQueuedRequest(const zelRtmRequest &request, Client &client);
+    void flush(std::uint32_t handle, int family, const std::uint32_t *vrf);
+    void forget(Client &client);
+    void dropPollers(std::uint32_t handle, int family, const std::uint32_t *vrf);
+    void clear(std::uint32_t vrf);
+    Status redistribute(const zelRtmRequest &request, Client &client);
+    void dump(std::uint8_t *message, int length);
+
+    // lookup.cpp
+    void answerLookup(std::uint8_t *message, int length);
+    void takePoll(const std::uint8_t *message, int length);
+    Found resolve(const zelRtmQuery &query);
+    bool tell(Poller &poller, bool always);
+    void tellPollers();
+    bool isSender(const zelRtmQuery &query, const std::uint8_t *message);
+
+    std::uint32_t key_;
+    Options options_;
+    zelSwpReceiver *receiver_;
+    Clients clients_;
+    std::map<std::pair<int, std::uint32_t>, std::unique_ptr<Table>> tables_;
+    Table *lastTable_ = nullptr;
+    std::list<Poller> pollers_;
+    bool tablesChanged_ = false;
+    std::uint32_t clearSequence_ = 0;
+    std::uint64_t counts_[ZEL_RTM_COUNTERS] = {};
+};
+
+}  // namespace zelrtmd
