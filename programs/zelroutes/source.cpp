@@ -54,9 +54,7 @@ int Source::run() {
     for (;;) {
         const Push result = pushAll();
         if (result == Push::done) break;
-        if (result == Push::stopped) return 0;
-        startOver();
-        if (!connect()) return 0;
+        if (result == Push::stopped || !startOver()) return 0;
     }
     seconds_ = zel::programs::monotonicSeconds() - begin;
     report();
@@ -112,16 +110,17 @@ std::uint32_t Source::operationOf(const Row &row) const {
 
 Source::Push Source::pushAll() {
     batchBegin_ = 0;
-    for (std::size_t index = 0; index < table_.rows.size(); ++index) {
+    for (std::size_t index = 0; index < table_.rows.size();) {
         const Push result = pushRow(index);
-        if (result != Push::done) return result;
-        if (batchBegin_ < index) index = batchBegin_ - 1;  // the batch was lost to a full queue: its rows come again
+        if (result != Push::done && result != Push::lost) return result;
+        index = result == Push::lost ? batchBegin_ : index + 1;
     }
     const Push result = flushPending();
     return result == Push::done ? awaitRoom(0) : result;
 }
 
-// Appends a row; the batch may leave with it. Waits while enough is queued.
+// Appends a row; the batch may leave with it, or be lost to a full queue: then its rows, from batchBegin_, come again.
+// Waits while enough is queued.
 Source::Push Source::pushRow(std::size_t index) {
     const Row &row = table_.rows[index];
     if (pending_ && row.family != pendingFamily_) {
@@ -135,11 +134,13 @@ Source::Push Source::pushRow(std::size_t index) {
                                          static_cast<std::uint8_t>(address_.service), row.family, nullptr, vrf);
     if (pending_) return Push::done;
     if (result == 1) return Push::startOver;
-    if (result == 2)
-        ++queueFull_;
-    else
+    const Push room = awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_));
+    if (result == 0) {
         batchBegin_ = index + 1;
-    return awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_));
+        return room;
+    }
+    ++queueFull_;
+    return room == Push::done ? Push::lost : room;
 }
 
 Source::Push Source::flushPending() {
@@ -159,16 +160,17 @@ Source::Push Source::awaitRoom(int most) {
     return Push::done;
 }
 
-void Source::startOver() {
+bool Source::startOver() {
     printf("zelroutes: %u: the route table manager %s; registering again\n", address_.service,
            streamEnded == ZEL_SWP_SEQ_FAILURE ? "started anew" : "does not answer");
     ++recoveries_;
     streamEnded = 0;
     zelRtmDropPending(&pending_, queue_, nullptr, vrf);
     zelSwpQueueFlush(queue_);
-    if (!connect()) return;
+    if (!connect()) return false;
     zelRtmFlushRoutesAFSwp(handle_, &address_, queue_, ZEL_RTM_IPV4_UNICAST);
     zelRtmFlushRoutesAFSwp(handle_, &address_, queue_, ZEL_RTM_IPV6_UNICAST);
+    return true;
 }
 
 // One message, or nothing within that time.
@@ -215,10 +217,8 @@ void Source::report() {
 void Source::watch() {
     while (!isStopping()) {
         receive(waitSeconds);
-        while (streamEnded && !isStopping()) {
-            startOver();
+        while (streamEnded && startOver())
             if (pushAll() == Push::done) report();
-        }
     }
 }
 

@@ -33,7 +33,7 @@ public:
     int run();
 
 private:
-    enum class Push { done, stopped, startOver };
+    enum class Push { done, lost, stopped, startOver };
 
     bool load();
     bool makeQueue();
@@ -43,7 +43,7 @@ private:
     Push pushRow(std::size_t index);
     Push flushPending();
     Push awaitRoom(int most);
-    void startOver();
+    bool startOver();
     bool receive(int seconds);
     void takeMessage(const std::uint8_t *message, int length);
     void report();
