@@ -1,0 +1,81 @@
+// zeldemo: the main job of the library with real processes. `./zel demo` builds and runs it.
+#include <getopt.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "cpu.h"
+#include "demo.h"
+#include "programs/support/program.h"
+
+namespace {
+
+constexpr const char *help =
+    R"(usage: zeldemo [OPTION]... [ADDRESS]...
+
+Starts a task manager, a route table manager and a source of routes as processes of their own, pushes a table of the
+Internet from the source into the manager, asks the manager for the longest match of each ADDRESS (or of a dozen chosen
+ones), compares its table with the file, and sums up. Ends with status 0 when everything agrees, and leaves nothing
+behind.
+
+  -t, --table FILE   another table: prefix|next hop|AS path|communities per line; .xz is unpacked
+  -p, --peers N      up to 4 sources at once, each with the whole table: BGP, OSPF, ISIS and RIP (a service has one
+                     instance, so there are no more keys for sources)
+  -k, --kill         kill the route table manager half-way and watch everybody recover
+  -h, --help         this text
+)";
+
+constexpr option longOptions[] = {
+    {"table", required_argument, nullptr, 't'},
+    {"peers", required_argument, nullptr, 'p'},
+    {"kill", no_argument, nullptr, 'k'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
+};
+
+zeldemo::Options options;
+
+[[noreturn]] void refuse(const char *why) {
+    fprintf(stderr, "zeldemo: %s\nTry 'zeldemo --help'.\n", why);
+    exit(2);
+}
+
+unsigned parsePeers(const char *text) {
+    char *end;
+    const unsigned long number = strtoul(text, &end, 10);
+    if (*end || number < 1 || number > zeldemo::mostPeers)
+        refuse("there can be 1 to 4 peers: BGP, OSPF, ISIS and RIP, one instance each");
+    return static_cast<unsigned>(number);
+}
+
+void parseOptions(int argc, char **argv) {
+    for (int option; (option = getopt_long(argc, argv, "t:p:kh", longOptions, nullptr)) != -1;) switch (option) {
+            case 't':
+                options.table = optarg;
+                break;
+            case 'p':
+                options.peers = parsePeers(optarg);
+                break;
+            case 'k':
+                options.kills = true;
+                break;
+            case 'h':
+                fputs(help, stdout);
+                exit(0);
+            default:
+                refuse("the command line cannot be understood");
+        }
+    options.addresses.assign(argv + optind, argv + argc);
+}
+
+int body(int, char **) {
+    return zeldemo::demonstrate(options);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    parseOptions(argc, argv);
+    zeldemo::isolate();
+    return zel::programs::runProgram("tDemo", argc, argv, body);
+}
