@@ -14,9 +14,9 @@
 //
 // Holds of a process are alike: any thread may release a read that another one took. It cannot write that thread's
 // line, so it takes the hold off the common line, whose counts may thus fall below zero; the process reads as long as
-// the sum is above zero, and the owner of a line settles debts with it when it comes by next. Sums are read while
-// others change their parts, and still never come out too small: from `active` on nobody comes to stay, the common
-// count is read before the lines, and settling lifts the common count before it lowers a line.
+// the sum is above zero, and the owner of a line settles debts with it when it comes by next. A writer adds the parts
+// up while others change them, and still never finds too little: from `active` on nobody comes to stay, so lines only
+// fall; whatever moves from a line to the common line is added there first; and the common line is read last.
 //
 // Nothing needs to be undone when a process is killed. Whoever waits looks every 100 ms whether the process it waits
 // for exists: a dead writer's word is cleared and leaves a mark when it may have written; a dead reader's slot is
@@ -36,6 +36,7 @@
 #include <atomic>
 #include <climits>
 #include <cstdint>
+#include <numeric>
 
 #include "base/host_check.h"
 #include "base/lock_rank.h"
@@ -211,9 +212,9 @@ bool join(Table &locks) {
 }
 
 std::int32_t readsOf(const Block &block, std::size_t lock) {
-    std::int32_t sum = block.common.reads[lock].load();
+    std::int32_t sum = 0;
     for (const auto &line : block.lines) sum += line.reads[lock].load();
-    return sum;
+    return sum + block.common.reads[lock].load();
 }
 
 bool hasReaders(const Table &locks, std::size_t lock) {
@@ -347,15 +348,35 @@ bool releaseOwnRead(const ThreadState &thread, std::size_t lock) {
     return before > 0;
 }
 
+using Parts = std::array<std::int32_t, linesPerBlock + 1>;
+
+Parts partsOf(const Block &block, std::size_t lock) {
+    Parts parts{};
+    for (std::size_t i = 0; i < linesPerBlock; ++i) parts[i] = block.lines[i].reads[lock].load();
+    parts[linesPerBlock] = block.common.reads[lock].load();
+    return parts;
+}
+
+// Whether the process reads. Others may take and release meanwhile, so a sum that says no counts only when its parts
+// stand still.
+bool isRead(const Block &block, std::size_t lock) {
+    Parts parts = partsOf(block, lock);
+    for (;;) {
+        if (std::accumulate(parts.begin(), parts.end(), 0) > 0) return true;
+        const Parts again = partsOf(block, lock);
+        if (again == parts) return false;
+        parts = again;
+    }
+}
+
 bool releaseReadOfProcess(ThreadState &thread, std::size_t lock) {
     Block *block = ownBlock.load();
     if (block == nullptr) return false;
-    std::int32_t common = block->common.reads[lock].load();
+    auto &common = block->common.reads[lock];
+    std::int32_t before = common.load();
     do {
-        std::int32_t sum = common;
-        for (const auto &line : block->lines) sum += line.reads[lock].load();
-        if (sum <= 0) return false;
-    } while (!block->common.reads[lock].compare_exchange_weak(common, common - 1));
+        if (!isRead(*block, lock)) return false;
+    } while (!common.compare_exchange_weak(before, before - 1));
     if (thread.line == nullptr && thread.nested[lock] != 0) --thread.nested[lock];
     return true;
 }

@@ -192,6 +192,47 @@ TEST(SharedLock, ReadsReleasedCrosswiseLeaveNothingBehind) {
     EXPECT_TRUE(canTake(2, 'w'));
 }
 
+// Reads are taken and released by whichever thread comes by, more threads than have lines of their own, some of them
+// ending; still no writer gets in beside a read, and none is left behind.
+TEST(SharedLock, WritersStayOutWhileThreadsReleaseEachOthersReads) {
+    constexpr int rounds = 3000;
+    std::atomic<int> reads{0}, violations{0};
+    const auto release = [&] {
+        int seen = reads;
+        while (seen > 0 && !reads.compare_exchange_weak(seen, seen - 1)) {
+        }
+        if (seen > 0 && ZEL_ShmReadUnLock(2) != 0) ++violations;
+    };
+    const auto readAndRelease = [&](unsigned seed) {
+        std::minstd_rand random(seed);
+        for (int i = 0; i < rounds; ++i) {
+            if (random() % 32 == 0) {
+                std::thread([] { ZEL_ShmReadLock(2); }).join();  // ends, and its read goes on
+            } else {
+                ZEL_ShmReadLock(2);
+            }
+            ++reads;
+            if (random() % 4 == 0) sched_yield();
+            release();
+        }
+    };
+    const auto write = [&] {
+        for (int i = 0; i < rounds / 4; ++i) {
+            ZEL_ShmWriteLock(2);
+            if (reads != 0) ++violations;
+            ZEL_ShmWriteUnLock(2);
+            sched_yield();
+        }
+    };
+    std::vector<std::thread> threads;
+    for (unsigned i = 1; i <= 6; ++i) threads.emplace_back(readAndRelease, i);
+    for (int i = 0; i < 2; ++i) threads.emplace_back(write);
+    for (auto &thread : threads) thread.join();
+    EXPECT_EQ(violations, 0);
+    EXPECT_EQ(ZEL_ShmReadUnLock(2), -1);
+    EXPECT_TRUE(canTake(2, 'w'));
+}
+
 // A hold that another thread released must not let its taker in beside an active writer.
 TEST(SharedLock, AThreadWhoseReadWasReleasedElsewhereIsANewcomer) {
     ASSERT_EQ(ZEL_ShmReadLock(2), 0);
