@@ -165,7 +165,7 @@ void recordOwner(Endpoint &endpoint) {
                            zelTaskGetServiceName(endpoint.service), static_cast<int>(thisTaskId()), selfName());
         claim(*record, endpoint.service, endpoint.instance);
         endpoint.row = services[static_cast<std::size_t>(endpoint.service)];
-        clearBits(record->flags, ZEL_IPC_FLAG_CLOSING);
+        clearBits(record->flags, ZEL_IPC_FLAG_CLEARED_ON_OPEN);
     }
     mirrorOpenState(record, endpoint.openMask.load(std::memory_order_acquire));
 }

@@ -22,6 +22,16 @@ extern "C" {
 
 /* ==== Addressing ================================================================================================== */
 
+/*
+ * An endpoint is a (service, instance) of this CPU, opened by a task: a request queue, a response queue, and a timer
+ * queue when one is asked for. A queue is a UDP socket bound to this CPU's IPC address and the port that its queue id
+ * is. Operations take the endpoint's key; where they need one queue it is the one that key AND 3 names, and a bare key
+ * stands for the request queue. Sockets belong to the process that opened them: a forked child has none, an executed
+ * program inherits none.
+ *
+ * Any task may use every endpoint of its process. Closing one while other tasks use it makes their waits fail.
+ */
+
 typedef uint32_t zelIpcKey_t;
 
 #define ZEL_IPC_HDR_LEN 60
@@ -32,16 +42,17 @@ typedef uint32_t zelIpcKey_t;
 #define ZEL_IPC_MAX_SERVICE 363
 #define ZEL_IPC_MAX_INSTANCES 32
 
+/* Command types, byte 4 of the header. */
 enum {
-    ZEL_IPC_DEF = 0,
-    ZEL_IPC_GACK = 6,
-    ZEL_IPC_GSEND = 7,
-    ZEL_IPC_GACK_FIRST = 8,
-    ZEL_IPC_GSEND_FIRST = 9,
-    ZEL_IPC_ACK = 10,
-    ZEL_IPC_GRT = 11,
-    ZEL_IPC_RSP = 12,
-    ZEL_IPC_REQ = 13
+    ZEL_IPC_DEF = 0,         /* plain send */
+    ZEL_IPC_GACK = 6,        /* acknowledges GSEND */
+    ZEL_IPC_GSEND = 7,       /* guaranteed send */
+    ZEL_IPC_GACK_FIRST = 8,  /* acknowledges GSEND_FIRST */
+    ZEL_IPC_GSEND_FIRST = 9, /* guaranteed send that starts a target's sequence numbers */
+    ZEL_IPC_ACK = 10,        /* acknowledges GRT: the header alone */
+    ZEL_IPC_GRT = 11,        /* asks for an ACK when byte 5 is not 0 */
+    ZEL_IPC_RSP = 12,        /* reply */
+    ZEL_IPC_REQ = 13         /* request of a send-and-wait */
 };
 
 enum { ZEL_IPC_QUEUE_NONE = 0, ZEL_IPC_QUEUE_REQUEST = 1, ZEL_IPC_QUEUE_RESPONSE = 2, ZEL_IPC_QUEUE_TIMER = 3 };
@@ -50,31 +61,61 @@ enum { ZEL_IPC_QUEUE_NONE = 0, ZEL_IPC_QUEUE_REQUEST = 1, ZEL_IPC_QUEUE_RESPONSE
 uint32_t zelIpcHdrGet32(const void *hdr, unsigned off);
 void zelIpcHdrSet32(void *hdr, unsigned off, uint32_t value);
 
+/* The command's name, "UNKNOWN" for others; static text. */
 const char *zelIpcGetCmdTypeName(int command);
+/* Number of service numbers, 366. */
 int maxService(void);
+
+/* The queue id, which is the UDP port, of (service, instance, type). Nothing is refused: the service keeps 9 bits, the
+ * instance 5; instances 48 to 4144 name relayed peers and give the relay's queue. On the platform variant (type 6, or 9
+ * with a single virtual instance) the rules of zel_getQueueIdInPE hold: relayed instances count as 0, and services
+ * whose queues are folded onto the relay give its queue to every task but the relay. */
 uint32_t zel_getQueueId(int service, int instance, int type);
 uint32_t zel_getQueueIdInPE(int service, int instance, int type);
+
+/* The key with its queue type OR-ed in when that queue of this process is open, else 0. Key_getTmrQueue also clears bit
+ * 0 of the endpoint's timer flags; Key_getAllQueue does not look whether the request queue is open. */
 uint32_t Key_getReqQueue(uint32_t key);
 uint32_t Key_getRspQueue(uint32_t key);
 uint32_t Key_getTmrQueue(uint32_t key);
 uint32_t Key_getAllQueue(uint32_t key);
+/* The socket of the queue, for poll; -1 when it is not open. It stays the library's. */
 int Key_getSocketFd(uint32_t key);
+
+/* Fields of a key; only the ...FromSvce forms mask the service to 9 bits. */
 uint32_t zelIpcGetService(uint32_t key);
 uint32_t zelIpcGetServiceFromSvce(uint32_t key);
 uint32_t zelIpcGetInstance(uint32_t key);
 uint32_t zelIpcGetInstanceFromSvce(uint32_t key);
+
+/* Write slot, address and queue id of one end into a header: the source with this CPU's address and the response queue,
+ * the target with the request queue (or, ToRspQ, the response queue) of (service, instance). Return the queue id. */
 uint32_t zelIpcSetSourceHeader(void *hdr, uint32_t slot, int service, int instance);
 uint32_t zelIpcSetTargetHeader(void *hdr, uint32_t ipAddress, uint32_t slot, int service, int instance);
 uint32_t zelIpcSetTargetHeaderToRspQ(void *hdr, uint32_t ipAddress, uint32_t slot, int service, int instance);
+/* Stores slot and queue id of the source; 0, or -1 when the header has no magic. */
 int zelIpcGetSourceHeader(const void *hdr, uint32_t *slot, uint32_t *queueId);
+/* Does nothing and returns 0. */
 int zelIpcGetTargetHeader(const void *hdr, uint32_t *slot, uint32_t *queueId);
 
+/* Opens request and response queue of an endpoint and returns its key; at once when both are open. The calling task
+ * becomes the owner unless a living process owns the endpoint. Waits up to a second for a port that is in use. -1 with
+ * errno: EINVAL (service outside 13..363, instance outside 0..31), EADDRINUSE, EADDRNOTAVAIL (no IPC address), ENOMEM,
+ * or what the host's call left. Nothing stays open after a failure. */
 int zelIpcOpen(int service, int instance);
+/* Opens the timer queue; returns the key, or -1 as zelIpcOpen. */
 int zelIpcOpenTmrQueue(uint32_t key);
+/* Closes every queue of the endpoint, after a running send-and-wait has ended. Owner and name stay in the endpoint's
+ * record. 0, or -1 with EINVAL, or EBADF when nothing is open. */
 int zelIpcClose(uint32_t key);
+/* Sets this process's secondary address from dotted text; a null or bad text makes it invalid. Returns 0. */
 int zelIpcSetSecondaryAddress(const char *text);
+/* Stores the calling task's key, -1 when it has none, and reports a service that differs from `service` unless that is
+ * 0. Returns 0. */
 int getIpcKey(int service, int unused, int *key);
+/* The calling task's service, 255 when it has none. */
 int getSrvcId(void);
+
 /* One queue of an endpoint; all zero when it is not in use. */
 struct zelIpcQueueDesc {
     int inUse;
@@ -107,85 +148,176 @@ struct zelIpcEndpoint {
 #define ZEL_IPC_FLAG_NAMED 0x4u
 #define ZEL_IPC_FLAG_STARTED 0x8u
 #define ZEL_IPC_FLAG_LOCK5_HELD 0x20000u /* the spawner took shared lock 5 for this task */
-#define ZEL_IPC_FLAG_CLOSING 0x80000u
+#define ZEL_IPC_FLAG_CLEARED_ON_OPEN 0x80000u
 
+/* A socket of protocol 17 (UDP) bound to `port` of this CPU's address, or of the secondary one when `secondary` is 1;
+ * the caller closes it. -1 with errno as zelIpcOpen. */
 int zel_ipcSOpen(int port, int protocol, int secondary);
+/* The same into a descriptor that is not in use (EBUSY otherwise), with the buffer sizes. 0 or -1. */
 int zel_ipcCreateLink(struct zelIpcQueueDesc *descriptor, uint32_t queueId);
 
 /* ==== Send and receive ============================================================================================ */
 
+/*
+ * A message is a buffer that begins with the 60-byte header; its length counts the header. It travels as one datagram
+ * to the address at byte 52 and the port in bytes 58..59. Unless a call says otherwise it stays the caller's and may be
+ * used again when the call returns; sends stamp header words in place, so it must be writable.
+ *
+ * Times are whole seconds: -1 waits without limit, 0 not at all; anything below is refused. A wait ends at its deadline
+ * whatever arrives meanwhile, and is a cancellation point. Sends return 0 or -1, receives the bytes copied (60 or more)
+ * or -1; errno tells why: EINVAL (a service outside 13..363, a null pointer, a buffer below 60 bytes, a bad time),
+ * EBADF (the queue is not open, or was closed during the wait), EMSGSIZE (no message's length), ETIMEDOUT, or the
+ * host's reason.
+ *
+ * Headers are believed: replies and acknowledgements go where a message says it comes from. Keep the IPC network
+ * private.
+ */
+
+/* Sends by guaranteed delivery when that is switched on, the key is the calling task's own and matches the source in
+ * the header, both addresses lie in 127.0.0.0/8, the two tasks differ, neither service is exempt (24, 26, 37, 102, 106,
+ * 253, 254, and 334 as target) and the target table has room; else plainly. */
 int zelIpcSend(uint32_t key, void *message, int length);
+/* One datagram. Stamps the magic and, when the source queue at byte 44 is 0, the key's response queue as the source. */
 int zelIpcNonGuaranteedSend(uint32_t key, void *message, int length);
+/* Sends from the request queue and waits a second for the acknowledgement on the response queue, at most three times;
+ * other datagrams that arrive there are lost. May block up to three seconds beside the wait for the response queue.
+ * `options` is not used. */
 int zelIpcGuaranteedSend(uint32_t key, void *message, int length, int options);
+
+/* Receives a message of this type and transaction, or any message when both are 0; others are dropped. Answers
+ * guaranteed messages and those that ask for an acknowledgement at once, also ones it then drops; a guaranteed message
+ * that was delivered before is only answered again. A message longer than `size` is cut. */
 int zelIpcRecv(uint32_t key, void *buffer, int size, int timeoutSec, uint32_t msgType, uint32_t transaction);
+/* The receiving half of zelIpcSendWait. */
 int zelIpcRecvOnRspQ(uint32_t key, void *buffer, int size, int timeoutSec, uint32_t msgType, uint32_t transaction);
+/* Sends `message`, whose header is that of the request it answers, to the request's source. The buffer is not changed.
+ * Acknowledges a guaranteed request that was not read by zelIpcRecv. */
 int zelIpcReply(uint32_t key, void *message, int length);
+
+/* Sends a request and waits for the response of the same type and transaction (byte 32), which overwrites `buffer`:
+ * `sendLen` bytes go, up to `recvLen` come. `msgType` 0 keeps the type in the header; with transaction 0 as well the
+ * first message is the response. Source address and queue are stamped. Tasks that share an endpoint take turns, without
+ * limit of time. On -1 the buffer may hold a datagram that was dropped. Safe to delete: the turn is given back. */
 int zelIpcSendWait(uint32_t key, void *buffer, int sendLen, int recvLen, int timeoutSec, uint32_t msgType);
+/* The same from one buffer to another, with type and transaction given, made up to retries + 1 times within one turn
+ * until it succeeds; each time waits `timeoutSec`. */
 int zelIpcSendWaitWithRetry(uint32_t key, const void *sendBuffer, void *recvBuffer, int sendLen, int recvLen,
                             int timeoutSec, uint32_t msgType, uint32_t transaction, int retries);
+
+/* Socket buffers of a queue in bytes. The host may round, double or cap what is set; the getters return what it made of
+ * it. -1 with the cause in *error (may be null) and in errno. */
 int zelIpcSetSendBufferLimit(uint32_t key, int bytes, int *error);
 int zelIpcSetRecvBufferLimit(uint32_t key, int bytes, int *error);
 int zelIpcGetSendBufferLimit(uint32_t key, int *error);
 int zelIpcGetRecvBufferLimit(uint32_t key, int *error);
+
+/* The switch of guaranteed delivery in this process, 0 at first. */
 int zelIsIpcGuaranteedEnabled(void);
 void zelIpcGuaranteedEnDis(int flag);
+/* 0 when the target is new and the table of 1024 is full. */
 int zelIsIpcGDbUpdPossible(uint32_t key, uint32_t targetQueueId);
+/* The record of a target, created when it is new; null when the table is full. 23 bytes, most significant byte first:
+ * acknowledged sends, second attempts, third attempts, failed sends, average milliseconds (4 each), next sequence
+ * number (2), flags (bit 0x40: the next is a first send). It lives as long as the process. */
 uint8_t *zelGuaranteedIpcGetTargetDBPtr(uint32_t key, uint32_t targetQueueId);
+/* Book-keeping of a send in its record; the caller serialises. */
 void zelGuaranteedIpcUpdRetryAttemptCntr(uint8_t *record, int attempt);
 void zelGuaranteedIpcSendSuccess(uint8_t *record, uint32_t milliseconds, int ackType);
 void zelGuaranteedIpcSendFailed(uint8_t *record);
+/* Stores how long an attempt waits for its acknowledgement: a second. 0, or -1 for null. */
 int zelIpcGrnteedSetTimeout(struct timeval *wait, int attempt);
+
+/* Copies the next datagram without taking it: bytes copied, 0 when there is none. Does not block. */
 int zelIpcPeekMsg(uint32_t key, void *buffer, int size);
+/* How many datagrams wait in the queue; -1 when it is not open. Empty datagrams may be missed. */
 int zelIpcGetNumMsgs(uint32_t key);
+/* Lets the queue's socket send to broadcast addresses, or not. 0 or -1. */
 int zelIpcEnableBroadcast(uint32_t key);
 int zelIpcDisableBroadcast(uint32_t key);
+
+/* Keep the headers of the last 256 messages of this process, or stop; print them, oldest first, a trace line each. */
 void zelEnableIpcHistoryLogging(void);
 void zelDisableIpcHistoryLogging(void);
 void dumpIpcHistoryLogging(void);
 
-/* Counters of the queue named by key AND 3 (a bare key: its request queue) since it was opened, in this process. */
 typedef struct {
     uint64_t sent;
     uint64_t sendFailures;
     uint64_t received;
     uint64_t droppedShort;     /* fewer than 60 bytes */
     uint64_t droppedMagic;     /* wrong magic */
-    uint64_t droppedMismatch;  /* another type or transaction */
+    uint64_t droppedMismatch;  /* another type or transaction, or not the acknowledgement waited for */
     uint64_t droppedLateAck;   /* guaranteed acknowledgement nobody waits for */
     uint64_t droppedDuplicate; /* guaranteed message delivered before */
     uint64_t droppedByHost;    /* socket buffer full, as the host reports */
     uint64_t truncated;        /* longer than the caller's buffer */
 } zelIpcQueueStats;
+/* Counters of a queue in this process since it was opened, also after it was closed. 0, or -1 with EINVAL. */
 int zelIpcGetQueueStats(uint32_t key, zelIpcQueueStats *stats);
 
 /* ==== Task manager client ========================================================================================= */
 
+/* The first call of a spawned task. The last eight arguments are its identity: service, instance, parent service,
+ * parent instance, task index (decimal), and three more. Opens the endpoint, makes the calling task its owner, releases
+ * shared lock 5 when the spawner took it for this task, and empties the last five arguments, in the process listing
+ * too. Returns the key; -1 after a report, with errno as zelIpcOpen, or EINVAL for fewer than eight arguments. */
 int zelTaskStartup(int argc, char **argv);
+/* Reports to the task manager (service 13) that the task is up. 0 or -1; without guaranteed delivery a missing task
+ * manager is not noticed. */
 int zelTaskReady(uint32_t key);
+
+/* The key of the first endpoint, by service and instance, that the calling task owns, -1 without one. Only instances
+ * that the service may have are looked at. */
 int zelGetMyTaskKey(void);
+/* Fields of a key; -1 after a report when its service is none. */
 int zelTaskGetServiceByKey(uint32_t key);
 int zelTaskGetInstanceByKey(uint32_t key);
+/* The key as it is, after a report when its service is none. */
 int zelTaskGetIpcKey(uint32_t key);
+/* Task id and process id of the key's owner; -1 for a key without endpoint. */
 int zelTaskIdSelf(uint32_t key);
 int zelProcIdByKey(uint32_t key);
+/* The key of (service, instance), -1 outside the table. */
 int zelGetTaskKeyFromServiceAndInst(int service, int instance);
+/* The owner's task id, -1 without one; an owner whose process is gone is none. */
 int zelTaskGetByServiceAndInstance(int service, int instance);
+/* 1 and the owner's task id, else 0 and 0. `taskId` may be null. */
 int zelTaskIsDuplicate(int service, int instance, int *taskId);
+/* The first endpoint that this task of this process owns, null without one. */
 const struct zelIpcEndpoint *zelTaskAlreadyExists(int taskId);
+
+/* Where a peer can be reached, ZEL_IPC_NO_ADDRESS when that is not known; *error (may be null) is 0 or 2. A peer is
+ * looked up in the CPU's task table; instances 48 to 4144 are at the relay's master. On the platform variant every
+ * other peer is on this CPU. */
 uint32_t zel_tmeGetPeerIpAddrByName(int service, int instance, int *error);
+/* The same, waiting for a peer that has not come up: a hundred tries within 112 seconds. */
 uint32_t zel_tmeGetTaskIpAddrByName(int service, int instance, int *error);
+
+/* The first process whose command name equals the first 16 characters of `name`, as far as the host keeps them; 0
+ * without one. */
 int zelTmeGetPidByName(const char *name);
+/* Copies the task's name, cut to `size`, and returns `buffer`; "Unknown", copied as well, for no task. 0 is the calling
+ * task. */
 const char *zelTaskGetName(int taskId, char *buffer, int size);
+/* The service's name, "Unknown" for a number without one; static text. */
 const char *zelTaskGetServiceName(int service);
+
+/* What the task manager published: this CPU's address (the platform's until then), its system instance, and the
+ * addresses of the master route processors 0 and 1 (all ones for others). */
 uint32_t zel_sysGetIpAddr(void);
 uint32_t zel_sysGetInstance(void);
 uint32_t getMasterRpmIpAddr(int which);
 
 /* ==== Task manager side =========================================================================================== */
 
+/* For the one task manager of a CPU. What it writes is seen by every process of the CPU; nothing here blocks, except
+ * zelTmeSpawn. */
+
 /* States of a task-table entry. */
 enum { ZEL_TME_NONE = 0, ZEL_TME_HERE = 1, ZEL_TME_DOWN = 2, ZEL_TME_REMOTE = 3 };
 
+/* Where a task runs. The address decides whether the entry is found (neither 0 nor all ones), and is where the task is
+ * only when the state is ZEL_TME_REMOTE. */
 typedef struct {
     uint32_t state;
     uint32_t address;
@@ -197,17 +329,18 @@ typedef struct {
     uint32_t masterAddress[2];
 } zelTmeGlobals;
 
+/* 0, or -1 with EINVAL for a service or instance outside the table. */
 int zelTmeSetTaskEntry(int service, int instance, uint32_t state, uint32_t address);
 int zelTmeGetTaskEntry(int service, int instance, zelTmeTaskEntry *entry);
 int zelTmeSetGlobals(const zelTmeGlobals *globals);
-/* Clears the task-table entries and endpoint records of a dead process; returns how many endpoints it owned. */
+/* Clears the task-table entries and endpoint records of a dead process, and the mark of a task that died before it had
+ * its endpoint; returns how many endpoints it owned. A process that lives keeps everything. */
 int zelTmeForget(pid_t pid);
 /* Starts `path` as task (service, instance): the eight identity arguments behind `args` (null-terminated, may be null),
- * lock 5 taken for it and flag 0x20000 set. Returns its process id, or -1 with errno. */
+ * shared lock 5 taken for it and the flag for it set. Waits while another task is between its start and its endpoint.
+ * Returns its process id, which the caller reaps, or -1 with errno. */
 pid_t zelTmeSpawn(const char *path, char *const args[], int service, int instance, int parentService,
                   int parentInstance);
-/* Walks the endpoint table: stores the next open endpoint at or behind *cursor (0 to begin) and returns 1; 0 at the
- * end. */
 typedef struct {
     int service;
     int instance;
@@ -217,6 +350,8 @@ typedef struct {
     uint32_t openMask;
     char name[32];
 } zelTmeEndpoint;
+/* Walks the endpoint table: stores the next open endpoint at or behind *cursor (0 to begin) and returns 1; 0 at the
+ * end. Endpoints that a dead process left open are among them until they are forgotten. */
 int zelTmeNextEndpoint(uint32_t *cursor, zelTmeEndpoint *endpoint);
 
 /* ==== Sliding-window queues ======================================================================================= */
