@@ -4,6 +4,7 @@
 // queue, so the format and whatever its arguments point to must outlive the call. The text goes out in one piece,
 // behind a prefix that names the sender. A descriptor that cannot be written is passed over: the log never stops the
 // system. A full queue, in contrast, makes callers wait; nothing is lost while the log task lives.
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -77,10 +78,16 @@ int removeDescriptor(int fd) {
     return ZEL_OK;
 }
 
+// A descriptor that does not block gets a second to make room; one that stays full loses the rest.
+bool hasRoomSoon(int fd) {
+    pollfd room{fd, POLLOUT, 0};
+    return poll(&room, 1, 1000) == 1;
+}
+
 void writeWhole(int fd, const char *text, std::size_t bytes) {
     while (bytes > 0) {
         const ssize_t written = write(fd, text, bytes);
-        if (written < 0 && errno == EINTR) continue;
+        if (written < 0 && (errno == EINTR || (errno == EAGAIN && hasRoomSoon(fd)))) continue;
         if (written <= 0) return;
         text += written;
         bytes -= static_cast<std::size_t>(written);

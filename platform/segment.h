@@ -18,7 +18,7 @@ enum class Section { locks, history, globals, taskTable, endpoints, swpQueues, l
 constexpr std::array<std::size_t, static_cast<std::size_t>(Section::count)> sectionBytes = {
     256 * 1024,      // locks: state words and reader slots of the numbered locks
     3 * 624'640,     // history: three trace buffers of 624012 bytes
-    64 * 1024,       // globals: task-manager globals, trace flags
+    64 * 1024,       // globals: task-manager globals
     366 * 32 * 8,    // taskTable: one 64-bit entry per service and instance
     366 * 32 * 128,  // endpoints: shared half of the endpoint records
     901 * 640,       // swpQueues: scalars of the sliding-window queues

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -312,14 +313,10 @@ void Manager::printCounters() const {
     zelIpcQueueStats request{}, response{};
     zelIpcGetQueueStats(key_ | ZEL_IPC_QUEUE_REQUEST, &request);
     zelIpcGetQueueStats(key_ | ZEL_IPC_QUEUE_RESPONSE, &response);
-    const auto total = [&](uint64_t zelIpcQueueStats::*counter) {
-        return static_cast<unsigned long long>(request.*counter + response.*counter);
-    };
-    printf(
-        "zeltmed: ends; %u tasks entered, %u messages refused, datagrams dropped: %llu too short, %llu without magic, "
-        "%llu by the host\n",
-        entered_, refused_, total(&zelIpcQueueStats::droppedShort), total(&zelIpcQueueStats::droppedMagic),
-        total(&zelIpcQueueStats::droppedByHost));
+    printf("zeltmed: ends; %u tasks entered, %u messages refused, datagrams dropped: %" PRIu64 " too short, %" PRIu64
+           " without magic, %" PRIu64 " by the host\n",
+           entered_, refused_, request.droppedShort + response.droppedShort,
+           request.droppedMagic + response.droppedMagic, request.droppedByHost + response.droppedByHost);
 }
 
 }  // namespace

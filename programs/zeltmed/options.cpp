@@ -110,7 +110,7 @@ std::string findProgram(const std::string &name) {
     std::string path = search != nullptr ? search : "/usr/bin:/bin";
     for (std::size_t begin = 0; begin <= path.size();) {
         const std::size_t end = std::min(path.find(':', begin), path.size());
-        const std::string candidate = path.substr(begin, end - begin) + "/" + name;
+        std::string candidate = path.substr(begin, end - begin) + "/" + name;
         if (isProgram(candidate)) return candidate;
         begin = end + 1;
     }

@@ -116,6 +116,15 @@ TEST(Log, HoldsFiveDescriptorsInOrder) {
     EXPECT_EQ(logFdDelete(first.fd()), 0);
 }
 
+TEST(Log, WaitsForADescriptorThatDoesNotBlock) {
+    LogPipe pipe;
+    fcntl(pipe.fd(), F_SETFL, O_NONBLOCK);
+    ASSERT_EQ(logInit(pipe.fd(), 8), 0);
+    const std::string longText(300'000, 'w');  // a pipe holds 65536 bytes
+    logMsg("%s|", word(longText.c_str()), 0, 0, 0, 0, 0);
+    EXPECT_TRUE(pipe.endsWith(": " + longText + "|"));
+}
+
 TEST(Log, GoesOnPastADescriptorThatCannotBeWritten) {
     LogPipe broken, whole;
     ASSERT_EQ(logInit(broken.fd(), 8), 0);
