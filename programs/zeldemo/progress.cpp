@@ -43,7 +43,8 @@ void Progress::draw(std::uint64_t done) {
 }
 
 void Progress::show(std::uint64_t done) {
-    if (done == 0) return;
+    if (done == 0 || (done == last_ && begin_ > 0)) return;
+    last_ = done;
     const double now = zel::programs::monotonicSeconds();
     if (begin_ == 0 || done < first_) {
         begin_ = now;

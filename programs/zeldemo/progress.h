@@ -24,7 +24,8 @@ private:
     bool isTerminal_;
     double begin_ = 0;  // when the first route was seen
     double lastShown_ = 0;
-    std::uint64_t first_ = 0;
+    std::uint64_t first_ = 0;  // how many had come by then
+    std::uint64_t last_ = 0;
 };
 
 }  // namespace zeldemo

@@ -50,16 +50,18 @@ Source::~Source() {
 
 int Source::run() {
     if (!load() || !makeQueue() || !connect()) return isStopping() ? 0 : 1;
+    if (pushUntilDone() && !options_.quits) watch();
+    return 0;
+}
+
+// False when the program is asked to stop before everything is acknowledged.
+bool Source::pushUntilDone() {
     const double begin = zel::programs::monotonicSeconds();
-    for (;;) {
-        const Push result = pushAll();
-        if (result == Push::done) break;
-        if (result == Push::stopped || !startOver()) return 0;
-    }
+    for (Push result; (result = pushAll()) != Push::done;)
+        if (result == Push::stopped || !startOver()) return false;
     seconds_ = zel::programs::monotonicSeconds() - begin;
     report();
-    if (!options_.quits) watch();
-    return 0;
+    return true;
 }
 
 bool Source::load() {
@@ -213,12 +215,13 @@ void Source::report() {
     rename(partial.c_str(), options_.report.c_str());
 }
 
-// Everything is there. Keeps it there.
+// Everything is there. Keeps it there: an idle stream tells nothing about the other side, so now and then something
+// harmless goes down it, the end of polls that this client does not have. A manager that was started anew answers that
+// it does not know the stream, and one that is gone does not answer at all.
 void Source::watch() {
     while (!isStopping()) {
-        receive(waitSeconds);
-        while (streamEnded && startOver())
-            if (pushAll() == Push::done) report();
+        if (!receive(waitSeconds)) zelRtmFlushPollerRoutesSwp(handle_, &address_, queue_);
+        if (streamEnded && startOver()) pushUntilDone();
     }
 }
 

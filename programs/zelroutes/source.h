@@ -39,6 +39,7 @@ private:
     bool makeQueue();
     bool registerOnce();
     bool connect();
+    bool pushUntilDone();
     Push pushAll();
     Push pushRow(std::size_t index);
     Push flushPending();
