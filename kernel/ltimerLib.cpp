@@ -110,10 +110,9 @@ int sysClkRateGet(void) {
 uint64_t tick64Get(void) {
     for (;;) {
         const std::uint32_t version = offsetVersion.load(std::memory_order_acquire);
-        const std::uint64_t magnitude = __atomic_load_n(&vxAbsTicksAdd, __ATOMIC_RELAXED);
-        const std::int32_t sign = __atomic_load_n(&vxAbsTicksSign, __ATOMIC_RELAXED);
         const std::uint64_t raw = rawTicks();
-        std::atomic_thread_fence(std::memory_order_acquire);
+        const std::uint64_t magnitude = __atomic_load_n(&vxAbsTicksAdd, __ATOMIC_ACQUIRE);
+        const std::int32_t sign = __atomic_load_n(&vxAbsTicksSign, __ATOMIC_ACQUIRE);
         if ((version & 1) == 0 && offsetVersion.load(std::memory_order_relaxed) == version)
             return sign == 0 ? raw + magnitude : raw - magnitude;
     }
@@ -129,9 +128,8 @@ void tick64Set(uint32_t high, uint32_t low) {
     const std::uint64_t wanted = (static_cast<std::uint64_t>(high) << 32) | low;
     const std::uint64_t raw = rawTicks();
     offsetVersion.fetch_add(1, std::memory_order_relaxed);
-    std::atomic_thread_fence(std::memory_order_release);
-    __atomic_store_n(&vxAbsTicksAdd, wanted <= raw ? raw - wanted : wanted - raw, __ATOMIC_RELAXED);
-    __atomic_store_n(&vxAbsTicksSign, wanted <= raw ? -1 : 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&vxAbsTicksAdd, wanted <= raw ? raw - wanted : wanted - raw, __ATOMIC_RELEASE);
+    __atomic_store_n(&vxAbsTicksSign, wanted <= raw ? -1 : 0, __ATOMIC_RELEASE);
     offsetVersion.fetch_add(1, std::memory_order_release);
 }
 

@@ -23,10 +23,23 @@ extern "C" {
 
 /* ==== Start-up ==================================================================================================== */
 
+/* A process calls vx2bsdLibInit before anything else of the kernel, then vx2bsd_start once, then spawns its tasks. */
+
+/* Prepares the library: the key under which each thread keeps its control block, and the handler of SIGRTMAX - 1, which
+ * the library reserves. 0, or the host's error number. May be called often; only the first call does anything. */
 int vx2bsdLibInit(void);
+/* Does nothing; 0. */
 int init_system(void);
+/* Starts the service tasks asked for (non-zero): tExcTask, which goes through the watchdogs once a tick, and
+ * tTimerTask, which goes through the interval timers once a second. A priority p other than 0 becomes the thread
+ * priority 255 - p, one above that of other tasks; 0 means 254 for tExcTask and 253 for tTimerTask. ZEL_OK; ZEL_ERROR
+ * with OBJECT_UNAVAILABLE when one of them was started before. In simulated time nothing is started: whoever moves the
+ * clock calls the passes. */
 int vx2bsd_start(uint32_t startExcTask, uint32_t startTimerTask, uint32_t excPriority, uint32_t timerPriority);
+/* Round-robin scheduling for all tasks, present and future, when `ticks` is not 0; first-in-first-out otherwise. The
+ * slice is the host's. ZEL_OK. */
 int kernelTimeSlice(int32_t ticks);
+/* The same for tasks created later only; and what is in force: 1 or 0. */
 void enableRoundRobin(void);
 void disableRoundRobin(void);
 uint8_t roundRobinIsEnabled(void);
@@ -167,13 +180,29 @@ int zelLogMsg(const char *moduleName, uint32_t severity, const char *mnemonic, c
 
 /* ==== Tasks ======================================================================================================= */
 
+/*
+ * A task is one POSIX thread with a control block in the process's task list. Errors below are those of zel/types.h;
+ * "unknown" is INVALID_OBJECT_ID unless said otherwise, and a tid of 0 means the calling task. In a thread that is no
+ * task, 0 is unknown; everything else may be called there, waits included.
+ *
+ * Deletion and restart cancel the thread. It leaves at its next cancellation point of the host, or of this library:
+ * calls that may wait are cancellation points on entry, also when they need not wait. It unwinds, so destructors and
+ * cleanup handlers run, still as the task. A task that computes without ever calling anything cannot be deleted, and
+ * its deleter waits.
+ *
+ * Suspension stops a task where it holds nothing of the kernel's. It may still hold what is its own or the C library's,
+ * for instance the allocator's lock: suspending a task that may be allocating or printing can block whoever does so
+ * next.
+ */
+
 /* State bits of a task; it is ready when (state & 0x8F) is 0. */
 #define ZEL_TASK_PENDING 0x01u
 #define ZEL_TASK_DELAYED 0x02u
 #define ZEL_TASK_SUSPENDED 0x04u
 #define ZEL_TASK_NOT_ACTIVATED 0x80u
 
-/* Task control block. Callers of taskInit supply the memory and never touch the fields. */
+/* Task control block. Callers of taskInit supply the memory, keep it until the task has gone, and never touch the
+ * fields. */
 typedef struct zelTcb {
     zelTaskId id;
     char *name;
@@ -218,39 +247,93 @@ typedef struct {
     zelTaskEntry td_entry;
 } zelTaskDesc;
 
+/* Called with the task's id and 0. */
 typedef void (*zelDeleteHook)(zelTaskId tid, intptr_t arg);
 
+/* ---- Creation ---- */
+
+/* Creates a task and starts it: it calls entry(a1, ..., a10) and is deleted when that returns. `name` is copied whole;
+ * null names it "t" and its id. `priority` is 0 (highest) to 255; what is above counts as 255 and is reported as
+ * ILLEGAL_PRIORITY in the error number although the call succeeds. `options` is kept and not interpreted, `stackSize`
+ * is not applied. The id, one above the largest in use below 0x10000 (beyond that the lowest free one), or -1:
+ * TCB_ALLOCATION (no memory, no id), NOT_ENOUGH_MEMORY (no thread). */
 zelTaskId taskSpawn(const char *name, int priority, int options, int stackSize, zelTaskEntry entry, intptr_t a1,
                     intptr_t a2, intptr_t a3, intptr_t a4, intptr_t a5, intptr_t a6, intptr_t a7, intptr_t a8,
                     intptr_t a9, intptr_t a10);
+/* The same in two steps and in the caller's memory, whose address is the id: prepared by taskInit, started by
+ * taskActivate. The memory may be used again once the task is unknown. ZEL_OK, or ZEL_ERROR: INVALID_OBJECT_ID (null),
+ * OBJECT_UNAVAILABLE (in the list already), NOT_ENOUGH_MEMORY. */
 int taskInit(zelTcb *tcb, const char *name, int priority, int options, char *stackBase, int stackSize,
              zelTaskEntry entry, intptr_t a1, intptr_t a2, intptr_t a3, intptr_t a4, intptr_t a5, intptr_t a6,
              intptr_t a7, intptr_t a8, intptr_t a9, intptr_t a10);
+/* No effect on an active task. ZEL_OK, or ZEL_ERROR: unknown, NOT_ENOUGH_MEMORY (no thread; may be tried again). */
 int taskActivate(zelTaskId tid);
+
+/* ---- End and restart; all may block ---- */
+
+/* Deletes a task, after waiting until it is not delete-safe. Returns when its thread has ended and the delete hooks
+ * have run; does not return for the caller itself. Of several deleters one succeeds. ZEL_OK, or ZEL_ERROR:
+ * OBJECT_DELETED (unknown, or another deleter was first), OBJECT_UNAVAILABLE (the caller itself, while delete-safe). */
 int taskDelete(zelTaskId tid);
+/* The same without regard to delete safety. */
 int taskDeleteForce(zelTaskId tid);
+/* Ends the task's thread and starts it again from its entry routine, with the same arguments; a task that restarts
+ * itself is started by the exception task and does not return from here. Its safe count is kept, its task lock is not.
+ * ZEL_OK, or ZEL_ERROR: unknown (also: deleted meanwhile), OBJECT_UNAVAILABLE (itself, without an exception task),
+ * NOT_ENOUGH_MEMORY. */
 int taskRestart(zelTaskId tid);
-int taskSuspend(zelTaskId tid);
-int taskResume(zelTaskId tid);
-int taskDelay(int ticks);
-int taskPrioritySet(zelTaskId tid, int priority);
-int taskPriorityGet(zelTaskId tid, int *priority);
-int taskLock(void);
-int taskUnlock(void);
+
+/* Makes the calling task delete-safe, and takes that back; the calls nest. taskUnsafe may block: where deleters wait,
+ * the last one hands the task over to them. ZEL_OK. */
 int taskSafe(void);
 int taskUnsafe(void);
-zelTaskId taskIdSelf(void);
-int taskIdVerify(zelTaskId tid);
-int taskIdListGet(zelTaskId ids[], int maxIds);
-char *taskName(zelTaskId tid);
-zelTaskId taskNameToId(const char *name);
-zelTcb *taskTcb(zelTaskId tid);
-int taskInfoGet(zelTaskId tid, zelTaskDesc *desc);
-int taskIsReady(zelTaskId tid);
-int taskIsSuspended(zelTaskId tid);
+
+/* Hooks run for each task that is deleted or returns, the newest first, in the deleter's thread (after the end of the
+ * task's own) or at the end of the task itself. No lock is held; the task can still be described. 0, or as the result:
+ * DELETE_HOOK_TABLE_FULL (63 hooks), DELETE_HOOK_NOT_FOUND. A hook may stand in the table several times. */
 int taskDeleteHookAdd(zelDeleteHook hook);
 int taskDeleteHookDelete(zelDeleteHook hook);
+/* Does nothing: the table is clear from the start. */
 void taskDeleteHookInit(void);
+
+/* ---- Running ---- */
+
+/* Stops a task until taskResume; does not count. It does nothing more when the call returns (at most a second later,
+ * which only a task that blocks SIGRTMAX - 1 needs); a task that waits in the kernel takes nothing until it is resumed.
+ * A task that was not activated only gets the mark. ZEL_OK, or ZEL_ERROR: unknown. */
+int taskSuspend(zelTaskId tid);
+/* Resuming a task that runs is fine. ZEL_OK, or ZEL_ERROR: unknown, OBJECT_DELETED (not activated). */
+int taskResume(zelTaskId tid);
+/* Sleeps `ticks` of 20 ms; 0 or less yields. Clears the task's whole state word at the end. May block; ZEL_OK. */
+int taskDelay(int ticks);
+
+/* The kernel priority, 0 to 255; an illegal one as in taskSpawn. Takes the place of a boost or of an inherited
+ * priority. ZEL_OK, or ZEL_ERROR: unknown. */
+int taskPrioritySet(zelTaskId tid, int priority);
+int taskPriorityGet(zelTaskId tid, int *priority);
+/* Boosts the calling task above all priorities until as many unlocks; it excludes nobody. An unlock at count 0 gives
+ * the task its own priority back, too, in place of an inherited one. ZEL_OK. */
+int taskLock(void);
+int taskUnlock(void);
+
+/* ---- Inspection; none of these blocks ---- */
+
+/* The calling task; 0 in a thread that is no task. */
+zelTaskId taskIdSelf(void);
+int taskIdVerify(zelTaskId tid);
+/* Stores the ids of at most `maxIds` tasks, in order of creation; how many. */
+int taskIdListGet(zelTaskId ids[], int maxIds);
+/* The task's own copy of its name, valid while the task exists; null when it has none or is unknown. */
+char *taskName(zelTaskId tid);
+/* The oldest task of that name, or -1: unknown. */
+zelTaskId taskNameToId(const char *name);
+/* The control block, valid while the task exists; null when unknown. */
+zelTcb *taskTcb(zelTaskId tid);
+/* Clears the description, then fills it; the name is the task's own copy. ZEL_OK, or ZEL_ERROR: unknown. */
+int taskInfoGet(zelTaskId tid, zelTaskDesc *desc);
+/* 1 or 0; 0 also when unknown. */
+int taskIsReady(zelTaskId tid);
+int taskIsSuspended(zelTaskId tid);
 
 /* ==== Semaphores ================================================================================================== */
 
@@ -298,24 +381,44 @@ void rngPutAhead(zelRingId ring, char byte, int offset);
 
 /* ==== Ticks, watchdogs, interval timers =========================================================================== */
 
+/* A tick is 20 ms. The counter is computed from the monotonic clock when it is read, plus an offset; it starts near the
+ * host's uptime. */
+
+/* The offset: added when the sign is 0, subtracted when it is -1. */
 extern uint64_t vxAbsTicksAdd;
 extern int32_t vxAbsTicksSign;
 
+/* 50. */
 int sysClkRateGet(void);
+/* The tick counter; both are the same. */
 uint64_t tick64Get(void);
 uint64_t zelTickGet(void);
+/* Makes the counter read (high << 32) + low, or `value`, now. */
 void tick64Set(uint32_t high, uint32_t low);
 void tickSet(uint32_t value);
 
+/* Watchdogs: one call each, by the exception task at its next pass, once a tick. No kernel lock is held; the routine
+ * may start, cancel, delete and create watchdogs, itself included, but while it waits all others wait too. A pass ends
+ * early when a routine deletes the watchdog that is next; the others have their turn in the next pass. */
 typedef void (*zelWdogRoutine)(intptr_t parameter);
+/* Null with NOT_ENOUGH_MEMORY. */
 zelWdogId wdCreate(void);
+/* The watchdog fires at the next pass: `delayTicks` is not used. On one that runs, only routine and parameter are
+ * replaced. A null routine is never called. ZEL_OK, or ZEL_ERROR: unknown. */
 int wdStart(zelWdogId watchdog, int delayTicks, zelWdogRoutine routine, intptr_t parameter);
+/* ZEL_OK, also for one that does not run, or ZEL_ERROR: unknown. A routine that is being called is not waited for. */
 int wdCancel(zelWdogId watchdog);
 int wdDelete(zelWdogId watchdog);
 
+/* Interval timers: counted down by the timer task once a second, so that n seconds take more than n - 1. The routine is
+ * called as those of watchdogs are, with the timer and its argument. */
 typedef void (*zelIntervalRoutine)(zelIntervalTimerId timer, intptr_t argument);
+/* ZEL_OK; timers may be created before, too. */
 int vx2bsdTimerLibInit(void);
+/* Null with NOT_ENOUGH_MEMORY. */
 zelIntervalTimerId vx2bsdTimerCreate(void);
+/* All: ZEL_OK, or ZEL_ERROR: unknown. `seconds` of 0 or less count as 1; bit 0 of `flags` makes the timer periodic. A
+ * periodic timer without a routine stops when it runs out. Connect replaces what is called, SetTime the rest. */
 int vx2bsdTimerConnect(zelIntervalTimerId timer, zelIntervalRoutine routine, intptr_t argument);
 int vx2bsdTimerStart(zelIntervalTimerId timer, int seconds, zelIntervalRoutine routine, intptr_t argument, int flags);
 int vx2bsdTimerSetTime(zelIntervalTimerId timer, int seconds, int flags);

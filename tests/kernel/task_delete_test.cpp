@@ -59,6 +59,8 @@ struct Object {
 
 TEST_F(TaskDelete, ReachesATaskWhereverItMayWait) {
     static Object object;
+    static const zelSemId semaphore = semCCreate(ZEL_SEM_FIFO, 1000);
+    static const zelMsgQId queue = msgQCreate(4, 4, ZEL_MSGQ_FIFO);
     const struct {
         const char *name;
         Body body;
@@ -81,6 +83,21 @@ TEST_F(TaskDelete, ReachesATaskWhereverItMayWait) {
          [] {
              for (;;) taskDelete(4711);
          }},
+        {"a loop of takes and gives",
+         [] {
+             for (;;) {
+                 semTake(semaphore, WAIT_FOREVER);
+                 semGive(semaphore);
+             }
+         }},
+        {"a loop of messages",
+         [] {
+             char message[4] = "";
+             for (;;) {
+                 msgQSend(queue, message, 4, ZEL_NO_WAIT, ZEL_MSG_NORMAL);
+                 msgQReceive(queue, message, 4, ZEL_NO_WAIT);
+             }
+         }},
         {"a suspended task",
          [] {
              for (;;) {
@@ -97,6 +114,7 @@ TEST_F(TaskDelete, ReachesATaskWhereverItMayWait) {
         }
     }
     EXPECT_TRUE(object.isFree());
+    EXPECT_EQ(semDelete(semaphore) + msgQDelete(queue), ZEL_OK);
 }
 
 TEST_F(TaskDelete, UnwindsThroughGuardsWithTheObjectLocked) {

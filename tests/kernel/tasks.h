@@ -63,8 +63,7 @@ inline int taskCount() {
     return taskIdListGet(ids, 64);
 }
 
-// Lets others run without being a place where a task can be deleted. (A loop of bare yields would starve the test: the
-// scheduler remembers them.)
+// Lets others run without being a place where a task can be deleted.
 inline void breathe() {
     int before = 0;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
