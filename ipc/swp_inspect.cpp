@@ -123,6 +123,7 @@ int zelSwpGetQueueStatus(uint32_t queue, zelSwpStatus *status) {
 }
 
 int zelSwpQueueGetLen(uint32_t queue) {
+    if (const HeldQueue held = find(queue, Named::byMessage); held) return static_cast<int>(held.queued());
     zelSwpStatus status;
     return look(queue, status) ? static_cast<int>(status.queued) : ZEL_ERROR;
 }

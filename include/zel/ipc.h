@@ -356,20 +356,63 @@ int zelTmeNextEndpoint(uint32_t *cursor, zelTmeEndpoint *endpoint);
 
 /* ==== Sliding-window queues ======================================================================================= */
 
+/*
+ * An ordered, acknowledged, retransmitted stream of messages from one task to another.
+ *
+ * Sender. A message is a buffer of at least 124 bytes: the IPC header, of which the owner fills command, type and
+ * packet type, then 64 bytes that belong to the queue, then the body. zelSwpEnqueue numbers it and sends it at once
+ * when the window allows. The buffer belongs to the queue until zelSwpDequeue returns it. Acknowledgements come as
+ * messages of 124 bytes, packet type ZEL_SWP_ACK_PACKET, to the sender's request queue (its timer queue, if so
+ * created); the sending task receives them and hands each to zelSwpProcAck, then dequeues what was released:
+ *
+ *     length = zelIpcRecv(key, buffer, sizeof buffer, -1, 0, 0);
+ *     if (zelIpcHdrGet32(buffer, 24) == ZEL_SWP_ACK_PACKET) {
+ *         zelSwpProcAck(buffer, length, &queue);
+ *         while (zelSwpDequeue(queue, &message) == ZEL_SWP_SUCCESS) release(message);
+ *     }
+ *
+ * Time-outs need the timer task (vx2bsd_start). What was not acknowledged within the interval is resent from the oldest
+ * on, which costs one of the queue's retransmissions; a gap that the receiver reports is resent at once, which costs
+ * none. Progress restores the retransmissions. When none are left the callback is told and the queue stays as it is.
+ *
+ * Receiver. One zelSwpReceiver per task takes every stream message and says which to deliver. (zelSwpCkSeqNo and
+ * zelSwpReceiverAck are the plain parts of it, for receivers that keep a counter per sender themselves: they cannot
+ * tell a replayed message 0 from a restarted sender.)
+ *
+ * Streams are numbered, anew at each creation and flush. A receiver that was restarted answers that it does not know
+ * the stream; the sender's callback then gets ZEL_SWP_SEQ_FAILURE, once, and the application registers again, flushes
+ * the queue and resends.
+ *
+ * Layout behind the IPC header (byte 60; over the inter-chassis link behind the link's own header of 26 + L bytes, L
+ * being the 16-bit word at its byte 24), big-endian words:
+ *     +0 sender's queue number   +4, +8 sequence number, high and low   +12 result of the check (acknowledgements)
+ *     +16 stream, 0 = unknown    +20 stream of the message answered (acknowledgements)
+ *     +24 flags: 1 sent before message 0 was acknowledged (echoed), 2 another message follows at once
+ *     +40 ring slot of the next queued message, from 1; 0 at the end    +44 length, copied to byte 8 of the IPC header
+ * An acknowledgement names the last message received in order (all ones: none), and so acknowledges all before it.
+ *
+ * A queue belongs to the process that created it; others may look at it. Any task of that process may use it, and the
+ * callback and hooks run with no lock held and may use it too. Calls do not block, except creation.
+ */
+
 #define ZEL_SWP_MAX_QUEUES 900
 #define ZEL_SWP_HDR_LEN 64
+#define ZEL_SWP_MIN_MESSAGE 124
+#define ZEL_SWP_ACK_PACKET 0x53574143u
+/* A receive buffer of the default size holds 15 datagrams of 8192 bytes: a window above 12 can lose messages there. */
 #define ZEL_SWP_DEFAULT_WINDOW 8
 #define ZEL_SWP_DEFAULT_CAPACITY 64
 #define ZEL_SWP_DEFAULT_MAX_MEMORY 52428800u
 
+/* Results of the calls, and codes of the callback. */
 enum {
     ZEL_SWP_SUCCESS = 0,
-    ZEL_SWP_MATCHED = 1,
-    ZEL_SWP_DUPLICATE = 2,
+    ZEL_SWP_MATCHED = 1,   /* check: the message waited for */
+    ZEL_SWP_DUPLICATE = 2, /* check: received before */
     ZEL_SWP_SEQ_ERROR = 3,
-    ZEL_SWP_FAILURE = 4,
+    ZEL_SWP_FAILURE = 4, /* also of the check: a message is missing before this one */
     ZEL_SWP_ACK_FAILURE = 5,
-    ZEL_SWP_SEQ_FAILURE = 6,
+    ZEL_SWP_SEQ_FAILURE = 6, /* callback: the receiver lost the stream */
     ZEL_SWP_QUEUE_FULL = 7,
     ZEL_SWP_TIMER_EXPIRED = 8,
     ZEL_SWP_NO_RETRANS = 9,
@@ -382,6 +425,8 @@ enum {
     ZEL_SWP_NO_TIMEOUTS = 16
 };
 
+/* Told of: 6 the receiver lost the stream, 9 no retransmissions left (with the oldest message), 7 the queue is full
+ * now, 14 a message could not be queued (with that message). A message told of with 6, 7 or 9 is still the queue's. */
 typedef void (*zelSwpUserCb)(void *message, int code);
 
 typedef struct {
@@ -390,15 +435,15 @@ typedef struct {
 } zelSwpSeq;
 
 typedef struct {
-    void *(*alloc)(uint32_t bytes);
-    void (*free)(void *block);
+    void *(*alloc)(uint32_t bytes); /* for message owners; the queues allocate no messages */
+    void (*free)(void *block); /* gets the messages that a flush or removal drops; null leaves them to their owner */
 } zelSwpFifoHooks;
 
-/* Buffer hooks of this process, indexed by queue number; row 0 is unused. */
+/* Buffer hooks of this process, indexed by queue number; row 0 is unused. Set after creation; removal clears them. */
 extern zelSwpFifoHooks swpFifoQueue[ZEL_SWP_MAX_QUEUES + 1];
-/* Seconds between two reports of a full queue. */
+/* Seconds between two reports of a full queue, 10 at first. */
 extern uint32_t zelSwp_log_limit;
-/* 0 silent; 1 tells why a creation was refused and of duplicates; 2 also of restarted streams. */
+/* 0 silent; 1 tells why something was refused, and of duplicates; 2 also of restarted streams. */
 extern uint32_t zelSwp_debug;
 
 typedef struct {
@@ -406,10 +451,10 @@ typedef struct {
     pid_t pid;
     uint32_t window;
     uint32_t capacity;
-    uint32_t queued;
-    uint32_t inFlight;
-    zelSwpSeq head; /* oldest unacknowledged */
-    zelSwpSeq next; /* sequence number of the next message enqueued */
+    uint32_t queued;   /* acknowledged messages that were not dequeued included */
+    uint32_t inFlight; /* sent and not acknowledged */
+    zelSwpSeq head;    /* oldest unacknowledged */
+    zelSwpSeq next;    /* sequence number of the next message enqueued */
     uint32_t stream;
     uint32_t peakQueued;
     uint64_t enqueued;
@@ -422,54 +467,76 @@ typedef struct {
     uint64_t drops;       /* refused because the queue was full */
     uint64_t refusedAcks; /* of another source or stream, or beyond what was sent */
     uint64_t failedSends;
-    uint64_t memory;
+    uint64_t memory; /* bytes of the messages queued */
     uint64_t peakMemory;
-    uint64_t maxMemory;
-    uint32_t budget;
-    uint32_t budgetInitial;
-    char senderName[32];
+    uint64_t maxMemory;     /* 0: no limit */
+    uint32_t budget;        /* retransmissions left */
+    uint32_t budgetInitial; /* and after progress */
+    char senderName[32];    /* service name and instance */
     char receiverName[32];
 } zelSwpStatus;
 
+/* ---- Create ---- */
+
+/* Creates a queue and stores its number, 1 to 900; 0 or 4. The sender's endpoint must be open in this process before
+ * anything is sent. `capacity` messages (0: 64), `window` in flight at most (0: 8), `timeOutSec` at least 1,
+ * `retransCount` 1 to 255. Waits up to 112 seconds for a receiver that the task table does not know yet. */
 int zelSwpQueueCreate(int senderService, int senderInstance, int receiverService, int receiverInstance,
                       uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
                       zelSwpUserCb callback, uint32_t *queue);
+/* The same with queue ids in place of the computed ones where they are not 0. */
 int zelSwpQueueCreateQs(int senderService, int senderInstance, int receiverService, int receiverInstance,
                         uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
                         zelSwpUserCb callback, uint32_t senderReqQueue, uint32_t senderTmrQueue,
                         uint32_t receiverReqQueue, uint32_t *queue);
+/* The same with acknowledgements to the sender's timer queue, and with a time-out routine of the creator's (null: the
+ * standard one), which runs in the timer task and usually calls swpRetrans. */
 int zelMwpQueueCreate_p(int senderService, int senderInstance, int receiverService, int receiverInstance,
                         uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
                         zelSwpUserCb callback, int ackViaTimerQueue, void (*timeoutFn)(uint32_t queue),
                         uint32_t *queue);
+/* A queue over the inter-chassis link. Messages begin with the link's own header, which is sent as it is. */
 int zelMwpIclQueueCreate(int senderService, int senderInstance, int receiverService, int receiverInstance,
                          uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
                          zelSwpUserCb callback, uint32_t *queue);
+
+/* ---- Send ---- */
+
+/* Queues a message and sends it if the window allows. 0; 7 when the queue is full by count or memory; 4 for a bad
+ * queue or buffer and when sending failed. Whatever is not 0: the message is not in the queue. */
 int zelSwpEnqueue(uint32_t queue, void *message, int length);
+/* Takes the oldest message out if it is acknowledged: 0 and the message, which is the caller's again; 15 when there is
+ * none, 4 for a bad queue. */
 int zelSwpDequeue(uint32_t queue, void **message);
+/* Takes in an acknowledgement and stores the queue it is for (`queue` may be null). 0, also when it says nothing new; 5
+ * when it is older than another or not believed; 6 when the receiver lost the stream; 4 when it is none. */
 int zelSwpProcAck(const void *ack, int length, uint32_t *queue);
-int zelSwpReceiverAck(uint32_t key, const void *message, int length, const zelSwpSeq *expected, int result);
+/* Drops all messages, tells no callback, and begins a new stream at 0. 0 or 4. */
+int zelSwpQueueFlush(uint32_t queue);
+/* Resends the oldest message, or all in flight: 0; 4 without retransmissions left; 10 when sending failed, and then
+ * the timer is stopped until the next message or acknowledgement. */
+int swpRetrans(uint32_t queue, int headOnly);
+/* Ends the queue with its timer and drops its messages. 0 or 4. */
+int zelSwpQueueRemove(uint32_t queue);
+
+/* ---- Receive, the plain parts ---- */
+
+/* Checks the sequence number of a message against the count, and advances it: 1, 2 or 4. Message 0 always restarts the
+ * count. A length of -1: the sliding-window header stands at byte 26 (inter-chassis link). */
 int zelSwpCkSeqNo(const void *message, zelSwpSeq *expected, int length);
+/* Answers a message with the count after the check and its result (1, 2 or 4), from the endpoint `key` (ignored when
+ * length is -1: over the link). 0; 11 when it could not be sent; 4 for bad arguments. */
+int zelSwpReceiverAck(uint32_t key, const void *message, int length, const zelSwpSeq *expected, int result);
+/* (high, low) + 1, and the order of two: 1 when b is greater than a, 2 when less, 0 when equal. */
 void swp64BitIncr(uint32_t *high, uint32_t *low);
 int swp64BitCmp(uint32_t aHigh, uint32_t aLow, uint32_t bHigh, uint32_t bLow);
-int zelSwpQueueFlush(uint32_t queue);
-int zelSwpQueueRemove(uint32_t queue);
-int zelSwpQueueGetLen(uint32_t queue);
-int zelSwpIsQueueAlive(uint32_t queue);
-int zelSwpGetMwpQWinSize(uint32_t queue);
-int zelSwpSetMwpQWinSize(uint32_t queue, int window);
-int zelSwpGetQueueStatus(uint32_t queue, zelSwpStatus *status);
-int zelSwpSetMaxMemoryAllowed(uint32_t queue, uint32_t bytes);
-void zelSwpPrintq(uint32_t queue);
-void zelSwpPrintAllq(void);
-const char *zelSwpGetErr(int code);
-int swpRetrans(uint32_t queue, int headOnly);
-void zelSwpSetIclLink(int isUp);
-void zelSwpSetIclifIndex(uint32_t ifIndex);
-void zelSwpSetIclRawSocket(int fd);
-int icl_isLinkUp(void);
 
+/* ---- Receive ---- */
+
+/* The receiving side of a task: what it knows of each source (address, source queue, sender's queue number). Calls on
+ * one receiver must be serialised. */
 typedef struct zelSwpReceiver zelSwpReceiver;
+
 typedef struct {
     uint64_t accepted;
     uint64_t duplicates;
@@ -483,33 +550,93 @@ typedef struct {
     uint64_t ackFailures;
     uint32_t sources; /* known now */
 } zelSwpReceiverStats;
+
+/* A receiver whose messages arrive at `key` (with type 3: the timer queue) and that answers from there. At most
+ * `maxSources` sources (0: 1024); beyond that the one silent longest is forgotten, as if this side had restarted.
+ * `ackInterval` up to 1 answers every message; with n an in-order message is answered at the latest with the n-th, and
+ * at once when no other is waiting or announced. Null without memory. */
 zelSwpReceiver *zelSwpReceiverCreate(uint32_t key, uint32_t maxSources, uint32_t ackInterval);
+/* Judges a stream message and answers its sender: 1 deliver it; 2 or 4 drop it. */
 int zelSwpReceiverAccept(zelSwpReceiver *receiver, const void *message, int length);
+/* Sends the answers held back. With an interval above 1, to be called after any message that was not given to
+ * zelSwpReceiverAccept and before waiting for the next. */
 int zelSwpReceiverFlush(zelSwpReceiver *receiver);
 int zelSwpReceiverGetStats(const zelSwpReceiver *receiver, zelSwpReceiverStats *stats);
 void zelSwpReceiverDestroy(zelSwpReceiver *receiver);
 
+/* ---- Look at and tune ---- */
+
+/* Messages queued; -1 for a bad queue. */
+int zelSwpQueueGetLen(uint32_t queue);
+/* 1 when the queue exists and its owner runs. */
+int zelSwpIsQueueAlive(uint32_t queue);
+/* The window, -1 for a bad queue; and a new one of at least 1: 0 or 4. A larger one sends at once what it lets go. */
+int zelSwpGetMwpQWinSize(uint32_t queue);
+int zelSwpSetMwpQWinSize(uint32_t queue, int window);
+/* Bytes of queued messages from which on the queue is full; 0 without limit. 0 or 4. */
+int zelSwpSetMaxMemoryAllowed(uint32_t queue, uint32_t bytes);
+int zelSwpGetQueueStatus(uint32_t queue, zelSwpStatus *status);
+/* On standard output. */
+void zelSwpPrintq(uint32_t queue);
+void zelSwpPrintAllq(void);
+/* The text of a result, null for others. */
+const char *zelSwpGetErr(int code);
+
+/* ---- Inter-chassis link of this process ---- */
+
+void zelSwpSetIclLink(int isUp);
+void zelSwpSetIclifIndex(uint32_t ifIndex);
+/* The socket that messages over the link are sent on, one by one; it stays the caller's. */
+void zelSwpSetIclRawSocket(int fd);
+int icl_isLinkUp(void);
+
 /* ==== Queue lists ================================================================================================= */
 
+/*
+ * The traffic of one sender to one receiver over several sliding-window queues. Each group of messages is bound to one
+ * queue, so that it stays in order, while groups travel side by side. Messages are at least 132 bytes long: the list
+ * writes the index of the queue at byte 124 and the group at byte 128 (big-endian words).
+ *
+ * Results are those of the queues. The creator serialises binding, flushing and removing a list; enqueueing by several
+ * tasks is safe. Why something was refused is told while zelSwp_debug is not 0.
+ */
 typedef struct zelSwpQList zelSwpQList;
+
+/* The state of a receiving side that keeps it by the queue's index; one for each sender. (A zelSwpReceiver serves lists
+ * as well, and any number of senders.) */
 typedef struct zelSwpExpSeqList zelSwpExpSeqList;
 
+/* Creates a list of `numQueues` queues for the groups 0 to numGroups - 1, of which there must be as many at least; the
+ * other arguments are those of zelSwpQueueCreate. 0 or 4. `moduleId` is the trace module of its diagnostics. */
 int zelSwpQListCreate(int senderService, int senderInstance, int receiverService, int receiverInstance,
                       uint32_t capacity, uint32_t window, uint32_t timeOutSec, uint8_t retransCount,
                       zelSwpUserCb callback, uint32_t numQueues, uint32_t numGroups, uint32_t moduleId,
                       zelSwpQList **list);
+/* Binds a group to the queue that carries the fewest, the first of them. Binding it again chooses again, and the queue
+ * it had keeps its count. 0 or 4. */
 int zelSWPQListAddMsgGroup(zelSwpQList *list, uint32_t group);
+/* Unbinds a group; its messages stay where they are. 0 or 4. */
 int zelSWPQListRemoveMsgGroup(zelSwpQList *list, uint32_t group);
+/* Marks and enqueues a message of a bound group; as zelSwpEnqueue. */
 int zelSWPQListEnqueue(zelSwpQList *list, uint32_t group, void *message, int length);
+/* The queue that carries a group. 0 or 4. */
 int zelSWPQListGetQHandle(zelSwpQList *list, uint32_t group, uint32_t *queue);
+/* Flushes every queue. 0 or 4. */
 int zelSwpQListFlush(zelSwpQList *list);
+/* Drops the messages of a bound group that were never sent; those in flight stay. 0 or 4. */
 int zelSwpQListFlushGroup(zelSwpQList *list, uint32_t group);
+/* Removes every queue and the list. 0, or 4 when a queue could not be removed; the list is gone all the same. */
 int zelSwpQListRemove(zelSwpQList *list);
+/* Messages in the list, and in its queue of that index; -1 when there is none. */
 int zelSwpQListGetLen(zelSwpQList *list);
 int zelSwpQListGetQLen(zelSwpQList *list, uint32_t index);
 void zelSwpQListPrint(zelSwpQList *list);
+
+/* Null for 0 or more than 900 queues, or without memory. */
 zelSwpExpSeqList *zelSwpQListCreateExpSeqList(uint32_t numQueues);
 void zelSwpQListRemoveExpSeqList(zelSwpExpSeqList *expected);
+/* Checks a message against the count of its queue and answers the sender: 1 deliver it; 2, 4 or 11 drop it (11: the
+ * answer could not be sent, and the message counts as not received). An index beyond the list is 4. */
 int zelSwpQListCkSeqAndAck(uint32_t key, const void *message, zelSwpExpSeqList *expected, int length);
 void zelSwpQListExpSeqListPrint(const zelSwpExpSeqList *expected);
 
