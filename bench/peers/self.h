@@ -1,0 +1,4 @@
+#pragma once
+
+long peerSelf();
+void peerSetSelf(long value);
