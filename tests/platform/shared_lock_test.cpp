@@ -458,7 +458,7 @@ ZEL_CHILD(churn) {
             ZEL_ShmWriteLock(number);
             if (isSomebodyInside(lock)) ++shared.violations;
             shared.writerInside[lock] = getpid();
-            for (auto i = random() % 200; i > 0; --i) sched_yield();
+            for (auto i = random() % 40; i > 0; --i) sched_yield();
             shared.writerInside[lock] = 0;
             ZEL_ShmWriteUnLock(number);
         } else {
@@ -466,7 +466,7 @@ ZEL_CHILD(churn) {
             for (std::size_t i = 0; i <= nested; ++i) {
                 ZEL_ShmReadLock(number);
                 if (isSomebodyInside(lock)) ++shared.violations;
-                for (auto j = random() % 50; j > 0; --j) sched_yield();
+                for (auto j = random() % 20; j > 0; --j) sched_yield();
             }
             for (std::size_t i = 0; i <= nested; ++i) ZEL_ShmReadUnLock(number);
         }
@@ -499,7 +499,7 @@ TEST(SharedLock, TheOthersGoOnWhenAHolderIsKilled) {
                                    // Several rounds over few locks: each survivor has passed the lock that the victim
                                    // may have held.
                                    for (std::size_t i = 0; i < churners; ++i)
-                                       if (i != victim && board().progress[i] - before[i] < 20) return false;
+                                       if (i != victim && board().progress[i] - before[i] < 10) return false;
                                    return true;
                                }))
             << "kill " << kill;
