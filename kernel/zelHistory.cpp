@@ -28,7 +28,6 @@ uint32_t lastMsgCount[ZEL_TRACE_BUFFERS];
 namespace zel::kernel {
 namespace {
 
-constexpr int historyLock = 4;
 constexpr std::size_t bufferStride = 624'640;
 constexpr std::size_t maxEntryText = HistoryBuffer::textBytes - 3;  // the line end and the NUL have fixed places
 constexpr std::size_t comparedBytes = sizeof lastMsg[0] - 1;
@@ -54,12 +53,12 @@ BufferTable findBuffers() {
 // Lock 4; between the threads of this process alone where the shared locks cannot be had.
 class HistoryLock {
 public:
-    HistoryLock() : isShared_(ZEL_ShmLock(historyLock) == 0) {
+    HistoryLock() : isShared_(ZEL_ShmLock(ZEL_SHM_LOCK_HISTORY) == 0) {
         if (!isShared_) pthread_mutex_lock(&ownLock);
     }
     ~HistoryLock() {
         if (isShared_)
-            ZEL_ShmUnLock(historyLock);
+            ZEL_ShmUnLock(ZEL_SHM_LOCK_HISTORY);
         else
             pthread_mutex_unlock(&ownLock);
     }

@@ -36,7 +36,13 @@ private:
 class History {
 public:
     explicit History(int buffer) : buffer_(pTraceHistory[buffer]) {}
-    std::uint32_t index() const { return kernel::HistoryBuffer::Index::get(buffer_); }
+    // Under the lock: writers may be at work.
+    std::uint32_t index() const {
+        ZEL_ShmReadLock(ZEL_SHM_LOCK_HISTORY);
+        const std::uint32_t index = kernel::HistoryBuffer::Index::get(buffer_);
+        ZEL_ShmReadUnLock(ZEL_SHM_LOCK_HISTORY);
+        return index;
+    }
     void setIndex(std::uint32_t index) { kernel::HistoryBuffer::Index::set(buffer_, index); }
     std::uint32_t wrapped() const { return kernel::HistoryBuffer::Wrapped::get(buffer_); }
     std::uint32_t module(std::uint32_t i) const {
