@@ -15,6 +15,7 @@
 //
 // Deletion marks the queue, sends every waiter away and waits until the last has left; the last to leave a dying queue
 // frees it, which is the deleter unless the deleter was itself cancelled.
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -62,6 +63,7 @@ namespace {
 using Queue = zelMsgQ;
 
 constexpr std::size_t mostQueues = 8192;
+constexpr std::uint64_t largestRing = std::min<std::uint64_t>(PTRDIFF_MAX, std::uint64_t{1} << 39);
 constexpr char lockText[] = "&(queue->queue_lock)";
 
 Queue queues[mostQueues];
@@ -222,7 +224,7 @@ std::optional<std::size_t> ringBytes(int maxMessages, int maxLength) {
     const auto slots = static_cast<std::size_t>(maxMessages) + 1;
     if (__builtin_mul_overflow(slots, static_cast<std::size_t>(maxLength) + sizeof(MessageLength), &bytes))
         return std::nullopt;
-    return bytes <= PTRDIFF_MAX ? std::optional(bytes) : std::nullopt;
+    return bytes <= largestRing ? std::optional(bytes) : std::nullopt;
 }
 
 Queue *create(int maxMessages, int maxLength, int options) {

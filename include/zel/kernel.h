@@ -337,45 +337,95 @@ int taskIsSuspended(zelTaskId tid);
 
 /* ==== Semaphores ================================================================================================== */
 
+/* Binary, counting and mutual-exclusion semaphores. An id is never given out again while its slot's generation has not
+ * gone round (4194304 times), so the id of a deleted semaphore is refused. At most 2304 live at a time in a process.
+ * Calls serialise themselves. */
+
+/* Options. In order of arrival only the task that has waited longest is served; in priority order every task that was
+ * woken may take, so a low one is not held up by a high one that is suspended. */
 #define ZEL_SEM_FIFO 0x0
 #define ZEL_SEM_PRIORITY 0x1
+/* Mutexes only: the owner cannot be deleted with taskDelete; the owner runs at the priority of a higher waiter until
+ * the last give of any such mutex. */
 #define ZEL_SEM_DELETE_SAFE 0x4
 #define ZEL_SEM_INVERSION_SAFE 0x8
 
+/* An id, or 0 with ZEL_ERR_NOT_ENOUGH_MEMORY. A binary semaphore starts with one token unless `initialState` is 0; it
+ * has no ceiling, given twice it can be taken twice. A counting one may start below 0. They keep only
+ * ZEL_SEM_PRIORITY. */
 zelSemId semBCreate(int options, int initialState);
 zelSemId semCCreate(int options, int initialCount);
+/* A mutex, free. Its owner may take it again and then gives it as often; nobody else can give it. A task that ends
+ * keeps the mutexes it owns. */
 zelSemId semMCreate(int options);
+
+/* Takes a token, waiting at most `timeoutTicks`; may block, and is a cancellation point on entry. A negative time-out
+ * other than WAIT_FOREVER has passed already. Errors: ZEL_ERR_OBJECT_UNAVAILABLE without waiting, ZEL_ERR_TIMEOUT,
+ * ZEL_ERR_INVALID_OBJECT_ID also when the semaphore is deleted meanwhile. A flush ends the wait with ZEL_OK and without
+ * a token. */
 int semTake(zelSemId id, int timeoutTicks);
+/* Gives a token. Never waits, but for the last give of a delete-safe mutex, which lets waiting deleters go first.
+ * ZEL_ERR_INVALID_SEM_OPERATION: a mutex that the caller does not own; the attempt is counted. */
 int semGive(zelSemId id);
+/* Ends the wait of every task that waits now, and returns when they have left. ZEL_ERR_INVALID_SEM_OPERATION: a mutex.
+ * May block. */
 int semFlush(zelSemId id);
+/* Ends the id at once and every wait for it with an error, and returns when the waiters have left. An owner that deletes
+ * its mutex leaves its delete-safe section; another task's is left as it is. May block. */
 int semDelete(zelSemId id);
+/* Prints the semaphore's fields. */
 int semInfo(zelSemId id);
 
 /* ==== Message queues ============================================================================================== */
 
+/* Bounded queues of messages of bounded length, copied in and out, between the tasks of a process. An id is an address,
+ * looked up before it is used: any other address is refused, but that of a deleted queue may come back for a new one.
+ * At most 8192 queues live at a time. Calls serialise themselves. */
+
 #define ZEL_MSG_NORMAL 0
 #define ZEL_MSG_URGENT 1
+/* In which order waiting tasks are served, as for semaphores. */
 #define ZEL_MSGQ_FIFO 0
 #define ZEL_MSGQ_PRIORITY 1
 
+/* A queue for `maxMsgs` messages of at most `maxMsgLength` bytes; null with ZEL_ERR_NOT_ENOUGH_MEMORY. A queue of no
+ * messages takes one only while a receiver waits. */
 zelMsgQId msgQCreate(int maxMsgs, int maxMsgLength, int options);
+/* Ends every wait with ZEL_ERR_OBJECT_DELETED, returns when the waiters have left, and frees the queue with what it
+ * holds. May block. Errors of this and the following calls: ZEL_ERR_INVALID_OBJECT_ID, and ZEL_ERR_OBJECT_DELETED while
+ * a deletion still waits. */
 int msgQDelete(zelMsgQId queue);
+/* Copies a message to the tail, or to the head when `priority` is ZEL_MSG_URGENT; waits at most `timeoutTicks` for
+ * room. Errors, in this order: as above, ZEL_ERR_INVALID_MSG_LENGTH, ZEL_ERR_OBJECT_UNAVAILABLE without waiting,
+ * ZEL_ERR_TIMEOUT. May block; a cancellation point on entry. */
 int msgQSend(zelMsgQId queue, const char *buffer, uint32_t nBytes, int timeoutTicks, int priority);
+/* Copies the oldest message to `buffer`: its length, or ZEL_ERROR. `maxNBytes` must be at least the queue's longest
+ * message, whatever waits there, else ZEL_ERR_INVALID_MSG_LENGTH. Otherwise as msgQSend. */
 int msgQReceive(zelMsgQId queue, char *buffer, uint32_t maxNBytes, int timeoutTicks);
+/* Messages now held. */
 int msgQNumMsgs(zelMsgQId queue);
+/* Prints a line for each queue. */
 int msgQInfo(void);
 
 /* ==== Byte rings ================================================================================================== */
 
+/* A ring of bytes between one writer and one reader, in different tasks, without a lock. Create, flush and delete are
+ * for one task alone; rngBufPut, rngMoveAhead and rngPutAhead are the writer's, rngBufGet is the reader's. Nothing is
+ * checked, nothing blocks. */
+
+/* A ring that holds `nBytes`; null when memory is short or the size is negative. */
 zelRingId rngCreate(int nBytes);
 void rngDelete(zelRingId ring);
 void rngFlush(zelRingId ring);
+/* The bytes moved: as many as fit, or as are there. */
 int rngBufPut(zelRingId ring, const char *buffer, int nBytes);
 int rngBufGet(zelRingId ring, char *buffer, int maxBytes);
 int rngIsEmpty(zelRingId ring);
 int rngIsFull(zelRingId ring);
 int rngFreeBytes(zelRingId ring);
 int rngNBytes(zelRingId ring);
+/* Puts a byte `offset` places behind the next one to write, where nobody sees it until rngMoveAhead has written `n`
+ * bytes at once. Places are counted round the ring; neither looks whether there is room. */
 void rngMoveAhead(zelRingId ring, int n);
 void rngPutAhead(zelRingId ring, char byte, int offset);
 

@@ -58,6 +58,7 @@ private:
     template <class Look>
     auto seen(Look look) const -> decltype(look(std::declval<const zelTcb &>())) {
         const zelTcb *tcb = taskTcb(id_);
+        if (tcb == nullptr) return {};  // it has ended
         const Lock list(kernel::taskListLock);
         return look(*tcb);
     }
