@@ -107,6 +107,8 @@ void *taskWrapper(void *argument) {
 
 // Under the list lock, so that nobody finds the task active without its thread.
 int createThread(Tcb &task) {
+    // Also for a program that starts tasks before it starts the library.
+    if (vx2bsdLibInit() != 0) return ZEL_ERR_NOT_ENOUGH_MEMORY;
     task.state = 0;
     task.lockCount = 0;
     task.kernelDepth = 0;

@@ -283,7 +283,7 @@ TEST(SemMutex, DeleteSafeOwnerIsDeletedAfterItsLastGive) {
         ASSERT_TRUE(owner.pends());
         std::atomic<bool> isDeleted{false};
         TestTask deleter([&] { isDeleted = taskDelete(owner.id()) == ZEL_OK; });
-        ASSERT_TRUE(eventually(patience, [&] { return taskTcb(owner.id())->deletersWaiting == 1; }));
+        ASSERT_TRUE(eventually(patience, [&] { return owner.deletersWaiting() == 1; }));
         semGive(go);
         if (!deletesMutex) {
             ASSERT_TRUE(owner.pends());

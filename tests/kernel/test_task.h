@@ -20,7 +20,6 @@ constexpr double patience = 30;
 class TestTask {
 public:
     explicit TestTask(std::function<void()> body, int priority = 100) : body_(std::move(body)) {
-        EXPECT_EQ(vx2bsdLibInit(), ZEL_OK);
         id_ = taskSpawn(nullptr, priority, 0, 0, run, reinterpret_cast<intptr_t>(this), 0, 0, 0, 0, 0, 0, 0, 0, 0);
         EXPECT_GT(id_, 0);
     }
@@ -42,6 +41,9 @@ public:
     }
     int currentPriority() const {
         return seen([](const zelTcb &tcb) { return tcb.currentPriority; });
+    }
+    std::uint32_t deletersWaiting() const {
+        return seen([](const zelTcb &tcb) { return tcb.deletersWaiting; });
     }
     void remove() {
         if (!hasEnded_.exchange(true)) taskDeleteForce(id_);
