@@ -9,7 +9,7 @@
  * Environment variables, read once at first use and ignored in set-user-id programs:
  *   ZEL_IPC_ADDR     this CPU's IPC address, dotted IPv4 (default 127.0.0.1)
  *   ZEL_SHM_PREFIX   first part of the names of shared segments (default "zel")
- *   ZEL_SHM_GROUP    group that owns the segments (default: the creator's)
+ *   ZEL_SHM_GROUP    name of the group that owns the segments (default: the creator's)
  *   ZEL_REALTIME     "off" keeps every task in the host's time-sharing class
  */
 #ifndef ZEL_PLATFORM_H
@@ -29,7 +29,8 @@ extern "C" {
 /* ---- The seam ---------------------------------------------------------------------------------------------------- */
 
 /* Everything through which time passes and datagrams move. Times are nanoseconds of the monotonic clock. Functions may
- * be called by any thread; `context` is the pointer set beside them. */
+ * be called by any thread; `context` is the pointer set beside them. The two waits must be cancellation points, so that
+ * tasks can be deleted in them; the host's functions that move datagrams are, too. */
 typedef struct {
     void *context;
     /* The monotonic clock, nanoseconds. */
@@ -38,7 +39,8 @@ typedef struct {
     int64_t (*wallClock)(void *context);
     /* Sleeps until `deadline`; returns 0, or EINTR when a signal ended the sleep early. */
     int (*sleepUntil)(void *context, uint64_t deadline);
-    /* Waits until `fd` can be read; UINT64_MAX waits without limit. 1 readable, 0 deadline passed, -1 with errno. */
+    /* Waits until `fd` can be read; UINT64_MAX waits without limit. 1 readable, 0 deadline passed, -1 with errno (EINTR
+     * when a signal ended the wait early). An error that is pending on a socket makes it readable. */
     int (*waitReadable)(void *context, int fd, uint64_t deadline);
     /* As sendmsg to `to`: bytes sent, or -1 with errno. */
     ssize_t (*sendDatagram)(void *context, int fd, const struct iovec *parts, int count, const struct sockaddr_in *to);
@@ -51,22 +53,25 @@ typedef struct {
     int simulated;
 } zelHostSeam;
 
-/* Replaces the seam; null restores the host's. Call it before any other thread of the library runs. */
+/* Replaces the seam by a copy of `seam`, all of whose functions must be set; null restores the host's. Call it before
+ * any other thread of the library runs. */
 void zelPlatformSetSeam(const zelHostSeam *seam);
 /* The seam in force; never null. */
 const zelHostSeam *zelPlatformSeam(void);
 
 /* ---- Identity of this CPU, card and platform --------------------------------------------------------------------- */
 
-/* This CPU's IPC address, host order; all ones when invalid. A process belongs to one address, fixed at first use. */
+/* This CPU's IPC address, host order; all ones when the environment names none. A process belongs to one address, fixed
+ * at first use. */
 uint32_t zelPlatformIpcAddress(void);
 /* Sets the address before first use; 0, or -1 with EBUSY once another one has been used. */
 int zelPlatformSetIpcAddress(uint32_t address);
-/* Sets the first part of the names of shared segments before first use (at most 31 characters, no '/'); 0, or -1 with
- * EBUSY or EINVAL. */
+/* Sets the first part of the names of shared segments before first use (1 to 31 characters, no '/'); 0, or -1 with
+ * EINVAL, or EBUSY once another one has been used. A variable that would be refused here is ignored. */
 int zelPlatformSetShmPrefix(const char *prefix);
 
-/* Weak queries with their defaults; the setters below change what the defaults answer. */
+/* Weak queries with their defaults; the setters below change what the defaults answer, at any time. The slot of the
+ * card is asked under both names. */
 int getPlatformType(void);                    /* 0 */
 int ZELIsVirtualSingle(void);                 /* 0 */
 uint32_t zelSysGetSlotId(void);               /* 0 */
@@ -162,7 +167,12 @@ int zelShmLockWasAbandoned(int lock);
 
 /* ---- Shared segments --------------------------------------------------------------------------------------------- */
 
-/* Unlinks this CPU's shared segments; processes that map them keep them. */
+/* Two segments of shared memory belong to a CPU. Whoever needs one first creates it, with mode 0660; one that a user
+ * other than this one or the superuser owns (unless it belongs to the group of ZEL_SHM_GROUP), or that others may use,
+ * is refused with EACCES; one of another size with EINVAL; one that a differently built library made with EPROTO. */
+
+/* Unlinks this CPU's shared segments; processes that map them keep them, later ones make new ones. 0, also when there
+ * are none, or -1 with errno. */
 int zelPlatformUnlinkSegments(void);
 /* 1 when this CPU's segment of the system exists, 0 when not; creates nothing. */
 int zelPlatformHasSegments(void);
