@@ -210,6 +210,7 @@ TEST_F(TaskDelete, ASafeTaskCannotDeleteItselfButCanBeForcedOrReturn) {
         EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, taskDelete(taskIdSelf()));
         gate.wait();
     });
+    ASSERT_TRUE(eventually(20, [&] { return field(tid, &zelTcb::safeCount) == 1; }));
     std::atomic<int> error{0};
     const zelTaskId deleter = spawn([&] { error = taskDelete(tid) == ZEL_ERROR ? errno : -1; });
     ASSERT_TRUE(eventually(20, [&] { return field(tid, &zelTcb::deletersWaiting) == 1; }));
