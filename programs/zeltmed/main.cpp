@@ -1,5 +1,7 @@
 // zeltmed: the task manager of a CPU. main reads the command line and waits; the work is done in a task, because only
 // tasks own endpoints.
+#include <signal.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -26,6 +28,13 @@ int managerTask(intptr_t work, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t,
     return semGive(ours->done);
 }
 
+// main only waits from here on; the tasks were created before and take the signals.
+void leaveSignalsToTasks() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
 int runManager(const zeltmed::Options &options) {
     zeltmed::prepareEnd();
     if (vx2bsdLibInit() != 0 || vx2bsd_start(1, 1, 0, 0) != ZEL_OK || zelTraceInit() != ZEL_OK) {
@@ -39,6 +48,7 @@ int runManager(const zeltmed::Options &options) {
         fprintf(stderr, "zeltmed: the task cannot be spawned\n");
         return 1;
     }
+    leaveSignalsToTasks();
     semTake(work.done, WAIT_FOREVER);
     return work.status;
 }

@@ -2,7 +2,7 @@
 //
 // A task is entered when it reports ready, and only when what it reports is true: the endpoint it names belongs to the
 // process it names, on this CPU. Once a second the endpoint table is walked, for processes that opened an endpoint and
-// have not reported, and for tasks that closed theirs; so the table is right also after a manager that was killed.
+// have not reported, and for entries whose process is gone; so the table is right also after a manager that was killed.
 #include "manager.h"
 
 #include <poll.h>
@@ -194,7 +194,7 @@ bool Manager::openEndpoint() {
     return true;
 }
 
-// A task that closed its endpoint, or whose manager was killed before it could note the end, is no longer here.
+// A process whose end nobody could note, because the manager was killed before it, is no longer here.
 void Manager::clearEntriesWithoutOwner() const {
     forEachEntry([](const Role &role, const zelTmeTaskEntry &entry) {
         int owner = 0;
@@ -254,6 +254,7 @@ void Manager::take(const void *message, int length) {
         return;
     }
     ++entered_;
+    spawned_.noteReady(report->pid);
     zelTmeSetTaskEntry(report->role.service, report->role.instance, ZEL_TME_HERE, report->address);
     printf("zeltmed: %s is ready, process %d\n", describe(report->role).c_str(), static_cast<int>(report->pid));
 }

@@ -15,6 +15,7 @@ namespace {
 
 constexpr auto startUpTime = std::chrono::seconds(10);
 constexpr auto respawnInterval = std::chrono::seconds(1);
+constexpr auto respawnPause = std::chrono::milliseconds(100);  // a signal may be meant for the whole group, us included
 constexpr int statusCannotRun = 127;
 constexpr int statusOfSignal = 128;
 
@@ -94,6 +95,10 @@ void SpawnedTasks::watchStartUp() {
     }
 }
 
+void SpawnedTasks::noteReady(pid_t pid) {
+    if (starting_ != nullptr && starting_->pid == pid) starting_ = nullptr;
+}
+
 bool SpawnedTasks::noteEnd(pid_t pid, int waitStatus) {
     const auto found = std::find_if(tasks_.begin(), tasks_.end(), [=](const Task &task) { return task.pid == pid; });
     if (found == tasks_.end()) return false;
@@ -104,7 +109,7 @@ bool SpawnedTasks::noteEnd(pid_t pid, int waitStatus) {
     task.pid = 0;
     if (respawn_ && WIFSIGNALED(waitStatus) && !isStopping_) {
         task.isWaiting = true;
-        task.notBefore = task.spawnedAt + respawnInterval;
+        task.notBefore = std::max(task.spawnedAt + respawnInterval, Clock::now() + respawnPause);
     } else {
         finish(task, exitStatusOf(waitStatus));
     }

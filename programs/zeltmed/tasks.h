@@ -24,6 +24,8 @@ public:
     pid_t advance();
     // Whether advance() should be called again soon.
     bool isBusy() const;
+    // A process that reports ready has started up, also when it has closed its endpoint again.
+    void noteReady(pid_t pid);
     // The end of a process, with its status as of waitpid. False when it is none of these tasks.
     bool noteEnd(pid_t pid, int waitStatus);
     // All tasks named by --until have ended.

@@ -261,6 +261,13 @@ TEST(Zeltmed, KillsATaskThatDoesNotStartUp) {
     EXPECT_TRUE(manager.says("was ended by signal 9"));
 }
 
+TEST(Zeltmed, SpawnsOnWhenATaskHasClosedItsEndpointAgain) {
+    Program manager("zeltmed",
+                    {"--spawn", worker("ISIS", "close"), "--until", "RIP", "--spawn", worker("RIP", "leave 3")});
+    EXPECT_EQ(manager.wait(), 3);
+    EXPECT_EQ(manager.output().find("has not started up"), std::string::npos);
+}
+
 TEST(Zeltmed, BelievesNoReportThatIsNotTrue) {
     Program manager("zeltmed", {"--spawn", worker("RIP", "stay")});
     ASSERT_TRUE(manager.says("RIP(70/0) is ready"));
