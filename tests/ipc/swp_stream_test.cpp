@@ -2,12 +2,16 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/child.h"
@@ -137,6 +141,69 @@ TEST_P(SwpStream, BetweenTwoProcesses) {
 }
 
 INSTANTIATE_TEST_SUITE_P(AckEvery, SwpStream, testing::Values(1u, 4u));
+
+// Tasks that enqueue side by side, one that takes in acknowledgements, one that tunes, and the timer task.
+TEST(SwpThreads, ManyUseOneQueue) {
+    constexpr uint32_t producers = 3, each = 2'000, total = producers * each;
+    vx2bsd_start(0, 1, 100, 100);
+    const auto senderKey = static_cast<uint32_t>(zelIpcOpen(61, 0));
+    const auto receiverKey = static_cast<uint32_t>(zelIpcOpen(76, 0));
+    zelTmeSetTaskEntry(76, 0, ZEL_TME_HERE, zel_sysGetIpAddr());
+    uint32_t queue = 0;
+    ASSERT_EQ(zelSwpQueueCreate(
+                  61, 0, 76, 0, capacity, 8, 1, 255, [](void *, int) {}, &queue),
+              0);
+    swpFifoQueue[queue].free = free;
+
+    zelSwpReceiver *receiver = zelSwpReceiverCreate(receiverKey, 0, 2);
+    std::atomic<uint32_t> released{0};
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (uint32_t i = 0; i < producers; ++i)
+        threads.emplace_back([&] {
+            for (uint32_t sent = 0; sent < each;) {
+                void *message = calloc(1, 200);
+                if (zelSwpEnqueue(queue, message, 200) == 0) {
+                    ++sent;
+                    continue;
+                }
+                free(message);
+                sched_yield();
+            }
+        });
+    threads.emplace_back([&] {
+        uint8_t message[200];
+        uint32_t accepted = 0;
+        while (accepted < total) {
+            const int length = zelIpcRecv(receiverKey, message, sizeof message, 20, 0, 0);
+            ASSERT_GT(length, 0);
+            if (zelSwpReceiverAccept(receiver, message, length) == 1) ++accepted;
+        }
+    });
+    threads.emplace_back([&] {
+        for (int window = 4; !isOver; window = window == 4 ? 12 : 4) {
+            zelSwpSetMwpQWinSize(queue, window);
+            zelSwpStatus status{};
+            zelSwpGetQueueStatus(queue, &status);
+            EXPECT_LE(status.queued, capacity);
+            const timespec pause{0, 1'000'000};
+            nanosleep(&pause, nullptr);
+        }
+    });
+    while (released < total) {
+        uint8_t ack[200];
+        const int length = zelIpcRecv(senderKey, ack, sizeof ack, 20, 0, 0);
+        ASSERT_GT(length, 0);
+        zelSwpProcAck(ack, length, nullptr);
+        for (void *message = nullptr; zelSwpDequeue(queue, &message) == 0; ++released) free(message);
+    }
+    isOver = true;
+    for (auto &thread : threads) thread.join();
+    EXPECT_EQ(zelSwpQueueRemove(queue), 0);
+    zelSwpReceiverDestroy(receiver);
+    zelIpcClose(senderKey);
+    zelIpcClose(receiverKey);
+}
 
 // Forwards between two ports of its own and the two ends, and loses some of it in both directions.
 ZEL_CHILD(swpRelay) {
