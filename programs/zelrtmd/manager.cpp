@@ -85,7 +85,12 @@ int Manager::run() {
 void Manager::dispatch(std::uint8_t *message, int length) {
     const std::uint32_t type = zelIpcHdrGet32(message, messageTypeWord);
     if (type == zel::programs::wakeType) return;
-    if (!isQueued(type)) return answer(type, message, length);
+    if (!isQueued(type)) {
+        answer(type, message, length);
+        // The queued message before it may have left its acknowledgement to the one that it saw waiting.
+        zelSwpReceiverFlush(receiver_);
+        return;
+    }
     if (zelSwpReceiverAccept(receiver_, message, length) != ZEL_SWP_MATCHED) return;
     takeQueued(type, message, length);
     if (tablesChanged_ && !pollers_.empty()) tellPollers();
