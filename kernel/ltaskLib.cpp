@@ -163,6 +163,7 @@ Tcb *findTaskBySerial(std::uint64_t serial) {
 }
 
 int prepareTask(Tcb &task, zelTaskId id, const TaskPlan &plan) {
+    vx2bsdLibInit();  // a key that was not created is somebody else's
     char *name = plan.name != nullptr ? copyName(plan.name) : nullptr;
     if (plan.name != nullptr && name == nullptr) return ZEL_ERR_NOT_ENOUGH_MEMORY;
     Lock list(taskListLock);

@@ -19,6 +19,19 @@ TEST_F(StartUp, TheLibraryMayBeInitialisedOften) {
     EXPECT_EQ(taskCount(), 0);
 }
 
+// A key that nobody created may be the first one of somebody else.
+TEST(StartUpLate, ATaskThatComesBeforeTheLibraryTouchesNoForeignKey) {
+    pthread_key_t first;
+    ASSERT_EQ(pthread_key_create(&first, [](void *) { ADD_FAILURE() << "a task's control block under another's key"; }),
+              0);
+    EXPECT_TRUE(ends(spawn([] {})));
+    zelTcb own;
+    ASSERT_EQ(init(own, [] {}), ZEL_OK);
+    EXPECT_EQ(taskActivate(own.id), ZEL_OK);
+    EXPECT_TRUE(ends(own.id));
+    pthread_key_delete(first);
+}
+
 TEST_F(StartUp, TheServiceTasksRunAboveAllOthers) {
     startServices();
     const zelTcb *exception = taskTcb(taskNameToId("tExcTask"));
