@@ -7,6 +7,7 @@ namespace zelrtmd {
 namespace {
 
 constexpr int registrationLength = 168;
+constexpr unsigned commandByte = 4;
 
 bool isDeregistration(std::uint32_t type) {
     return type == ZEL_RTM_MSG_DEREGISTER || type == ZEL_RTM_MSG_DEREGISTER_V4V6;
@@ -24,7 +25,7 @@ void Manager::registerClient(std::uint8_t *message, int length) {
     const Status status = clients_.enter(registration, handle);
     if (status != Status::ok) return refuse(message, registrationLength, status);
     zelRtmAnswerRegistration(message, handle, static_cast<std::uint32_t>(Status::ok));
-    if (registration.type == ZEL_RTM_MSG_REGISTER_ONE_WAY) {
+    if (message[commandByte] != ZEL_IPC_REQ) {
         // Nobody waits on the response queue: the answer goes where messages of the manager go.
         zelIpcSetTargetHeader(message, registration.sourceAddress, 0, static_cast<int>(registration.address.service),
                               static_cast<int>(registration.address.instance));

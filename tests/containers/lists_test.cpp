@@ -8,7 +8,7 @@
 #include <random>
 #include <vector>
 
-#include "tests/containers/reports.h"
+#include "tests/support/reports.h"
 #include "tests/support/random.h"
 #include "zel/containers.h"
 #include "zel/platform.h"

@@ -10,7 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "tests/containers/reports.h"
+#include "tests/support/reports.h"
 #include "tests/support/random.h"
 #include "tests/support/table.h"
 #include "zel/containers.h"

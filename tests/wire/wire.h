@@ -4,7 +4,7 @@
 //
 // Rows run in one process, in the order of their names, over a network that only records. The row's message is the
 // last one sent. Messages carry this CPU's address as 192.0.2.1. In golden.txt a line is `name: hex bytes`; blanks
-// count for nothing, and a dot stands for a hex digit that differs from run to run (process ids).
+// count for nothing, 00*12 is 12 times 00, and a dot stands for a hex digit that differs from run to run (process ids).
 #pragma once
 
 #include <cstdint>

@@ -3,9 +3,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 
 #include "zel/kernel.h"
@@ -27,8 +27,12 @@ std::map<std::string, std::string> readGolden() {
         const auto colon = line.find(':');
         if (line.empty() || line[0] == '#' || colon == std::string::npos) continue;
         std::string &digits = golden[line.substr(0, colon)];
-        for (const char c : line.substr(colon + 1))
-            if (!isspace(static_cast<unsigned char>(c))) digits += c;
+        std::istringstream words(line.substr(colon + 1));
+        for (std::string word; words >> word;) {
+            const auto star = word.find('*');
+            const int times = star == std::string::npos ? 1 : std::stoi(word.substr(star + 1));
+            for (int i = 0; i < times; ++i) digits += word.substr(0, star);
+        }
     }
     return golden;
 }

@@ -1,5 +1,5 @@
 // Takes the place of the host's system-error sink, where every assertion arrives.
-#include "tests/containers/reports.h"
+#include "tests/support/reports.h"
 
 #include <cstdarg>
 
