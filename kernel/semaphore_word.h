@@ -5,7 +5,8 @@
 //
 //     63 .. 42   generation
 //     41 .. 36   flags
-//     35 ..  0   binary and counting: tokens, signed; mutex: the owner's serial, 0 when free
+//     35 ..  0   binary and counting: tokens, signed; mutex: the owner's serial, 0 when free (a process would have to
+//                start tasks for days on end to come to a serial of more bits)
 //
 // While `engaged` is set the word belongs to the holder of the slot's lock, and every fast path falls through to it.
 #pragma once
