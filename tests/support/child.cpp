@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -36,6 +37,17 @@ std::vector<std::string> emulator() {
 #else
     return {};
 #endif
+}
+
+// Unlinks what test processes left behind that were killed: their segments carry their pids.
+void sweepSegments() {
+    std::error_code error;
+    for (const auto &entry : std::filesystem::directory_iterator("/dev/shm", error)) {
+        const std::string name = entry.path().filename();
+        int pid = 0;
+        if (sscanf(name.c_str(), "zeltest%d-", &pid) == 1 && kill(pid, 0) != 0 && errno == ESRCH)
+            shm_unlink(("/" + name).c_str());
+    }
 }
 
 }  // namespace
@@ -93,6 +105,7 @@ std::optional<int> runChildIfAsked(int argc, char **argv) {
 }
 
 void isolateProcess() {
+    sweepSegments();
     const int pid = static_cast<int>(getpid());
     char text[64];
     snprintf(text, sizeof text, "127.%d.%d.%d", 1 + (pid >> 16) % 250, (pid >> 8) & 255, 1 + (pid & 255) % 254);
