@@ -370,8 +370,8 @@ int semGive(zelSemId id);
 /* Ends the wait of every task that waits now, and returns when they have left. ZEL_ERR_INVALID_SEM_OPERATION: a mutex.
  * May block. */
 int semFlush(zelSemId id);
-/* Ends the id at once and every wait for it with an error, and returns when the waiters have left. An owner that deletes
- * its mutex leaves its delete-safe section; another task's is left as it is. May block. */
+/* Ends the id at once and every wait for it with an error, and returns when the waiters have left. An owner that
+ * deletes its mutex leaves its delete-safe section; another task's is left as it is. May block. */
 int semDelete(zelSemId id);
 /* Prints the semaphore's fields. */
 int semInfo(zelSemId id);

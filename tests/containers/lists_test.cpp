@@ -8,8 +8,8 @@
 #include <random>
 #include <vector>
 
-#include "tests/support/reports.h"
 #include "tests/support/random.h"
+#include "tests/support/reports.h"
 #include "zel/containers.h"
 #include "zel/platform.h"
 

@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "tests/support/reports.h"
 #include "tests/support/random.h"
+#include "tests/support/reports.h"
 #include "tests/support/table.h"
 #include "zel/containers.h"
 
