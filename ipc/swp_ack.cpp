@@ -243,7 +243,7 @@ int zelSwpProcAck(const void *ack, int length, uint32_t *queue) {
     if (!isResult(facts.result)) return ZEL_SWP_FAILURE;
     Notice notice;
     int verdict = ZEL_SWP_FAILURE;
-    if (HeldQueue held = find(number, Named::byMessage); held) {
+    if (HeldQueue held(number, Named::byMessage); held) {
         if (queue != nullptr) *queue = number;
         verdict = comesFromReceiver(held.shared(), ack) ? process(held, facts, notice) : refuse(held);
     }

@@ -82,7 +82,7 @@ SharedQueue *blockInUseOf(std::uint32_t queue) {
 bool look(std::uint32_t queue, zelSwpStatus &status) {
     const SharedQueue *shared = blockInUseOf(queue);
     if (shared == nullptr) return false;
-    const HeldQueue held = find(queue, Named::byMessage);
+    const HeldQueue held(queue, Named::byMessage);
     if (!isInUse(*shared)) return false;
     fill(*shared, status);
     return true;
@@ -123,7 +123,7 @@ int zelSwpGetQueueStatus(uint32_t queue, zelSwpStatus *status) {
 }
 
 int zelSwpQueueGetLen(uint32_t queue) {
-    if (const HeldQueue held = find(queue, Named::byMessage); held) return static_cast<int>(held.queued());
+    if (const HeldQueue held(queue, Named::byMessage); held) return static_cast<int>(held.queued());
     zelSwpStatus status;
     return look(queue, status) ? static_cast<int>(status.queued) : ZEL_ERROR;
 }

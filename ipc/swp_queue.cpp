@@ -71,6 +71,32 @@ std::uint32_t reserve(SharedTable &table) {
     return queue;
 }
 
+// A block under construction. It is free again unless it is published, also when the creating task is deleted while it
+// waits for its peer.
+class Reservation {
+public:
+    explicit Reservation(SharedTable &table) : table_(table), queue_(reserve(table)) {}
+    ~Reservation() {
+        if (queue_ != 0 && !isPublished_) state().store(blockFree, std::memory_order_release);
+    }
+    Reservation(const Reservation &) = delete;
+    Reservation &operator=(const Reservation &) = delete;
+
+    std::uint32_t queue() const { return queue_; }
+    void publish() {
+        const bool isLocked = ZEL_ShmWriteLock(tableLock) == 0;
+        state().store(blockInUse, std::memory_order_release);
+        isPublished_ = true;
+        if (isLocked) ZEL_ShmWriteUnLock(tableLock);
+    }
+
+private:
+    std::atomic<std::uint32_t> &state() { return sharedQueue(table_, queue_).state; }
+    SharedTable &table_;
+    const std::uint32_t queue_;
+    bool isPublished_ = false;
+};
+
 void nameEnd(End &end, const Creation::Name &wanted) {
     end.service = wanted.service;
     end.instance = wanted.instance;
@@ -140,12 +166,6 @@ void installPrivatePart(PrivateQueue &own, const Creation &wanted, Slot *slots, 
     own.timer = timer;
     own.isTimerArmed = false;
     own.lastRestart = 0;
-}
-
-void setState(SharedQueue &shared, BlockState state) {
-    const bool isLocked = ZEL_ShmWriteLock(tableLock) == 0;
-    shared.state.store(state, std::memory_order_release);
-    if (isLocked) ZEL_ShmWriteUnLock(tableLock);
 }
 
 bool complete(SharedTable &table, std::uint32_t queue, const Creation &wanted) {
@@ -302,7 +322,7 @@ void empty(HeldQueue &queue, Slot *slots, Discarded &discarded) {
 }
 
 std::uint32_t capacityOf(std::uint32_t queue) {
-    const HeldQueue held = find(queue);
+    const HeldQueue held(queue);
     return held ? held.shared().capacity : 0;
 }
 
@@ -312,14 +332,11 @@ int create(const Creation &wanted) {
     if (!areUsable(wanted)) return ZEL_SWP_FAILURE;
     SharedTable *table = sharedTable();
     if (table == nullptr) return ZEL_SWP_FAILURE;
-    const std::uint32_t queue = reserve(*table);
-    if (queue == 0) return refuseForWantOfBlock(*table, wanted);
-    if (!complete(*table, queue, wanted)) {
-        setState(sharedQueue(*table, queue), blockFree);
-        return ZEL_SWP_FAILURE;
-    }
-    setState(sharedQueue(*table, queue), blockInUse);
-    *wanted.queue = queue;
+    Reservation block(*table);
+    if (block.queue() == 0) return refuseForWantOfBlock(*table, wanted);
+    if (!complete(*table, block.queue(), wanted)) return ZEL_SWP_FAILURE;
+    block.publish();
+    *wanted.queue = block.queue();
     return ZEL_SWP_SUCCESS;
 }
 
@@ -329,7 +346,7 @@ int dropUnsent(std::uint32_t queue, bool (*isDropped)(const void *message, std::
     auto *dropped = static_cast<Slot *>(zelMC_calloc(sourceTag, __LINE__, capacity, sizeof(Slot)));
     if (dropped == nullptr) return ZEL_SWP_FAILURE;
     Discarded discarded;
-    if (HeldQueue held = find(queue); held) {
+    if (HeldQueue held(queue); held) {
         Window &window = held.window();
         std::uint32_t count = 0;
         Sequence kept = window.sent;
@@ -419,7 +436,7 @@ int zelSwpEnqueue(uint32_t queue, void *message, int length) {
     if (message == nullptr || length < 0) return ZEL_SWP_FAILURE;
     Notice notice;
     int result = ZEL_SWP_FAILURE;
-    if (HeldQueue held = find(queue); held) result = enqueue(held, message, static_cast<size_t>(length), notice);
+    if (HeldQueue held(queue); held) result = enqueue(held, message, static_cast<size_t>(length), notice);
     notice.deliver();
     return result;
 }
@@ -427,7 +444,7 @@ int zelSwpEnqueue(uint32_t queue, void *message, int length) {
 int zelSwpDequeue(uint32_t queue, void **message) {
     if (message == nullptr) return ZEL_SWP_FAILURE;
     *message = nullptr;
-    HeldQueue held = find(queue);
+    HeldQueue held(queue);
     if (!held) return ZEL_SWP_FAILURE;
     if (held.shared().head == held.window().acknowledged) return ZEL_SWP_DELETE_FAILED;
     *message = popHead(held);
@@ -440,7 +457,7 @@ int zelSwpQueueFlush(uint32_t queue) {
     auto *slots = static_cast<Slot *>(zelMC_calloc(sourceTag, __LINE__, capacity, sizeof(Slot)));
     if (slots == nullptr) return ZEL_SWP_FAILURE;
     Discarded discarded;
-    if (HeldQueue held = find(queue); held) {
+    if (HeldQueue held(queue); held) {
         empty(held, slots, discarded);
         held.shared().stream = newStream(*sharedTable());
         held.shared().budget = held.shared().budgetInitial;
@@ -454,7 +471,7 @@ int zelSwpQueueFlush(uint32_t queue) {
 int zelSwpQueueRemove(uint32_t queue) {
     Discarded discarded;
     {
-        HeldQueue held = find(queue);
+        HeldQueue held(queue);
         if (!held) return ZEL_SWP_FAILURE;
         PrivateQueue &own = held.own();
         vx2bsdTimerDelete(own.timer);
@@ -470,7 +487,7 @@ int zelSwpQueueRemove(uint32_t queue) {
 
 int zelSwpSetMwpQWinSize(uint32_t queue, int window) {
     if (window <= 0) return ZEL_SWP_FAILURE;
-    HeldQueue held = find(queue);
+    HeldQueue held(queue);
     if (!held) return ZEL_SWP_FAILURE;
     held.shared().windowSize = static_cast<uint32_t>(window);
     sendWaiting(held);
@@ -479,7 +496,7 @@ int zelSwpSetMwpQWinSize(uint32_t queue, int window) {
 }
 
 int zelSwpSetMaxMemoryAllowed(uint32_t queue, uint32_t bytes) {
-    HeldQueue held = find(queue);
+    HeldQueue held(queue);
     if (!held) return ZEL_SWP_FAILURE;
     held.shared().maxMemory = bytes;
     return ZEL_SWP_SUCCESS;

@@ -194,7 +194,7 @@ void stopTimer(HeldQueue &queue) {
 void onTimer(zelIntervalTimerId timer, intptr_t number) {
     Notice notice;
     void (*routine)(std::uint32_t) = nullptr;
-    if (HeldQueue queue = find(static_cast<std::uint32_t>(number), Named::byMessage); queue) {
+    if (HeldQueue queue(static_cast<std::uint32_t>(number), Named::byMessage); queue) {
         if (queue.own().timer != timer) return;
         queue.own().isTimerArmed = false;
         if (isAllAcknowledged(queue.window())) return;
@@ -205,7 +205,8 @@ void onTimer(zelIntervalTimerId timer, intptr_t number) {
         }
         queue.window().resentBelow = 0;
         routine = queue.own().timeOutRoutine;
-        if (routine == nullptr) retransmit(queue, false, notice);
+        // A host that is out of buffers now may have some later: the interval runs on, until the budget ends.
+        if (routine == nullptr && retransmit(queue, false, notice) == ZEL_SWP_SEND_FAILED) restartTimer(queue);
     }
     if (routine != nullptr) routine(static_cast<std::uint32_t>(number));
     notice.deliver();
@@ -226,7 +227,7 @@ int swpRetrans(uint32_t queue, int headOnly) {
     using namespace zel::ipc::swp;
     Notice notice;
     int result = ZEL_SWP_FAILURE;
-    if (HeldQueue held = find(queue); held) result = retransmit(held, headOnly != 0, notice);
+    if (HeldQueue held(queue); held) result = retransmit(held, headOnly != 0, notice);
     notice.deliver();
     return result;
 }

@@ -58,29 +58,30 @@ std::uint32_t newStream(SharedTable &table) {
     }
 }
 
-HeldQueue::HeldQueue(std::uint32_t number, SharedQueue &shared, PrivateQueue &own)
-    : number_(number), shared_(&shared), own_(&own), lock_(std::in_place, own.lock, LockRank::swpQueue, "swp queue") {}
+HeldQueue::HeldQueue(std::uint32_t queue, Named named) : number_(queue) {
+    SharedTable *table = isQueueNumber(queue) ? sharedTable() : nullptr;
+    if (table == nullptr) return;
+    SharedQueue &shared = sharedQueue(*table, queue);
+    if (!isInUse(shared)) return;
+    if (!isOurs(shared)) {
+        if (named == Named::byCaller) _zelAssert("pSwpQueue->pid == globalPid", sourceTag, __LINE__);
+        return;
+    }
+    PrivateQueue &own = privateQueue(queue);
+    lock_.emplace(own.lock, LockRank::swpQueue, "swp queue");
+    // It may have been removed, and even made anew elsewhere, before the lock was ours.
+    if (!isInUse(shared) || !isOurs(shared)) {
+        lock_.reset();
+        return;
+    }
+    shared_ = &shared;
+    own_ = &own;
+}
 
 Slot &HeldQueue::slotOf(Sequence sequence) const {
     const std::uint64_t place = own_->headSlot + (sequence - shared_->head);
     const std::uint32_t capacity = shared_->capacity;
     return own_->slots[place < capacity ? place : place - capacity];
-}
-
-HeldQueue find(std::uint32_t queue, Named named) {
-    if (!isQueueNumber(queue)) return {};
-    SharedTable *table = sharedTable();
-    if (table == nullptr) return {};
-    SharedQueue &shared = sharedQueue(*table, queue);
-    if (!isInUse(shared)) return {};
-    if (!isOurs(shared)) {
-        if (named == Named::byCaller) _zelAssert("pSwpQueue->pid == globalPid", sourceTag, __LINE__);
-        return {};
-    }
-    HeldQueue held(queue, shared, privateQueue(queue));
-    // It may have been removed, and even made anew elsewhere, before the lock was ours.
-    if (!isInUse(shared) || !isOurs(shared)) return {};
-    return held;
 }
 
 void reportSystemError(Event event, const char *text, std::uint32_t queue) {

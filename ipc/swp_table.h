@@ -14,6 +14,7 @@
 
 #include "base/lock.h"
 #include "ipc/swp_core.h"
+#include "kernel/task.h"
 #include "platform/process.h"
 #include "platform/segment.h"
 #include "zel/ipc.h"
@@ -107,11 +108,16 @@ PrivateQueue &privateQueue(std::uint32_t queue);
 // A number that no stream of this CPU had lately; never 0.
 std::uint32_t newStream(SharedTable &table);
 
-// A queue of this process with its lock held, or nothing. Only one queue may be held at a time.
+// Who named a queue: a caller of this process, whose mistake is reported, or a datagram or timer.
+enum class Named { byCaller, byMessage };
+
+// A queue of this process with its lock held, or nothing: no such queue, or another process's. Only one may be held at
+// a time. A task that is suspended meanwhile stops when it lets go.
 class HeldQueue {
 public:
-    HeldQueue() = default;
-    HeldQueue(std::uint32_t number, SharedQueue &shared, PrivateQueue &own);
+    explicit HeldQueue(std::uint32_t queue, Named named = Named::byCaller);
+    HeldQueue(const HeldQueue &) = delete;
+    HeldQueue &operator=(const HeldQueue &) = delete;
     explicit operator bool() const { return own_ != nullptr; }
 
     std::uint32_t number() const { return number_; }
@@ -123,16 +129,12 @@ public:
     Slot &slotOf(Sequence sequence) const;
 
 private:
-    std::uint32_t number_ = 0;
+    kernel::KernelSection section_;
+    std::optional<Lock> lock_;
+    std::uint32_t number_;
     SharedQueue *shared_ = nullptr;
     PrivateQueue *own_ = nullptr;
-    std::optional<Lock> lock_;
 };
-
-// The queue when it exists and this process owns it; another process's is refused, and reported when a caller of this
-// process named it (`Named::byCaller`) rather than a datagram.
-enum class Named { byCaller, byMessage };
-HeldQueue find(std::uint32_t queue, Named named = Named::byCaller);
 
 // System errors of the sliding-window queues.
 enum Event : std::uint32_t {

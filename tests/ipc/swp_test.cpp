@@ -416,7 +416,7 @@ TEST(SwpQueue, BudgetEnds) {
 
 TEST(SwpQueue, ResendingThatFailsSaysSo) {
     World world;
-    const uint32_t queue = world.create(8);
+    const uint32_t queue = world.create(8, 1, 50);
     for (int i = 0; i < 3; ++i) ASSERT_EQ(world.enqueue(queue), 0);
     ASSERT_EQ(world.acknowledge(queue, 0, 1), 0);
     world.network.failSends(1);
@@ -425,6 +425,8 @@ TEST(SwpQueue, ResendingThatFailsSaysSo) {
     EXPECT_EQ(swpRetrans(queue, 0), 10);
     EXPECT_EQ(world.sentWithin(20), 0u) << "the timer was stopped";
     EXPECT_EQ(swpRetrans(queue, 0), 0);
+    world.network.failSends(1);
+    EXPECT_GE(world.sentWithin(4), 2u) << "a time-out that cannot send tries again";
 }
 
 uint32_t timedOutQueue = 0;
