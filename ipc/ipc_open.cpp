@@ -13,7 +13,9 @@
 #include "ipc/endpoint.h"
 #include "ipc/guaranteed.h"
 #include "kernel/task.h"
+#include "platform/cancellation.h"
 #include "platform/datagram.h"
+#include "platform/seam.h"
 #include "zel/platform.h"
 
 namespace zel::ipc {
@@ -79,15 +81,14 @@ void mirrorOpenState(zelIpcEndpoint *record, std::uint32_t mask) {
     storeWord(record->state, mask != 0 ? 1 : 0);
 }
 
-// Closes what is in the descriptor and clears it.
-void closeDescriptor(zelIpcQueueDesc &descriptor) {
-    if (descriptor.inUse) platform::closeDatagramSocket(descriptor.socket);
-    descriptor = {};
-}
-
 class OwnedLink {
 public:
-    ~OwnedLink() { closeDescriptor(descriptor); }
+    OwnedLink() = default;
+    ~OwnedLink() {
+        if (descriptor.inUse) platform::closeDatagramSocket(descriptor.socket);
+    }
+    OwnedLink(const OwnedLink &) = delete;
+    OwnedLink &operator=(const OwnedLink &) = delete;
     zelIpcQueueDesc descriptor{};
 };
 
@@ -109,21 +110,31 @@ void installQueue(Endpoint &endpoint, std::uint32_t type, OwnedLink &link) {
     mirrorOpenState(record, endpoint.openMask.fetch_or(openBit(type), std::memory_order_acq_rel) | openBit(type));
 }
 
+// The socket's number may go to another socket only when nobody reads from it. Readers leave at once, unless they are
+// suspended; those are not waited for.
+void awaitReaders(const Queue &queue, int socket) {
+    platform::wakeReaders(socket);
+    const zelHostSeam &seam = platform::seam();
+    const std::uint64_t deadline = platform::deadlineAfterSeconds(1);
+    while (queue.receivers.load(std::memory_order_acquire) > 0 && platform::now() < deadline)
+        seam.sleepUntil(seam.context, platform::now() + platform::nanosecondsPerTick / 20);
+}
+
 // Takes a queue out of the endpoint, so that no new operation finds it, then closes its socket.
 void removeQueue(Endpoint &endpoint, std::uint32_t type) {
-    zelIpcQueueDesc descriptor{};
+    OwnedLink removed;
     zelIpcEndpoint *record = sharedRecord(endpoint.service, endpoint.instance);
+    Queue &queue = endpoint.queues[type];
     {
         Lock lock(endpointLock);
-        Queue &queue = endpoint.queues[type];
         const std::uint32_t mask =
             endpoint.openMask.fetch_and(~openBit(type), std::memory_order_acq_rel) & ~openBit(type);
         mirrorOpenState(record, mask);
-        descriptor = std::exchange(queue.descriptor, {});
-        if (descriptor.inUse) queue.counters.droppedByHost = platform::droppedByHost(descriptor.socket);
+        removed.descriptor = std::exchange(queue.descriptor, {});
+        if (removed.descriptor.inUse) queue.counters.droppedByHost = platform::droppedByHost(removed.descriptor.socket);
         queue.socket.store(-1, std::memory_order_release);
     }
-    closeDescriptor(descriptor);
+    if (removed.descriptor.inUse) awaitReaders(queue, removed.descriptor.socket);
 }
 
 bool isExchangeOpen(const Endpoint &endpoint) {
@@ -174,6 +185,7 @@ void recordOwner(Endpoint &endpoint) {
 bool closeExchange(Endpoint &endpoint) {
     const zelSemId semaphore = endpoint.responseSemaphore.load(std::memory_order_acquire);
     if (semTake(semaphore, WAIT_FOREVER) != ZEL_OK) return false;
+    const platform::NoCancellation closing;  // half closed, it could not be closed again
     closeFilter(endpoint);
     removeQueue(endpoint, requestQueue);
     removeQueue(endpoint, responseQueue);
@@ -214,6 +226,7 @@ int zel_ipcSOpen(int port, int protocol, int secondary) {
 }
 
 int zel_ipcCreateLink(struct zelIpcQueueDesc *descriptor, uint32_t queueId) {
+    if (!descriptor) return fail(EINVAL);
     if (descriptor->inUse) {
         zelErrorPrintf(traceModule, "%s: zel_ipcSOpen: icdp is already in use so: %d, icdp: %x", selfName(),
                        descriptor->socket, static_cast<unsigned>(reinterpret_cast<uintptr_t>(descriptor)));

@@ -4,6 +4,7 @@
 
 #include "ipc/ipc_header.h"
 #include "ipc/ipc_history.h"
+#include "kernel/task.h"
 #include "platform/datagram.h"
 
 namespace zel::ipc {
@@ -69,26 +70,29 @@ bool Wait::prepareBlocking() {
     return true;
 }
 
+bool Wait::isClosed() const {
+    return queue_.socket.load(std::memory_order_acquire) != socket_;
+}
+
 ssize_t Wait::next(void *buffer, std::size_t size) {
-    if (prepareBlocking()) {
-        const ssize_t length = platform::receiveBlocking(socket_, buffer, size);
-        if (length >= 0 || (errno != EINTR && errno != EAGAIN)) return length;
-    }
-    return nextByClock(buffer, size);
+    const int before = errno;
+    const bool hasBlocked = prepareBlocking();
+    ssize_t length = hasBlocked ? platform::receiveBlocking(socket_, buffer, size) : -1;
+    const bool hasFailed = hasBlocked && length < 0 && errno != EINTR && errno != EAGAIN;
+    if (length < 0 && !hasFailed) length = nextByClock(buffer, size);
+    if (length < 0) return -1;
+    // Reads of a queue that is being closed come back empty.
+    if (length == 0 && isClosed()) return kernel::fail(EBADF);
+    errno = before;
+    return length;
 }
 
 ssize_t Wait::nextByClock(void *buffer, std::size_t size) {
     for (;;) {
-        if (queue_.socket.load(std::memory_order_acquire) != socket_) {
-            errno = EBADF;
-            return -1;
-        }
+        if (isClosed()) return kernel::fail(EBADF);
         const ssize_t length = platform::receiveWaiting(socket_, buffer, size);
         if (length >= 0 || (errno != EAGAIN && errno != EINTR)) return length;
-        if (platform::now() >= deadline_) {
-            errno = ETIMEDOUT;
-            return -1;
-        }
+        if (platform::now() >= deadline_) return kernel::fail(ETIMEDOUT);
         const auto &seam = platform::seam();
         if (seam.waitReadable(seam.context, socket_, deadline_) < 0 && errno != EINTR) return -1;
     }

@@ -38,6 +38,7 @@ public:
 
 private:
     bool prepareBlocking();
+    bool isClosed() const;
     ssize_t nextByClock(void *buffer, std::size_t size);
 
     Queue &queue_;

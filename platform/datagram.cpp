@@ -93,10 +93,15 @@ bool bindDatagramSocket(int socket, std::uint32_t address, std::uint16_t port) {
     return bind(socket, reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0;
 }
 
+void wakeReaders(int socket) {
+    const int error = errno;
+    shutdown(socket, SHUT_RDWR);  // reports that the socket is not connected, and does it nevertheless
+    errno = error;
+}
+
 void closeDatagramSocket(int socket) {
     const int error = errno;
     const NoCancellation closing;
-    shutdown(socket, SHUT_RDWR);  // a reader blocked in the socket would keep it, and its port, alive
     close(socket);
     errno = error;
 }

@@ -20,7 +20,10 @@ enum class SocketBuffer { send, receive };
 // An IPv4 datagram socket, closed on exec; -1 with errno.
 int openDatagramSocket();
 bool bindDatagramSocket(int socket, std::uint32_t address, std::uint16_t port);
-// Wakes whoever waits on the socket, and closes it. No cancellation point; errno is kept.
+// Ends every wait on the socket, present and future: reads return at once. A reader blocked in a socket that is only
+// closed would keep it, and its port, alive.
+void wakeReaders(int socket);
+// No cancellation point; errno is kept.
 void closeDatagramSocket(int socket);
 
 // The effective size in bytes, which the host may have rounded, doubled or capped; -1 with errno.

@@ -106,7 +106,6 @@ inline int receive(std::uint32_t key, Bytes &buffer, int timeoutSec = 10, std::u
 class Task {
 public:
     explicit Task(std::function<int()> body) : body_(std::move(body)) {
-        vx2bsdLibInit();
         id_ = taskSpawn("tTest", 100, 0, 0, run, reinterpret_cast<intptr_t>(this), 0, 0, 0, 0, 0, 0, 0, 0, 0);
     }
     ~Task() {

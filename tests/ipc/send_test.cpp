@@ -50,7 +50,9 @@ TEST_F(Receive, DropsAreCountedByReason) {
     Message wanted = message(1, 2);
     wanted.length = 70;
     send(wanted.bytes());
+    errno = 4711;
     EXPECT_EQ(receive(rtm, buffer, 10, 1, 2), 70);
+    EXPECT_EQ(errno, 4711) << "success leaves it alone";
     const zelIpcQueueStats stats = statsOf(rtm);
     EXPECT_EQ(stats.droppedShort, 2u);
     EXPECT_EQ(stats.droppedMagic, 1u);
@@ -254,6 +256,7 @@ TEST_F(Receive, ClosingEndsTheWait) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(zelIpcClose(rtm), 0);
     EXPECT_EQ(waiting.result(), EBADF);
+    EXPECT_EQ(statsOf(rtm).droppedShort, 0u);
     EXPECT_EQ(zelIpcOpen(76, 0), static_cast<int>(rtm)) << "the port is free";
 }
 
