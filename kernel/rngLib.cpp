@@ -49,22 +49,28 @@ int freeFrom(int read, int write, int size) {
     return room < 0 ? room + size : room;
 }
 
+// The index `by` bytes further, or back.
 int advanced(int index, int by, int size) {
     const auto sum = static_cast<int>((static_cast<long long>(index) + by) % size);
     return sum < 0 ? sum + size : sum;
 }
 
-// Copies between the ring's bytes from `index` on and a buffer, in at most two pieces.
-void copyIn(zelRing &ring, int index, const char *from, int count) {
-    const int first = std::min(count, ring.size - index);
+// Copies over the end of the ring, in two pieces, and publishes the index behind them. Apart from the calls below, so
+// that those keep little on the stack where one piece is enough.
+[[gnu::noinline]] int putRoundTheEnd(zelRing &ring, int index, const char *from, int count) {
+    const int first = ring.size - index, rest = count - first;
     memcpy(ring.bytes + index, from, static_cast<std::size_t>(first));
-    if (count > first) memcpy(ring.bytes, from + first, static_cast<std::size_t>(count - first));
+    memcpy(ring.bytes, from + first, static_cast<std::size_t>(rest));
+    ring.writer.index.store(rest, std::memory_order_release);
+    return count;
 }
 
-void copyOut(const zelRing &ring, int index, char *to, int count) {
-    const int first = std::min(count, ring.size - index);
+[[gnu::noinline]] int getRoundTheEnd(zelRing &ring, int index, char *to, int count) {
+    const int first = ring.size - index, rest = count - first;
     memcpy(to, ring.bytes + index, static_cast<std::size_t>(first));
-    if (count > first) memcpy(to + first, ring.bytes, static_cast<std::size_t>(count - first));
+    memcpy(to + first, ring.bytes, static_cast<std::size_t>(rest));
+    ring.reader.index.store(rest, std::memory_order_release);
+    return count;
 }
 
 }  // namespace
@@ -106,8 +112,9 @@ int rngBufPut(zelRingId ring, const char *buffer, int nBytes) {
     }
     const int count = std::min(nBytes, room);
     if (count <= 0) return 0;
-    copyIn(*ring, write, buffer, count);
-    self.index.store(advanced(write, count, ring->size), std::memory_order_release);
+    if (count >= ring->size - write) return putRoundTheEnd(*ring, write, buffer, count);
+    memcpy(ring->bytes + write, buffer, static_cast<std::size_t>(count));
+    self.index.store(write + count, std::memory_order_release);
     return count;
 }
 
@@ -121,8 +128,9 @@ int rngBufGet(zelRingId ring, char *buffer, int maxBytes) {
     }
     const int count = std::min(maxBytes, held);
     if (count <= 0) return 0;
-    copyOut(*ring, read, buffer, count);
-    self.index.store(advanced(read, count, ring->size), std::memory_order_release);
+    if (count >= ring->size - read) return getRoundTheEnd(*ring, read, buffer, count);
+    memcpy(buffer, ring->bytes + read, static_cast<std::size_t>(count));
+    self.index.store(read + count, std::memory_order_release);
     return count;
 }
 
