@@ -1,8 +1,5 @@
 // A stream of messages of 6.3 KB between two processes: through a sliding-window queue, through bare sockets with the
 // same window and as many acknowledgements, and through ZeroMQ.
-#include <arpa/inet.h>
-#include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -10,6 +7,7 @@
 #include <vector>
 #include <zmq.hpp>
 
+#include "bench/bare_stream.h"
 #include "bench/support/row.h"
 #include "tests/support/child.h"
 #include "zel/ipc.h"
@@ -18,27 +16,11 @@
 
 namespace {
 
+using namespace zel::bench;
 using zel::test::Child;
 
 constexpr int messageBytes = 6338;  // a full batch of routes
-constexpr int ackBytes = 124;
-constexpr int window = 8;
-constexpr int ackInterval = window;
 constexpr uint32_t capacity = 64;
-constexpr int senderService = 61;
-constexpr int receiverService = 76;
-
-uint16_t portOf(int service) {
-    return static_cast<uint16_t>(zel_getQueueId(service, 0, ZEL_IPC_QUEUE_REQUEST));
-}
-
-sockaddr_in addressOf(int service) {
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_port = htons(portOf(service));
-    name.sin_addr.s_addr = htonl(zel_sysGetIpAddr());
-    return name;
-}
 
 // ---- Sliding-window queue -------------------------------------------------------------------------------------------
 
@@ -99,59 +81,8 @@ private:
 
 // ---- Bare sockets ---------------------------------------------------------------------------------------------------
 
-int bareSocket(int service) {
-    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in name = addressOf(service);
-    const int bytes = 129024;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
-    const timeval limit{10, 0};
-    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    return bind(fd, reinterpret_cast<const sockaddr *>(&name), sizeof name) == 0 ? fd : -1;
-}
-
-bool bareSend(int fd, const void *bytes, size_t length, int service) {
-    const sockaddr_in to = addressOf(service);
-    return sendto(fd, bytes, length, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to) ==
-           static_cast<ssize_t>(length);
-}
-
-ZEL_CHILD(benchBareReceiver) {
-    const int fd = bareSocket(receiverService);
-    static uint8_t message[8192], ack[ackBytes];
-    for (unsigned count = 0;;) {
-        if (recv(fd, message, sizeof message, 0) < 0) continue;
-        if (++count % ackInterval == 0 && !bareSend(fd, ack, sizeof ack, senderService)) return 1;
-    }
-}
-
-class Bare {
-public:
-    Bare() : child_(Child::start("benchBareReceiver")), fd_(bareSocket(senderService)), message_(messageBytes) {}
-    ~Bare() { close(fd_); }
-    bool send() {
-        while (inFlight_ == window)
-            if (!collect()) return false;
-        ++inFlight_;
-        return bareSend(fd_, message_.data(), message_.size(), receiverService);
-    }
-    bool drain() {
-        while (inFlight_ >= ackInterval)
-            if (!collect()) return false;
-        return true;
-    }
-
-private:
-    bool collect() {
-        uint8_t ack[256];
-        if (recv(fd_, ack, sizeof ack, 0) < 0) return false;
-        inFlight_ -= ackInterval;
-        return true;
-    }
-
-    Child child_;
-    int fd_;
-    int inFlight_ = 0;
-    std::vector<uint8_t> message_;
+struct Bare : BareStream {
+    Bare() : BareStream(messageBytes) {}
 };
 
 // ---- ZeroMQ ---------------------------------------------------------------------------------------------------------
@@ -191,14 +122,6 @@ private:
 };
 
 // ---- The row --------------------------------------------------------------------------------------------------------
-
-bool isBound(int service) {
-    const int probe = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in name = addressOf(service);
-    const bool isTaken = bind(probe, reinterpret_cast<const sockaddr *>(&name), sizeof name) != 0;
-    close(probe);
-    return isTaken;
-}
 
 template <class Stream>
 void stream(benchmark::State &state) {

@@ -16,7 +16,7 @@ constexpr std::size_t mostBytes = 65536;
 constexpr std::size_t mostTables = 1024;
 // Room for the windows of many sources at once.
 constexpr int receiveBuffer = 8 << 20;
-constexpr std::uint32_t acknowledgementInterval = 4;
+constexpr std::uint32_t acknowledgementInterval = ZEL_SWP_DEFAULT_WINDOW;
 
 bool isQueued(std::uint32_t type) {
     switch (type) {
