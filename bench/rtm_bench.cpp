@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -145,6 +146,7 @@ public:
         zelTmeSetTaskEntry(receiverService, 0, ZEL_TME_HERE, zel_sysGetIpAddr());
         zelSwpQueueCreate(
             senderService, 0, receiverService, 0, 0, window, 1, 255, [](void *, int) {}, &queue_);
+        swpFifoQueue[queue_] = {[](std::uint32_t bytes) { return malloc(bytes); }, free};
         isUp_ = zel::test::eventually(10, [] { return isBound(receiverService); });
     }
     ~Pusher() {

@@ -8,6 +8,9 @@
  * wait for the manager; their answers, where there are any, come as messages to the caller's request queue. Queue
  * ZEL_RTM_QUEUE_LIST selects a queue list where an operation takes one.
  *
+ * Buffers of queued messages come from the queue's alloc hook and return to its free hook (swpFifoQueue, zel/ipc.h); a
+ * queue without hooks gets blocks of zelMC_malloc, which flushing or removing the queue does not free.
+ *
  * The client keeps no state of its own but the debug mask and a counter. A pending batch belongs to its caller, who
  * must not use it from two threads at once; everything else may be called by several. Two requests made within one 20
  * ms tick share a transaction number, so a late answer to the first can be taken for the second when their types are

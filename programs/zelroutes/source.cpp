@@ -1,7 +1,7 @@
 #include "source.h"
 
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
 
 #include "programs/support/program.h"
 #include "zel/kernel.h"
@@ -86,7 +86,11 @@ bool Source::makeQueue() {
     const int result = zelSwpQueueCreate(static_cast<int>(address_.service), static_cast<int>(address_.instance),
                                          ZEL_RTM_SERVICE, receiverInstance, 0, options_.window, retransmitSeconds,
                                          retransmissions, noteTrouble, &queue_);
-    if (result == ZEL_SWP_SUCCESS) return true;
+    if (result == ZEL_SWP_SUCCESS) {
+        // With hooks the queue also frees what a flush throws away.
+        swpFifoQueue[queue_] = {[](std::uint32_t bytes) { return malloc(bytes); }, free};
+        return true;
+    }
     queue_ = 0;
     fprintf(stderr, "zelroutes: no queue to the route table manager (%s)\n", zelSwpGetErr(result));
     return false;

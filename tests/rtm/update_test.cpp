@@ -183,7 +183,11 @@ TEST_F(Updates, aListCarriesABatchOnTheQueueOfItsVrf) {
     EXPECT_EQ(pending, nullptr);
     ASSERT_EQ(zelSWPQListAddMsgGroup(list, 1), 0);
     ASSERT_EQ(zelSWPQListAddMsgGroup(list, vrf), 0);
+    std::uint32_t carrier = 0;
+    ASSERT_EQ(zelSWPQListGetQHandle(list, vrf, &carrier), 0);
+    swpFifoQueue[carrier] = {hookAlloc, hookFree};
     ASSERT_EQ(update(), 0);
+    EXPECT_EQ(buffersOut.size(), 1u);
     ASSERT_EQ(push(), 0);
     ASSERT_EQ(network.sent.size(), 1u);
     EXPECT_EQ(zelIpcHdrGet32(network.sent[0].bytes.data(), groupWord), vrf);
