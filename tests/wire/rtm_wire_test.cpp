@@ -19,14 +19,12 @@ bool managerIsKnown() {
     return zelTmeSetTaskEntry(ZEL_RTM_SERVICE, 0, ZEL_TME_REMOTE, Wire::peer) == 0;
 }
 
-// A queue to the manager whose next message is its first.
+// A new queue to the manager.
 std::uint32_t queue() {
-    static std::uint32_t number = 0;
+    std::uint32_t number = 0;
     managerIsKnown();
-    if (number == 0)
-        zelSwpQueueCreate(
-            Wire::service, Wire::instance, ZEL_RTM_SERVICE, 0, 0, 0, 1, 1, [](void *, int) {}, &number);
-    zelSwpQueueFlush(number);
+    zelSwpQueueCreate(
+        Wire::service, Wire::instance, ZEL_RTM_SERVICE, 0, 0, 0, 1, 1, [](void *, int) {}, &number);
     return number;
 }
 
