@@ -1,5 +1,5 @@
-// Messages of sliding-window queues and lists, and their acknowledgements. Stream numbers and ticks differ from run to
-// run.
+// Messages of sliding-window queues and lists, and their acknowledgements. Ticks, streams and the numbers of queues
+// depend on what ran before.
 #include <array>
 
 #include "tests/wire/wire.h"
