@@ -160,18 +160,25 @@ Source::Push Source::flushPending() {
 Source::Push Source::awaitRoom(int most) {
     while (zelSwpQueueGetLen(queue_) > most) {
         if (isStopping()) return Push::stopped;
-        if (streamEnded) return Push::startOver;
+        if (mustStartOver()) return Push::startOver;
         receive(waitSeconds);
     }
     return Push::done;
 }
 
+bool Source::mustStartOver() const {
+    return wasCleared_ || streamEnded != 0;
+}
+
 bool Source::startOver() {
+    const bool streamLives = streamEnded == 0;
+    wasCleared_ = false;
+    zelRtmDropPending(&pending_, queue_, nullptr, vrf);
+    if (streamLives) return true;
     printf("zelroutes: %u: the route table manager %s; registering again\n", address_.service,
            streamEnded == ZEL_SWP_SEQ_FAILURE ? "started anew" : "does not answer");
     ++recoveries_;
     streamEnded = 0;
-    zelRtmDropPending(&pending_, queue_, nullptr, vrf);
     zelSwpQueueFlush(queue_);
     if (!connect()) return false;
     zelRtmFlushRoutesAFSwp(handle_, &address_, queue_, ZEL_RTM_IPV4_UNICAST);
@@ -193,7 +200,7 @@ void Source::takeMessage(const std::uint8_t *message, int length) {
     if (zelRtmParseClear(message, length, &clearHandle, &clearVrf, &sequence) == 0) {
         if (clearHandle == handle_) {
             zelRtmClearIpRouteSwpAck(handle_, &address_, queue_, sequence);
-            streamEnded = ZEL_SWP_SEQ_FAILURE;
+            wasCleared_ = true;
         }
         return;
     }
@@ -225,7 +232,7 @@ void Source::report() {
 void Source::watch() {
     while (!isStopping()) {
         if (!receive(waitSeconds)) zelRtmFlushPollerRoutesSwp(handle_, &address_, queue_);
-        if (streamEnded && startOver()) pushUntilDone();
+        if (mustStartOver() && startOver()) pushUntilDone();
     }
 }
 

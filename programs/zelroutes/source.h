@@ -44,6 +44,8 @@ private:
     Push pushRow(std::size_t index);
     Push flushPending();
     Push awaitRoom(int most);
+    bool mustStartOver() const;
+    // Makes ready for pushing everything again; false when the program is asked to stop.
     bool startOver();
     bool receive(int seconds);
     void takeMessage(const std::uint8_t *message, int length);
@@ -61,6 +63,7 @@ private:
     void *pending_ = nullptr;
     std::size_t batchBegin_ = 0;  // the first row of the batch under construction
     int pendingFamily_ = 0;
+    bool wasCleared_ = false;  // the manager threw our routes away and asked for them
     std::vector<std::uint8_t> buffer_;
     unsigned long queueFull_ = 0;
     unsigned long recoveries_ = 0;
