@@ -139,7 +139,10 @@ Source::Push Source::pushRow(std::size_t index) {
     const int result = zelRtmUpdateRoute(handle_, operationOf(row), &route_, &pending_, &address_, queue_,
                                          static_cast<std::uint8_t>(address_.service), row.family, nullptr, vrf);
     if (pending_) return Push::done;
-    if (result == 1) return Push::startOver;
+    if (result == 1) {
+        streamEnded = ZEL_SWP_FAILURE;
+        return Push::startOver;
+    }
     const Push room = awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_));
     if (result == 0) {
         batchBegin_ = index + 1;
@@ -153,17 +156,18 @@ Source::Push Source::flushPending() {
     if (!pending_) return Push::done;
     const int result = zelRtmUpdateRoute(handle_, ZEL_RTM_ADD, nullptr, &pending_, &address_, queue_,
                                          static_cast<std::uint8_t>(address_.service), pendingFamily_, nullptr, vrf);
-    return result == 0 ? awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_)) : Push::startOver;
+    if (result != 0) streamEnded = ZEL_SWP_FAILURE;
+    return awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_));
 }
 
 // Takes acknowledgements until at most that many messages are queued.
 Source::Push Source::awaitRoom(int most) {
-    while (zelSwpQueueGetLen(queue_) > most) {
+    for (;;) {
         if (isStopping()) return Push::stopped;
         if (mustStartOver()) return Push::startOver;
+        if (zelSwpQueueGetLen(queue_) <= most) return Push::done;
         receive(waitSeconds);
     }
-    return Push::done;
 }
 
 bool Source::mustStartOver() const {
