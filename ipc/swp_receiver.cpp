@@ -1,5 +1,6 @@
-// The receiving side of sliding-window queues for programs: every stream message goes through zelSwpReceiverAccept,
-// which says whether to deliver it and answers the sender.
+// The receiving side of sliding-window queues for programs: every stream message goes through zelSwpReceiverCheck,
+// which says whether to deliver it, and zelSwpReceiverAnswer, which answers the sender once it has been dealt with; or
+// through zelSwpReceiverAccept, which is both.
 //
 // A source is (address, source queue, sender's queue number); each has one present stream and remembers the last few
 // that it replaced, so that datagrams of a flushed stream that arrive late neither disturb the present one nor are
@@ -148,15 +149,12 @@ bool isMoreComing(const zelSwpReceiver &receiver, const void *message) {
     return fd >= 0 && seam.waitReadable(seam.context, fd, 0) == 1;
 }
 
-// Acknowledgements are cumulative: an answer takes the place of one that is held back for the same source.
-void answer(zelSwpReceiver &receiver, Source &source, const void *message, const Checked &checked) {
+// Acknowledgements are cumulative: an answer takes the place of one that is held back for the same source. The answer
+// to a message that is delivered waits for zelSwpReceiverAnswer.
+void holdAnswer(zelSwpReceiver &receiver, Source &source, const void *message, const Checked &checked) {
     buildAcknowledgement(message, checked.expected, checked.result, source.answer);
     if (source.held++ == 0) ++receiver.holding;
-    if (checked.result != ZEL_SWP_MATCHED || source.held >= receiver.interval) {
-        sendHeldOf(receiver, source);
-    } else if (!isMoreComing(receiver, message)) {
-        sendHeld(receiver);
-    }
+    if (checked.result != ZEL_SWP_MATCHED) sendHeldOf(receiver, source);
 }
 
 // To a message of a stream that this receiver knows nothing of; what it holds for the source stands.
@@ -181,7 +179,7 @@ void count(zelSwpReceiverStats &stats, const Checked &checked) {
     }
 }
 
-int acceptFrom(zelSwpReceiver &receiver, const SourceKey &key, const void *message, int length) {
+int checkFrom(zelSwpReceiver &receiver, const SourceKey &key, const void *message, int length) {
     Source *source = findSource(receiver, key);
     Stream unknownSource;
     const Checked checked = check(source != nullptr ? source->stream : unknownSource, message, length);
@@ -196,7 +194,7 @@ int acceptFrom(zelSwpReceiver &receiver, const SourceKey &key, const void *messa
         source->stream = unknownSource;
     }
     source->lastUse = ++receiver.uses;
-    answer(receiver, *source, message, checked);
+    holdAnswer(receiver, *source, message, checked);
     return checked.result;
 }
 
@@ -234,11 +232,29 @@ zelSwpReceiver *zelSwpReceiverCreate(uint32_t key, uint32_t maxSources, uint32_t
     return receiver;
 }
 
-int zelSwpReceiverAccept(zelSwpReceiver *receiver, const void *message, int length) {
+int zelSwpReceiverCheck(zelSwpReceiver *receiver, const void *message, int length) {
     if (receiver == nullptr) return ZEL_SWP_FAILURE;
-    if (isStreamMessage(message, length)) return acceptFrom(*receiver, keyOf(message), message, length);
+    if (isStreamMessage(message, length)) return checkFrom(*receiver, keyOf(message), message, length);
     ++receiver->stats.malformed;
     return ZEL_SWP_FAILURE;
+}
+
+int zelSwpReceiverAnswer(zelSwpReceiver *receiver, const void *message) {
+    if (receiver == nullptr || message == nullptr) return ZEL_SWP_FAILURE;
+    Source *source = findSource(*receiver, keyOf(message));
+    if (source == nullptr || source->held == 0) return ZEL_SWP_FAILURE;
+    if (source->held >= receiver->interval) {
+        sendHeldOf(*receiver, *source);
+    } else if (!isMoreComing(*receiver, message)) {
+        sendHeld(*receiver);
+    }
+    return ZEL_SWP_SUCCESS;
+}
+
+int zelSwpReceiverAccept(zelSwpReceiver *receiver, const void *message, int length) {
+    const int result = zelSwpReceiverCheck(receiver, message, length);
+    if (result == ZEL_SWP_MATCHED) zelSwpReceiverAnswer(receiver, message);
+    return result;
 }
 
 int zelSwpReceiverFlush(zelSwpReceiver *receiver) {

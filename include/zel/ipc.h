@@ -558,8 +558,13 @@ typedef struct {
 zelSwpReceiver *zelSwpReceiverCreate(uint32_t key, uint32_t maxSources, uint32_t ackInterval);
 /* Judges a stream message and answers its sender: 1 deliver it; 2 or 4 drop it. */
 int zelSwpReceiverAccept(zelSwpReceiver *receiver, const void *message, int length);
+/* The same in two steps, for receivers whose answer means that a message has been dealt with: the check, which answers
+ * only what is to be dropped, and after a result of 1 the answer (0, or 4 when none is due), before the next check. The
+ * header of the message must be unchanged in between. */
+int zelSwpReceiverCheck(zelSwpReceiver *receiver, const void *message, int length);
+int zelSwpReceiverAnswer(zelSwpReceiver *receiver, const void *message);
 /* Sends the answers held back. With an interval above 1, to be called after any message that was not given to
- * zelSwpReceiverAccept and before waiting for the next. */
+ * zelSwpReceiverAccept or Check and before waiting for the next. */
 int zelSwpReceiverFlush(zelSwpReceiver *receiver);
 int zelSwpReceiverGetStats(const zelSwpReceiver *receiver, zelSwpReceiverStats *stats);
 void zelSwpReceiverDestroy(zelSwpReceiver *receiver);

@@ -124,9 +124,11 @@ bool readLines(const std::string &path, const std::function<void(std::string_vie
 }
 
 bool readTable(const std::string &path, TableFile &table) {
+    unsigned long number = 0;
     return readLines(path, [&](std::string_view line) {
-        if (line.empty() || line.front() == '#') return;
-        if (!parseRow(line, table)) ++table.unreadable;
+        ++number;
+        if (line.empty() || line.front() == '#' || parseRow(line, table)) return;
+        if (table.unreadable++ == 0) table.firstUnreadable = number;
     });
 }
 

@@ -32,9 +32,10 @@ struct Row {
 struct TableFile {
     std::vector<Row> rows;
     std::vector<std::uint8_t> store;
-    unsigned long unreadable = 0;      // lines that are no route
-    unsigned long communitiesCut = 0;  // communities that found no room in a TLV area
-    unsigned long routesCut = 0;       // routes they belong to
+    unsigned long unreadable = 0;       // lines that are no route
+    unsigned long firstUnreadable = 0;  // the number of the first of them
+    unsigned long communitiesCut = 0;   // communities that found no room in a TLV area
+    unsigned long routesCut = 0;        // routes they belong to
 };
 
 // Appends the rows of a table or recording; the form shows in each line. False when the file cannot be read.

@@ -45,6 +45,7 @@ public:
 
 private:
     bool read();
+    double secondsOfSources();
     bool open();
     bool awaitManager(pid_t otherThan);
     bool awaitRoutes();
@@ -60,7 +61,6 @@ private:
     TableFile table_;
     zelIpcAddr address_{};
     std::uint32_t handle_ = 0;
-    double begin_ = 0;
     double recovery_ = 0;
 };
 
@@ -73,8 +73,25 @@ int Demo::fail(const char *why) {
 }
 
 bool Demo::read() {
-    printf("Reading %s ...\n", options_.table.c_str());
-    return readTable(options_.table, table_) && !table_.rows.empty();
+    const char *name = options_.table.c_str();
+    printf("Reading %s ...\n", name);
+    if (!readTable(options_.table, table_)) {
+        fprintf(stderr, "zeldemo: %s cannot be read\n", name);
+        return false;
+    }
+    if (table_.unreadable > 0)
+        fprintf(stderr, "zeldemo: %s: %lu lines are no routes, the first of them is line %lu\n", name,
+                table_.unreadable, table_.firstUnreadable);
+    if (table_.rows.empty()) fprintf(stderr, "zeldemo: %s holds no route\n", name);
+    return !table_.rows.empty();
+}
+
+// As the slowest of them measured: from its first route to its last acknowledgement.
+double Demo::secondsOfSources() {
+    double seconds = 0;
+    for (const Report &report : cpu_.reports())
+        if (const auto own = report.find("seconds"); own != report.end()) seconds = std::max(seconds, own->second);
+    return seconds;
 }
 
 bool Demo::open() {
@@ -135,7 +152,7 @@ bool Demo::awaitRoutes() {
         taskDelay(pollTicks);
     }
     if (zelRtmGetCounters(&address_, counters) != 0) return false;
-    progress.finish(counters[ZEL_RTM_COUNT_ADDS]);
+    progress.finish(counters[ZEL_RTM_COUNT_ADDS], secondsOfSources());
     return true;
 }
 
@@ -196,11 +213,8 @@ void Demo::sumUp(const Expected &expected) {
     std::uint64_t counters[ZEL_RTM_COUNTERS] = {};
     zelRtmGetCounters(&address_, counters);
     Report sum;
-    double seconds = 0;
-    for (const Report &report : cpu_.reports()) {
+    for (const Report &report : cpu_.reports())
         for (const auto &[name, value] : report) sum[name] += value;
-        seconds = std::max(seconds, report.count("seconds") ? report.at("seconds") : 0);
-    }
     const auto line = [](const char *name, double value) {
         printf("  %-20s %14s\n", name, grouped(static_cast<std::uint64_t>(value)).c_str());
     };
@@ -213,13 +227,12 @@ void Demo::sumUp(const Expected &expected) {
     line("retransmissions", sum["retransmitted"]);
     line("drops", static_cast<double>(counters[ZEL_RTM_COUNT_DROPPED_BY_HOST]));
     if (options_.kills) line("recoveries", sum["recoveries"]);
-    printf("  %-20s %14.2f\n", "seconds", seconds);
+    printf("  %-20s %14.3f\n", "seconds", secondsOfSources());
     if (table_.communitiesCut > 0) line("communities left out", static_cast<double>(table_.communitiesCut));
 }
 
 int Demo::run() {
-    begin_ = monotonicSeconds();
-    if (!read()) return fail("the table cannot be read");
+    if (!read()) return 1;
     const Expected expected(table_);
     printf("%s rows, %s distinct prefixes.\n", grouped(table_.rows.size()).c_str(),
            grouped(expected.prefixes()).c_str());

@@ -24,11 +24,9 @@ std::string grouped(std::uint64_t number) {
 Progress::Progress(std::uint64_t total)
     : total_(std::max<std::uint64_t>(total, 1)), isTerminal_(isatty(STDOUT_FILENO)) {}
 
-void Progress::draw(std::uint64_t done) {
-    const double elapsed = zel::programs::monotonicSeconds() - begin_;
+void Progress::draw(std::uint64_t done, std::uint64_t counted, double elapsed) {
     const std::uint64_t shown = std::min(done, total_);
-    const auto rate =
-        elapsed > 0 ? static_cast<std::uint64_t>(static_cast<double>(done - std::min(first_, done)) / elapsed) : 0;
+    const auto rate = elapsed > 0 ? static_cast<std::uint64_t>(static_cast<double>(counted) / elapsed) : 0;
     const auto percent = static_cast<unsigned>(shown * 100 / total_);
     if (!isTerminal_) {
         printf("%3u %%  %s of %s routes  %s routes/s\n", percent, grouped(shown).c_str(), grouped(total_).c_str(),
@@ -53,12 +51,11 @@ void Progress::show(std::uint64_t done) {
     }
     if (!isTerminal_ && now - lastShown_ < secondsBetweenLines) return;
     lastShown_ = now;
-    draw(done);
+    draw(done, done - std::min(first_, done), now - begin_);
 }
 
-void Progress::finish(std::uint64_t done) {
-    if (begin_ == 0) begin_ = zel::programs::monotonicSeconds();
-    draw(done);
+void Progress::finish(std::uint64_t done, double seconds) {
+    draw(done, total_, seconds);
     if (isTerminal_) printf("\n");
 }
 

@@ -13,12 +13,13 @@ class Progress {
 public:
     explicit Progress(std::uint64_t total);
     void show(std::uint64_t done);
-    void finish(std::uint64_t done);
+    // The last drawing; `seconds` is what the whole took.
+    void finish(std::uint64_t done, double seconds);
     // Something to say between two drawings.
     void note(const std::string &text);
 
 private:
-    void draw(std::uint64_t done);
+    void draw(std::uint64_t done, std::uint64_t counted, double elapsed);
 
     std::uint64_t total_;
     bool isTerminal_;

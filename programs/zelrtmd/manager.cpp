@@ -91,8 +91,9 @@ void Manager::dispatch(std::uint8_t *message, int length) {
         zelSwpReceiverFlush(receiver_);
         return;
     }
-    if (zelSwpReceiverAccept(receiver_, message, length) != ZEL_SWP_MATCHED) return;
+    if (zelSwpReceiverCheck(receiver_, message, length) != ZEL_SWP_MATCHED) return;
     takeQueued(type, message, length);
+    zelSwpReceiverAnswer(receiver_, message);
     if (tablesChanged_ && !pollers_.empty()) tellPollers();
     tablesChanged_ = false;
 }
