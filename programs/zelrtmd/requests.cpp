@@ -147,6 +147,7 @@ void Manager::clear(std::uint32_t vrf) {
     tablesChanged_ = true;
 }
 
+// The rules are kept and answered for; a target reads what they select with table dumps and polls.
 Status Manager::redistribute(const zelRtmRequest &request, Client &client) {
     const std::pair<int, std::uint32_t> rule{request.family, request.value};
     if (request.option == ZEL_RTM_REDIST_ACCEPT) {
