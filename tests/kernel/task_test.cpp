@@ -225,7 +225,7 @@ TEST_F(Task, AThreadThatCannotBeCreatedLeavesTheControlBlockInactive) {
     zelTcb tcb;
     ASSERT_EQ(init(tcb, [] {}), ZEL_OK);
     // More stack than there are addresses.
-    ASSERT_EQ(pthread_attr_setstacksize(&tcb.attr, SIZE_MAX / 4 & ~size_t{0xffff}), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&tcb.attr, SIZE_MAX / 8 * 7 & ~size_t{0xffff}), 0);
     EXPECT_FAILS_WITH(ZEL_ERR_NOT_ENOUGH_MEMORY, taskActivate(tcb.id));
     EXPECT_EQ(tcb.state, ZEL_TASK_NOT_ACTIVATED);
     ASSERT_EQ(pthread_attr_setstacksize(&tcb.attr, 1 << 20), 0);
