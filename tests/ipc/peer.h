@@ -23,10 +23,13 @@ namespace zel::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-inline sockaddr_in addressOf(std::uint32_t address, int port) {
+constexpr std::uint32_t rtm = 76 << 7;  // keys of the endpoints that the tests open
+constexpr std::uint32_t bgp = 61 << 7;
+
+inline sockaddr_in ownAddress(std::uint32_t port) {
     sockaddr_in result{};
     result.sin_family = AF_INET;
-    result.sin_addr.s_addr = htonl(address);
+    result.sin_addr.s_addr = htonl(zelPlatformIpcAddress());
     result.sin_port = htons(static_cast<std::uint16_t>(port));
     return result;
 }
@@ -34,9 +37,8 @@ inline sockaddr_in addressOf(std::uint32_t address, int port) {
 // A socket on this CPU's address.
 class Peer {
 public:
-    explicit Peer(std::uint32_t port, std::uint32_t address = zelPlatformIpcAddress())
-        : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        const sockaddr_in local = addressOf(address, static_cast<int>(port));
+    explicit Peer(std::uint32_t port) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        const sockaddr_in local = ownAddress(port);
         isBound_ = bind(fd_, reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0;
     }
     ~Peer() { close(fd_); }
@@ -45,7 +47,7 @@ public:
 
     bool isBound() const { return isBound_; }
     void send(const Bytes &bytes, std::uint32_t port) const {
-        const sockaddr_in to = addressOf(zelPlatformIpcAddress(), static_cast<int>(port));
+        const sockaddr_in to = ownAddress(port);
         sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
     }
     // The next datagram; empty when none comes.
@@ -139,11 +141,5 @@ private:
     std::atomic<bool> isDone_{false};
     std::atomic<int> result_{0};
 };
-
-inline int openDescriptors() {
-    int count = 0;
-    for (int fd = 0; fd < 1024; ++fd) count += fcntl(fd, F_GETFD) != -1 ? 1 : 0;
-    return count;
-}
 
 }  // namespace zel::test

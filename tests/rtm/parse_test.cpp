@@ -1,6 +1,7 @@
 // The manager's parsers: they give back what the client wrote, and believe no count that the bytes do not bear out.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -20,27 +21,26 @@ constexpr std::uint32_t handle = 9;
 zelRtmRoute randomRoute(Random &random, int family, std::vector<std::uint8_t> &tlv) {
     zelRtmRoute route{};
     const unsigned size = family == 2 ? 16 : 4;
-    const auto byte = [&] { return static_cast<std::uint8_t>(random()); };
-    for (unsigned i = 0; i < size; ++i) {
-        route.prefix[i] = byte();
-        route.mask[i] = byte();
-    }
+    const auto fill = [&](std::uint8_t *bytes, std::size_t count) {
+        std::generate_n(bytes, count, [&] { return static_cast<std::uint8_t>(random()); });
+    };
+    fill(route.prefix, size);
+    fill(route.mask, size);
     route.vrfId = random();
-    route.protocol = byte();
-    route.distance = byte();
+    route.protocol = static_cast<std::uint8_t>(random());
     route.flags = static_cast<std::uint16_t>(random());
     route.metric = random();
     route.tag = random();
-    for (auto &opaque : route.opaque) opaque = byte();
+    fill(route.opaque, sizeof route.opaque);
     route.nNextHops = static_cast<std::uint16_t>(random() % 10 == 0 ? random() % 65 : random() % 3);
     for (unsigned hop = 0; hop < route.nNextHops; ++hop) {
-        for (unsigned i = 0; i < size; ++i) route.hop[hop].addr[i] = byte();
+        fill(route.hop[hop].addr, size);
         route.hop[hop].ifIndex = random();
         route.hop[hop].vrfId = route.vrfId;
-        for (unsigned i = 0; i < (family == 2 ? 4u : 8u); ++i) route.hop[hop].rest[i] = byte();
+        fill(route.hop[hop].rest, family == 2 ? 4 : 8);
     }
     tlv.resize(random() % 4 == 0 ? random() % (ZEL_RTM_MAX_TLV + 1) : 0);
-    for (auto &value : tlv) value = byte();
+    fill(tlv.data(), tlv.size());
     route.tlvLen = static_cast<std::uint16_t>(tlv.size());
     route.tlv = tlv.empty() ? nullptr : tlv.data();
     return route;
@@ -113,15 +113,33 @@ TEST(Records, comeBackAsTheyWereWritten) {
     }
 }
 
-TEST(Batches, areMalformedAtEveryOtherLength) {
+TEST(Batches, mustBeOfOneMindAboutLengthTypeFamilyAndHandle) {
     Random random = seeded();
     for (int family = 0; family <= 2; ++family) {
-        const Bytes batch = makeBatch(random, family, 5);
-        EXPECT_EQ(readAll(batch, batch.size()), 5);
+        const Bytes batch = makeBatch(random, family, 2);
+        EXPECT_EQ(readAll(batch, batch.size()), 2);
         for (std::size_t length = 0; length < batch.size(); ++length) ASSERT_EQ(readAll(batch, length), -1) << length;
         Bytes longer = batch;
         longer.push_back(0);
         EXPECT_EQ(readAll(longer, longer.size()), -1);
+        const struct {
+            const char *what;
+            unsigned at;
+            int value;
+        } rows[] = {
+            {"magic", 0, 0},
+            {"unicast type and multicast family, or the reverse", 15, family == 1 ? 4 : 5},
+            {"no family", 145, 3},
+            {"two handles", 139, handle + 1},
+            {"a route too few", 143, 1},
+            {"a route too many", 143, 3},
+            {"no operation", firstRecord + 3, 7},
+        };
+        for (const auto &row : rows) {
+            Bytes bad = batch;
+            bad[row.at] = static_cast<std::uint8_t>(row.value);
+            EXPECT_EQ(readAll(bad, bad.size()), -1) << row.what;
+        }
     }
 }
 
@@ -136,30 +154,11 @@ TEST(Batches, areNeverReadBeyondTheirEndWhateverTheirBytes) {
     }
 }
 
-TEST(Batches, mustBeOfOneMindAboutTypeFamilyAndHandle) {
-    Random random = seeded();
-    const Bytes good = makeBatch(random, 0, 2);
-    const auto isRefused = [&](unsigned at, std::uint8_t value) {
-        Bytes bad = good;
-        bad[at] = value;
-        return readAll(bad, bad.size()) == -1;
-    };
-    EXPECT_TRUE(isRefused(0, 0));                // magic
-    EXPECT_TRUE(isRefused(15, 5));               // multicast type, unicast family
-    EXPECT_TRUE(isRefused(145, 1));              // the reverse
-    EXPECT_TRUE(isRefused(145, 3));              // no family
-    EXPECT_TRUE(isRefused(139, 10));             // two handles
-    EXPECT_TRUE(isRefused(143, 1));              // a route too few
-    EXPECT_TRUE(isRefused(143, 3));              // a route too many
-    EXPECT_TRUE(isRefused(firstRecord + 3, 7));  // no operation
-}
-
 TEST(Queries, carryAQuestionThereAndAnAnswerBack) {
     Random random = seeded();
     for (int family = 0; family <= 2; ++family) {
         std::uint8_t query[ZEL_RTM_QUERY_LENGTH];
         const std::uint8_t address[16] = {10, 20, 30, 40, 50, 60, 70, 80};
-        EXPECT_EQ(zelRtmBuildQuery(query, 3, family, address, 8), 1);
         EXPECT_EQ(zelRtmBuildQuery(query, ZEL_RTM_MATCH_EXACT, family, address, family == 2 ? 129 : 33), 1);
         ASSERT_EQ(zelRtmBuildQuery(query, ZEL_RTM_MATCH_EXACT, family, address, 24), 0);
 
@@ -175,8 +174,7 @@ TEST(Queries, carryAQuestionThereAndAnAnswerBack) {
         EXPECT_EQ(read.bits, 24u);
         EXPECT_EQ(memcmp(read.address, address, family == 2 ? 16 : 4), 0);
 
-        std::vector<std::uint8_t> tlv(ZEL_RTM_MAX_TLV, 0xab);
-        std::vector<std::uint8_t> unused;
+        std::vector<std::uint8_t> tlv(ZEL_RTM_MAX_TLV, 0xab), unused;
         zelRtmRoute found = randomRoute(random, family, unused);
         found.nNextHops = ZEL_RTM_MAX_NEXT_HOPS;
         found.tlv = tlv.data();

@@ -42,7 +42,6 @@ protected:
 TEST_F(Requests, registrationStoresTheHandleOnlyWhenItIsAccepted) {
     answers(7, 55);
     EXPECT_EQ(registerUs(), 1);
-    EXPECT_EQ(handle, 1234u);
     answers(0, 55, 60);  // no room for a handle
     EXPECT_EQ(registerUs(), 1);
     EXPECT_EQ(handle, 1234u);
@@ -62,14 +61,11 @@ TEST_F(Requests, whatCannotBeSentIsNotSent) {
     EXPECT_TRUE(network.sent.empty());
 }
 
-TEST_F(Requests, silenceFailsAfterTheWait) {
+TEST_F(Requests, silenceAndAStatusFail) {
     EXPECT_EQ(zelRtmDeregister(1, &ipc), 1);
     EXPECT_NEAR(network.seconds(), 25, 1);
-}
-
-TEST_F(Requests, aStatusFailsClearsAndRedistribution) {
     const std::uint32_t value = 1;
-    for (std::uint32_t status : {0u, 4u}) {
+    for (const std::uint32_t status : {0u, 4u}) {
         answers(status, 1);
         EXPECT_EQ(zelRtmFibClear(1, 0, &ipc), status ? 1 : 0);
         EXPECT_EQ(zelRtmRedistTgtClientMsg_opts(1, 2, &ipc, &value), status ? 1 : 0);
@@ -79,15 +75,13 @@ TEST_F(Requests, aStatusFailsClearsAndRedistribution) {
 
 TEST(Helpers, knowAddressesOfBothFamilies) {
     char text[64];
-    const std::uint8_t ten[16] = {10, 0, 255, 1}, six[16] = {0x20, 1, 0xd, 0xb8};
-    EXPECT_STREQ(rtm_inet_ntop4(ten, text, sizeof text), "10.0.255.1");
+    const std::uint8_t six[16] = {0x20, 1, 0xd, 0xb8}, zero[16] = {}, behindFour[16] = {0, 0, 0, 0, 1};
     EXPECT_STREQ(rtm_inet_ntop(2, six, text, sizeof text), "2001:db8::");
     EXPECT_STREQ(rtm_inet_ntop(1, six, text, sizeof text), "32.1.13.184");
-    const std::uint8_t zero[16] = {}, behindFour[16] = {0, 0, 0, 0, 1};
     EXPECT_TRUE(rtmAF_IsAddrZero(0, behindFour));
     EXPECT_TRUE(rtmAF_IsAddrNonZero(2, behindFour));
     EXPECT_TRUE(rtmAF_IsDefaultRoute(2, zero, zero));
-    EXPECT_FALSE(rtmAF_IsDefaultRoute(0, zero, ten));
+    EXPECT_FALSE(rtmAF_IsDefaultRoute(0, zero, six));
     std::uint8_t ones[16];
     memset(ones, 0xff, sizeof ones);
     EXPECT_TRUE(rtmAF_IsAddrAllOnes(2, ones));
@@ -97,18 +91,13 @@ TEST(Helpers, knowAddressesOfBothFamilies) {
     EXPECT_EQ(rtm_mask2plen(0, ones), 32);
     const std::uint8_t holed[4] = {0xff, 0x80, 0xff, 0};
     EXPECT_EQ(rtm_mask2plen(0, holed), 9);
-}
-
-TEST(Helpers, givesEveryRedirectionTargetItsOwnIndex) {
+    // Redirection targets share one array.
     EXPECT_EQ(rtmIpRedirGetArrayIndex(ZEL_RTM_REDIR_VLAN, 4096), 4096);
     EXPECT_EQ(rtmIpRedirGetArrayIndex(ZEL_RTM_REDIR_LAG, 0), 4097);
-    EXPECT_EQ(rtmIpRedirGetArrayIndex(ZEL_RTM_REDIR_SLOT, 0), 4097 + 130);
+    EXPECT_EQ(rtmIpRedirGetArrayIndex(ZEL_RTM_REDIR_SLOT, 13), 4097 + 130 + 13);
     EXPECT_EQ(rtmIpRedirGetArrayIndex(ZEL_RTM_REDIR_VLAN, 4097), -1);
-    EXPECT_EQ(lastAssertion(), "vlanId <= RTM_MAX_VLANS");
     EXPECT_EQ(rtmIpRedirGetArrayIndex(ZEL_RTM_REDIR_LAG, 130), -1);
-    EXPECT_EQ(lastAssertion(), "lagId <= RTM_MAX_LAGS");
     EXPECT_EQ(rtmIpRedirGetArrayIndex(ZEL_RTM_REDIR_SLOT, 14), -1);
-    EXPECT_EQ(lastAssertion(), "slot < RTM_MAX_LINECARDS");
 }
 
 }  // namespace
