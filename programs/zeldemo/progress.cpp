@@ -60,7 +60,7 @@ void Progress::finish(std::uint64_t done, double seconds) {
 }
 
 void Progress::note(const std::string &text) {
-    printf("%s%s\n", isTerminal_ ? "\n" : "", text.c_str());
+    printf("%s%s\n", isTerminal_ && begin_ > 0 ? "\n" : "", text.c_str());
     begin_ = 0;
 }
 

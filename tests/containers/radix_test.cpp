@@ -158,7 +158,7 @@ protected:
 };
 
 TEST_P(RandomTree, agreesWithTheOracle) {
-    const int steps = (isFullRun() ? 200000 : 20000) / (maxbits > 128 ? 8 : 1);
+    const int steps = (isFullRun() ? 60000 : 20000) / (maxbits > 128 ? 8 : 1);
     for (int step = 0; step < steps; ++step) {
         // Long phases of growth and decay; now and then removals only mark, as they do for readers of versions.
         const bool grows = (step / 1500) % 2 == 0;
