@@ -26,8 +26,6 @@
 #include "platform/quick_mutex.h"
 #include "platform/seam.h"
 
-using zel::LockRank;
-using zel::Mutex;
 using zel::kernel::WaitList;
 
 // A message's length stands in front of its bytes, unaligned.

@@ -50,7 +50,7 @@ constexpr std::size_t bytesOfClass(std::size_t sizeClass) {
 
 constexpr std::size_t classOf(std::size_t bytes) {
     if (bytes <= smallestBlock) return 0;
-    const auto doubling = static_cast<std::size_t>(std::bit_width((bytes - 1) / smallestBlock)) - 1;
+    const auto doubling = static_cast<std::size_t>(std::bit_width((bytes - 1) / smallestBlock / 2));
     const std::size_t base = smallestBlock << doubling, quarter = base / classesPerDoubling;
     return doubling * classesPerDoubling + (bytes - base + quarter - 1) / quarter;
 }
