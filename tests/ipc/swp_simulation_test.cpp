@@ -124,12 +124,6 @@ TEST_P(SwpSimulation, AllDeliveredInOrderOnce) {
         EXPECT_EQ(status.sent, total);
         EXPECT_EQ(status.memory, 0u);
         EXPECT_EQ(stream.stats().accepted, total);
-        printf("lost %llu of %llu; resent %llu: %llu passes of the timer, %llu fast\n",
-               static_cast<unsigned long long>(world.network.lost()),
-               static_cast<unsigned long long>(world.network.lost() + world.network.carried()),
-               static_cast<unsigned long long>(status.retransmitted),
-               static_cast<unsigned long long>(status.retransmissionPasses),
-               static_cast<unsigned long long>(status.fastResends));
         // Every loss costs at most a flight, and what is only overtaken is not resent again and again.
         const auto flights = world.network.lost() + world.network.carried() / 10 + 10;
         EXPECT_LT(status.retransmitted, flights * static_cast<uint64_t>(given.window));

@@ -2,14 +2,12 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sched.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -112,15 +110,8 @@ private:
     std::vector<Message> buffers_;
 };
 
-bool isBound(int port) {
-    const int probe = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_port = htons(static_cast<uint16_t>(port));
-    name.sin_addr.s_addr = htonl(zel_sysGetIpAddr());
-    const bool isTaken = bind(probe, reinterpret_cast<sockaddr *>(&name), sizeof name) != 0;
-    close(probe);
-    return isTaken;
+bool isOpen(int service) {
+    return zelTaskIsDuplicate(service, 0, nullptr) == 1;
 }
 
 class SwpStream : public testing::TestWithParam<uint32_t> {};
@@ -128,7 +119,7 @@ class SwpStream : public testing::TestWithParam<uint32_t> {};
 TEST_P(SwpStream, BetweenTwoProcesses) {
     const uint32_t total = isFullRun() ? 1'000'000 : 20'000;
     Child receiver = Child::start("swpReceive", {std::to_string(total), std::to_string(GetParam())});
-    ASSERT_TRUE(eventually(30, [] { return isBound(static_cast<int>(zel_getQueueId(76, 0, 1))); }));
+    ASSERT_TRUE(eventually(30, [] { return isOpen(76); }));
     Sender sender;
     ASSERT_TRUE(sender.send(total));
     sender.sayItIsOver();
@@ -137,7 +128,6 @@ TEST_P(SwpStream, BetweenTwoProcesses) {
     EXPECT_EQ(zelSwpGetQueueStatus(sender.queue, &status), 0);
     EXPECT_EQ(status.acknowledged, total);
     EXPECT_EQ(status.refusedAcks, 0u);
-    zelSwpPrintq(sender.queue);
 }
 
 INSTANTIATE_TEST_SUITE_P(AckEvery, SwpStream, testing::Values(1u, 4u));
@@ -168,7 +158,7 @@ TEST(SwpThreads, ManyUseOneQueue) {
                     continue;
                 }
                 free(message);
-                sched_yield();
+                std::this_thread::yield();
             }
         });
     threads.emplace_back([&] {
@@ -186,8 +176,7 @@ TEST(SwpThreads, ManyUseOneQueue) {
             zelSwpStatus status{};
             zelSwpGetQueueStatus(queue, &status);
             EXPECT_LE(status.queued, capacity);
-            const timespec pause{0, 1'000'000};
-            nanosleep(&pause, nullptr);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
     while (released < total) {
@@ -209,10 +198,9 @@ TEST(SwpThreads, ManyUseOneQueue) {
 ZEL_CHILD(swpRelay) {
     const double loss = atof(argv[0]);
     std::mt19937 random(static_cast<unsigned>(atol(argv[1])));
-    const uint32_t ports[] = {zel_getQueueId(87, 0, 1), zel_getQueueId(88, 0, 1)};
     const uint32_t targets[] = {zel_getQueueId(76, 0, 1), zel_getQueueId(61, 0, 1)};
     pollfd ends[2];
-    for (int i = 0; i < 2; ++i) ends[i] = {zel_ipcSOpen(static_cast<int>(ports[i]), 17, 0), POLLIN, 0};
+    for (int i = 0; i < 2; ++i) ends[i] = {Key_getSocketFd(static_cast<uint32_t>(zelIpcOpen(87 + i, 0))), POLLIN, 0};
     for (;;) {
         if (poll(ends, 2, -1) < 0) return 2;
         for (int i = 0; i < 2; ++i) {
@@ -233,16 +221,11 @@ TEST(SwpRelay, OnePercentIsLostOnTheWay) {
     const uint32_t total = isFullRun() ? 20'000 : 200;
     const Child relay = Child::start("swpRelay", {"0.01", std::to_string(seeded()())});
     Child receiver = Child::start("swpReceive", {std::to_string(total), "1"});
-    const uint32_t data = zel_getQueueId(87, 0, 1), acks = zel_getQueueId(88, 0, 1);
-    ASSERT_TRUE(eventually(30, [&] {
-        return isBound(static_cast<int>(data)) && isBound(static_cast<int>(acks)) &&
-               isBound(static_cast<int>(zel_getQueueId(76, 0, 1)));
-    }));
-    Sender sender(data, acks);
+    ASSERT_TRUE(eventually(30, [] { return isOpen(76) && isOpen(87) && isOpen(88); }));
+    Sender sender(zel_getQueueId(87, 0, 1), zel_getQueueId(88, 0, 1));
     ASSERT_TRUE(sender.send(total));
     sender.sayItIsOver();
     EXPECT_EQ(receiver.wait(), 0);
-    zelSwpPrintq(sender.queue);
 }
 
 }  // namespace

@@ -19,17 +19,6 @@ using namespace zel::ipc::swp;
 
 // ---- Decisions ------------------------------------------------------------------------------------------------------
 
-TEST(SwpNumbers, CarryAndCompare) {
-    uint32_t high = 0, low = 0xffffffff;
-    swp64BitIncr(&high, &low);
-    EXPECT_EQ(std::tie(high, low), std::make_tuple(1u, 0u));
-    EXPECT_EQ(swp64BitCmp(0, 7, 0, 8), 1);
-    EXPECT_EQ(swp64BitCmp(0, 8, 0, 7), 2);
-    EXPECT_EQ(swp64BitCmp(3, 9, 3, 9), 0);
-    EXPECT_EQ(swp64BitCmp(1, 0, 0, 0xffffffff), 2);
-    EXPECT_EQ(swp64BitCmp(0, 0xffffffff, 1, 0), 1);
-}
-
 TEST(SwpNumbers, ReceiverChecksSequence) {
     struct {
         zelSwpSeq expected;
@@ -56,9 +45,6 @@ TEST(SwpNumbers, ReceiverChecksSequence) {
         EXPECT_EQ(expectedOverLink.low, row.after.low);
         EXPECT_EQ(zelSwpCkSeqNo(message, &expected, 123), 4);
     }
-    zelSwpSeq expected{};
-    EXPECT_EQ(zelSwpCkSeqNo(nullptr, &expected, 124), 4);
-    EXPECT_EQ(zelSwpCkSeqNo("", nullptr, 124), 4);
 }
 
 TEST(SwpNumbers, AcknowledgementsAreJudged) {
@@ -87,10 +73,7 @@ TEST(SwpNumbers, AcknowledgementsAreJudged) {
         {"nothing received, in a flushed stream", running, {0, 4, 0, stream - 1}, AckVerdict::otherStream},
         {"message 0 is missing", fresh, {0, 4, 0, stream}, AckVerdict::gap},
         {"receiver restarted", running, {0, 4, 0, stream}, AckVerdict::receiverLost},
-        {"receiver restarted, by a receiver that does not say what it answers",
-         running,
-         {0, 4, 0, 0},
-         AckVerdict::receiverLost},
+        {"the same, not saying what it answers", running, {0, 4, 0, 0}, AckVerdict::receiverLost},
         {"answer from before message 0 arrived", running, {0, 4, 0, stream, true}, AckVerdict::older},
     };
     for (const auto &row : rows) EXPECT_EQ(judge(row.window, stream, row.ack), row.verdict) << row.what;
@@ -115,46 +98,35 @@ TEST(SwpNumbers, StreamsAreToldApart) {
     EXPECT_EQ(classify(known, 0, 0), Arrival::begins) << "a sender without stream numbers restarts with message 0";
 }
 
-TEST(SwpNumbers, IntervalIsComparedWithTheClock) {
-    constexpr uint64_t s = 1'000'000'000;
-    EXPECT_EQ(secondsLeft(10 * s, 10 * s, 3), 3u);
-    EXPECT_EQ(secondsLeft(10 * s + s / 2, 10 * s, 3), 3u);
-    EXPECT_EQ(secondsLeft(13 * s - 1, 10 * s, 3), 1u);
-    EXPECT_EQ(secondsLeft(13 * s, 10 * s, 3), 0u);
-}
+// ---- Queues -------------------------------------------------------------------------------------------------------
 
-// ---- Creation -------------------------------------------------------------------------------------------------------
-
-TEST(SwpQueue, CreationRefusesWhatCannotWork) {
+class SwpQueue : public testing::Test {
+protected:
     World world;
-    uint32_t queue = 0;
-    EXPECT_EQ(zelSwpQueueCreate(61, 0, 76, 0, 0, 0, 0, 5, World::note, &queue), 4);
-    EXPECT_EQ(zelSwpQueueCreate(61, 0, 76, 0, 0, 0, 1, 0, World::note, &queue), 4);
-    EXPECT_EQ(zelSwpQueueCreate(61, 0, 76, 0, 0, 0, 1, static_cast<uint8_t>(256), World::note, &queue), 4);
-    EXPECT_EQ(zelSwpQueueCreate(61, 0, 76, 0, 0, 0, 1, 5, nullptr, &queue), 4);
-    EXPECT_EQ(zelSwpQueueCreate(61, 0, 77, 0, 0, 0, 1, 5, World::note, &queue), 4) << "a peer that never comes up";
-    ASSERT_EQ(zelSwpQueueCreate(61, 0, 76, 0, 0, 0, 1, 5, World::note, &queue), 0);
-    EXPECT_EQ(queue, 1u) << "a failed creation gives its block back";
-    const zelSwpStatus status = statusOf(queue);
-    EXPECT_EQ(status.window, 8u);
-    EXPECT_EQ(status.capacity, 64u);
-    EXPECT_EQ(status.maxMemory, 52428800u);
-    EXPECT_EQ(status.budget, 5u);
-    EXPECT_STREQ(status.senderName, "BGP0");
-    EXPECT_STREQ(status.receiverName, "RTM0");
-}
+};
 
-TEST(SwpQueue, NineHundredAndNoMore) {
-    World world;
-    std::vector<uint32_t> queues(900);
-    for (auto &queue : queues) ASSERT_EQ(zelSwpQueueCreate(61, 0, 76, 0, 1, 1, 1, 1, World::note, &queue), 0);
-    EXPECT_EQ(queues.front(), 1u);
-    EXPECT_EQ(queues.back(), 900u);
+TEST_F(SwpQueue, NineHundredAndNoMore) {
     uint32_t queue = 0;
-    EXPECT_EQ(zelSwpQueueCreate(61, 0, 76, 0, 1, 1, 1, 1, World::note, &queue), 4);
+    const auto create = [&](uint32_t seconds, int budget, zelSwpUserCb callback, int peer = 76) {
+        return zelSwpQueueCreate(61, 0, peer, 0, 0, 0, seconds, static_cast<uint8_t>(budget), callback, &queue);
+    };
+    EXPECT_EQ(create(0, 5, World::note), 4);
+    EXPECT_EQ(create(1, 0, World::note), 4);
+    EXPECT_EQ(create(1, 256, World::note), 4);
+    EXPECT_EQ(create(1, 5, nullptr), 4);
+    EXPECT_EQ(create(1, 5, World::note, 77), 4) << "a peer that never comes up";
+    for (uint32_t i = 1; i <= 900; ++i) {
+        ASSERT_EQ(create(1, 5, World::note), 0);
+        ASSERT_EQ(queue, i) << "a failed creation gives its block back";
+    }
+    EXPECT_EQ(create(1, 5, World::note), 4);
+    EXPECT_EQ(statusOf(1).window, 8u);
+    EXPECT_EQ(statusOf(1).capacity, 64u);
+    EXPECT_EQ(statusOf(1).maxMemory, 52428800u);
+    EXPECT_STREQ(statusOf(1).receiverName, "RTM0");
     EXPECT_EQ(zelSwpQueueRemove(450), 0);
     EXPECT_EQ(zelSwpQueueRemove(450), 4);
-    ASSERT_EQ(zelSwpQueueCreate(61, 0, 76, 0, 1, 1, 1, 1, World::note, &queue), 0);
+    ASSERT_EQ(create(1, 5, World::note), 0);
     EXPECT_EQ(queue, 450u);
 }
 
@@ -166,8 +138,7 @@ ZEL_CHILD(swpHoldQueues) {
     for (;;) pause();
 }
 
-TEST(SwpQueue, OtherProcessesMayOnlyLook) {
-    World world;
+TEST_F(SwpQueue, OtherProcessesMayOnlyLook) {
     ASSERT_EQ(world.create(8), 1u);
     const Child child = Child::start("swpHoldQueues");
     ASSERT_TRUE(eventually(20, [] { return zelSwpIsQueueAlive(4) == 1; }));
@@ -187,8 +158,7 @@ TEST(SwpQueue, OtherProcessesMayOnlyLook) {
 
 // ---- Enqueue and acknowledge ----------------------------------------------------------------------------------------
 
-TEST(SwpQueue, NumbersAndBuffersThatAreNone) {
-    World world;
+TEST_F(SwpQueue, NumbersAndBuffersThatAreNone) {
     const uint32_t queue = world.create(8);
     uint8_t message[124] = {};
     void *got = message;
@@ -211,13 +181,9 @@ TEST(SwpQueue, NumbersAndBuffersThatAreNone) {
     EXPECT_EQ(zelSwpDequeue(queue, &got), 15) << "empty";
     EXPECT_EQ(zelSwpEnqueue(queue, message, 124), 0);
     EXPECT_EQ(zelSwpDequeue(queue, &got), 15) << "not acknowledged";
-    EXPECT_STREQ(zelSwpGetErr(15), "SWP failure - queue deletion");
-    EXPECT_EQ(zelSwpGetErr(17), nullptr);
-    EXPECT_EQ(zelSwpGetErr(-1), nullptr);
 }
 
-TEST(SwpQueue, WindowLetsEightGoAndTheRestFollow) {
-    World world;
+TEST_F(SwpQueue, WindowLetsEightGoAndTheRestFollow) {
     const uint32_t queue = world.create(20);
     for (int i = 0; i < 12; ++i) ASSERT_EQ(world.enqueue(queue), 0);
     EXPECT_EQ(statusOf(queue).inFlight, 8u);
@@ -227,38 +193,42 @@ TEST(SwpQueue, WindowLetsEightGoAndTheRestFollow) {
     EXPECT_EQ(statusOf(queue).sent, 12u) << "four released, four sent";
     EXPECT_EQ(world.dequeueAll(queue), 4);
     EXPECT_EQ(zelSwpQueueGetLen(queue), 8);
-    for (size_t i = 0; i < world.sentToReceiver.size(); ++i) {
-        const uint8_t *message = world.sentToReceiver[i].data();
-        EXPECT_EQ(SwpHeader::SequenceLow::get(message + 60), i);
-        EXPECT_EQ(SwpHeader::Queue::get(message + 60), queue);
-        EXPECT_EQ(IpcHeader::Magic::get(message), IpcHeader::magic);
-        EXPECT_EQ(IpcHeader::Length::get(message), world.sentToReceiver[i].size());
-        EXPECT_EQ(IpcHeader::TargetQueue::get(message), zel_getQueueId(76, 0, 1));
-        EXPECT_EQ(IpcHeader::SourceQueue::get(message), zel_getQueueId(61, 0, 1));
-    }
+    for (size_t i = 0; i < world.sentToReceiver.size(); ++i)
+        EXPECT_EQ(SwpHeader::SequenceLow::get(world.sentToReceiver[i].data() + 60), i);
     EXPECT_EQ(zelSwpSetMwpQWinSize(queue, 0), 4);
     EXPECT_EQ(zelSwpSetMwpQWinSize(queue, 2), 0);
-    EXPECT_EQ(zelSwpGetMwpQWinSize(queue), 2);
     ASSERT_EQ(world.enqueue(queue), 0);
     EXPECT_EQ(world.acknowledge(queue, 10, 1), 0);
     EXPECT_EQ(statusOf(queue).inFlight, 2u) << "a smaller window holds back";
-    EXPECT_EQ(zelSwpSetMwpQWinSize(queue, 8), 0);
 }
 
-TEST(SwpQueue, FullByCountAndByMemory) {
-    World world;
+TEST_F(SwpQueue, FullByCountAndByMemory) {
     const uint32_t queue = world.create(3);
-    ASSERT_EQ(world.enqueue(queue), 0);
-    ASSERT_EQ(world.enqueue(queue), 0);
-    EXPECT_TRUE(world.codes.empty());
-    ASSERT_EQ(world.enqueue(queue), 0) << "the message that fills the queue is in it";
-    EXPECT_EQ(world.codes, std::vector<int>{7});
+    const auto fill = [&] {
+        for (uint32_t i = 0; i < 3; ++i) ASSERT_EQ(world.enqueue(queue), 0);
+    };
+    uint32_t acknowledged = UINT32_MAX;
+    const auto drain = [&] {
+        EXPECT_EQ(world.acknowledge(queue, acknowledged += 3, 1), 0);
+        EXPECT_EQ(world.dequeueAll(queue), 3);
+    };
+    fill();
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(SwpHeader::Link::get(world.buffer(i) + 60), i == 2 ? 0u : static_cast<uint32_t>(i) + 2)
+            << "the slot of the next message, counted from 1";
+    EXPECT_EQ(world.codes, std::vector<int>{7}) << "told by the message that fills the queue and is in it";
     EXPECT_EQ(world.enqueue(queue), 7);
     EXPECT_EQ(world.codes.size(), 1u) << "a refused message is told by the result alone";
     EXPECT_EQ(statusOf(queue).drops, 1u);
-    EXPECT_EQ(world.acknowledge(queue, 2, 1), 0);
-    world.dequeueAll(queue);
+    drain();
     EXPECT_EQ(statusOf(queue).memory, 0u);
+    for (const int passed : {0, 9, 1}) {
+        world.wait(passed);
+        fill();
+        drain();
+        EXPECT_EQ(systemErrors(0x8013), passed == 1 ? 2 : 1) << "once in ten seconds";
+    }
+    EXPECT_EQ(world.codes.size(), 4u);
 
     EXPECT_EQ(zelSwpSetMaxMemoryAllowed(queue, 2 * World::messageLength), 0);
     ASSERT_EQ(world.enqueue(queue), 0);
@@ -269,27 +239,7 @@ TEST(SwpQueue, FullByCountAndByMemory) {
     EXPECT_EQ(world.enqueue(queue), 0);
 }
 
-TEST(SwpQueue, FullIsReportedOncePerInterval) {
-    World world;
-    const uint32_t queue = world.create(1);
-    const auto fillAndDrain = [&](uint32_t sequence) {
-        EXPECT_EQ(world.enqueue(queue), 0);
-        EXPECT_EQ(world.acknowledge(queue, sequence, 1), 0);
-        EXPECT_EQ(world.dequeueAll(queue), 1);
-    };
-    for (uint32_t i = 0; i < 5; ++i) fillAndDrain(i);
-    EXPECT_EQ(world.codes.size(), 5u);
-    EXPECT_EQ(systemErrors(0x8013), 1);
-    world.pass(9);
-    fillAndDrain(5);
-    EXPECT_EQ(systemErrors(0x8013), 1);
-    world.pass(1);
-    fillAndDrain(6);
-    EXPECT_EQ(systemErrors(0x8013), 2);
-}
-
-TEST(SwpQueue, FailedSendLeavesNothingBehind) {
-    World world;
+TEST_F(SwpQueue, FailedSendLeavesNothingBehind) {
     const uint32_t queue = world.create(8);
     ASSERT_EQ(world.enqueue(queue), 0);
     world.network.failSends(1);
@@ -303,22 +253,7 @@ TEST(SwpQueue, FailedSendLeavesNothingBehind) {
     EXPECT_EQ(world.dequeueAll(queue), 2);
 }
 
-TEST(SwpQueue, ChainWordNamesTheNextSlot) {
-    World world;
-    const uint32_t queue = world.create(3);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(world.enqueue(queue), 0);
-    const auto link = [&](int i) { return SwpHeader::Link::get(world.buffer(i) + 60); };
-    EXPECT_EQ(link(0), 2u);
-    EXPECT_EQ(link(1), 3u);
-    EXPECT_EQ(link(2), 0u);
-    EXPECT_EQ(world.acknowledge(queue, 0, 1), 0);
-    EXPECT_EQ(world.dequeueAll(queue), 1);
-    ASSERT_EQ(world.enqueue(queue), 0);
-    EXPECT_EQ(link(2), 1u) << "the ring closes";
-}
-
-TEST(SwpQueue, AcknowledgementsThatAreNone) {
-    World world;
+TEST_F(SwpQueue, AcknowledgementsThatAreNone) {
     const uint32_t queue = world.create(8);
     for (int i = 0; i < 4; ++i) ASSERT_EQ(world.enqueue(queue), 0);
     auto good = world.acknowledgement(queue, 1, 1);
@@ -327,8 +262,6 @@ TEST(SwpQueue, AcknowledgementsThatAreNone) {
         EXPECT_EQ(zelSwpProcAck(Simulation::Bytes(good.begin(), good.begin() + static_cast<long>(length)).data(),
                                 static_cast<int>(length), &named),
                   4);
-    EXPECT_EQ(zelSwpProcAck(good.data(), -1, &named), 4);
-    EXPECT_EQ(zelSwpProcAck(nullptr, 124, &named), 4);
     const auto changed = [&](auto field, size_t at, uint32_t value) {
         auto ack = good;
         decltype(field)::set(ack.data() + at, value);
@@ -353,28 +286,9 @@ TEST(SwpQueue, AcknowledgementsThatAreNone) {
     EXPECT_EQ(world.dequeueAll(queue), 0);
 }
 
-TEST(SwpQueue, GapIsResentOncePerFlight) {
-    World world;
-    const uint32_t queue = world.create(64);
-    for (int i = 0; i < 10; ++i) ASSERT_EQ(world.enqueue(queue), 0);
-    ASSERT_EQ(world.acknowledge(queue, 1, 1), 0);  // 2..9 in flight
-    const size_t before = world.sentToReceiver.size();
-    EXPECT_EQ(world.acknowledge(queue, 1, 2), 0);
-    EXPECT_EQ(world.sentToReceiver.size(), before) << "a duplicate's answer resends nothing";
-    for (int i = 0; i < 7; ++i) EXPECT_EQ(world.acknowledge(queue, 1, 4), 0);
-    EXPECT_EQ(world.sentToReceiver.size(), before + 8);
-    EXPECT_EQ(statusOf(queue).fastResends, 1u);
-    EXPECT_EQ(statusOf(queue).budget, 5u) << "costs no budget";
-    EXPECT_EQ(world.acknowledge(queue, 9, 1), 0);
-    ASSERT_EQ(world.enqueue(queue), 0);
-    EXPECT_EQ(world.acknowledge(queue, 9, 4), 0);
-    EXPECT_EQ(statusOf(queue).fastResends, 2u) << "the flight was acknowledged: a new gap counts again";
-}
-
 // ---- Time-outs ------------------------------------------------------------------------------------------------------
 
-TEST(SwpQueue, TimerResendsTheHeadThenTheFlight) {
-    World world;
+TEST_F(SwpQueue, TimerResendsTheHeadThenTheFlight) {
     const uint32_t queue = world.create(64, 3);
     for (int i = 0; i < 4; ++i) ASSERT_EQ(world.enqueue(queue), 0);
     EXPECT_EQ(world.sentWithin(2), 0u) << "the interval is three seconds";
@@ -388,34 +302,36 @@ TEST(SwpQueue, TimerResendsTheHeadThenTheFlight) {
     EXPECT_EQ(world.sentWithin(20), 0u) << "nothing unacknowledged, nothing resent";
 }
 
-TEST(SwpQueue, EarlyTimerOnlyRearms) {
-    World world;
-    const uint32_t queue = world.create(64, 1);
-    world.wait(0.9);  // the service task's second ends in 0.1 s
+// The timer fires on the seconds of its task, and sends nothing before the interval has passed.
+TEST_F(SwpQueue, EarlyTimerOnlyRearms) {
+    const auto routine = [](uint32_t which) { swpRetrans(which, 1); };
+    uint32_t queue = 0;
+    ASSERT_EQ(zelMwpQueueCreate_p(61, 0, 76, 0, 8, 8, 1, 5, World::note, 1, routine, &queue), 0);
+    const uint32_t other = world.create(64, 1);
+    world.wait(0.9);
+    ASSERT_EQ(world.enqueue(other), 0);
+    EXPECT_EQ(world.sentWithin(0.5), 0u) << "fired 0.1 s after the send";
+    EXPECT_EQ(world.sentWithin(1), 1u);
+    ASSERT_EQ(world.acknowledge(other, 0, 1), 0);
     ASSERT_EQ(world.enqueue(queue), 0);
-    world.wait(0.5);
-    EXPECT_EQ(world.sentToReceiver.size(), 1u) << "fired 0.1 s after the send";
-    world.wait(1);
-    EXPECT_EQ(world.sentToReceiver.size(), 2u);
+    ASSERT_EQ(world.enqueue(queue), 0);
+    EXPECT_EQ(IpcHeader::SourceQueue::get(world.sentToReceiver.back().data()), zel_getQueueId(61, 0, 3));
+    EXPECT_EQ(world.sentWithin(2), 1u) << "a private routine resends the head alone";
 }
 
-TEST(SwpQueue, BudgetEnds) {
-    World world;
+TEST_F(SwpQueue, BudgetEnds) {
     const uint32_t queue = world.create(8, 1, 2);
     ASSERT_EQ(world.enqueue(queue), 0);
     EXPECT_EQ(world.sentWithin(20), 2u);
     EXPECT_EQ(world.codes, std::vector<int>{9});
     EXPECT_EQ(world.messages.back(), world.buffer(0));
-    EXPECT_EQ(swpRetrans(queue, 0), 4);
     EXPECT_EQ(swpRetrans(queue, 1), 4);
-    EXPECT_EQ(world.codes.size(), 3u);
     EXPECT_EQ(world.sentToReceiver.size(), 3u) << "nothing is sent any more";
     EXPECT_EQ(world.acknowledge(queue, 0, 1), 0);
     EXPECT_EQ(statusOf(queue).budget, 2u);
 }
 
-TEST(SwpQueue, ResendingThatFailsSaysSo) {
-    World world;
+TEST_F(SwpQueue, ResendingThatFailsSaysSo) {
     const uint32_t queue = world.create(8, 1, 50);
     for (int i = 0; i < 3; ++i) ASSERT_EQ(world.enqueue(queue), 0);
     ASSERT_EQ(world.acknowledge(queue, 0, 1), 0);
@@ -429,27 +345,9 @@ TEST(SwpQueue, ResendingThatFailsSaysSo) {
     EXPECT_GE(world.sentWithin(4), 2u) << "a time-out that cannot send tries again";
 }
 
-uint32_t timedOutQueue = 0;
-
-TEST(SwpQueue, PrivateTimeOutRoutineAndTimerQueue) {
-    World world;
-    uint32_t queue = 0;
-    const auto routine = [](uint32_t which) {
-        timedOutQueue = which;
-        swpRetrans(which, 1);
-    };
-    ASSERT_EQ(zelMwpQueueCreate_p(61, 0, 76, 0, 8, 8, 1, 5, World::note, 1, routine, &queue), 0);
-    ASSERT_EQ(world.enqueue(queue), 0);
-    ASSERT_EQ(world.enqueue(queue), 0);
-    EXPECT_EQ(IpcHeader::SourceQueue::get(world.sentToReceiver[0].data()), zel_getQueueId(61, 0, 3));
-    EXPECT_EQ(world.sentWithin(1), 1u) << "the head alone";
-    EXPECT_EQ(timedOutQueue, queue);
-}
-
 // ---- Flush, remove, callbacks ---------------------------------------------------------------------------------------
 
-TEST(SwpQueue, FlushBeginsANewStream) {
-    World world;
+TEST_F(SwpQueue, FlushBeginsANewStream) {
     const uint32_t queue = world.create(20);
     swpFifoQueue[queue].free = World::noteFree;
     for (int i = 0; i < 10; ++i) ASSERT_EQ(world.enqueue(queue), 0);
@@ -469,64 +367,43 @@ TEST(SwpQueue, FlushBeginsANewStream) {
     EXPECT_EQ(world.dequeueAll(queue), 0) << "an answer to the old stream releases nothing of the new one";
 }
 
-TEST(SwpQueue, RemoveWithItsTimerRunning) {
-    World world;
+TEST_F(SwpQueue, RemoveWithItsTimerRunning) {
     const uint32_t queue = world.create(8);
     swpFifoQueue[queue].free = World::noteFree;
     ASSERT_EQ(world.enqueue(queue), 0);
     EXPECT_EQ(zelSwpQueueRemove(queue), 0);
     EXPECT_EQ(world.freed.size(), 1u);
     EXPECT_EQ(world.sentWithin(5), 0u);
-    EXPECT_EQ(zelSwpEnqueue(queue, world.buffer(0), World::messageLength), 4);
-    EXPECT_EQ(world.create(8), queue);
+    EXPECT_EQ(world.create(1), queue);
     EXPECT_EQ(swpFifoQueue[queue].free, nullptr) << "the next owner starts without hooks";
-}
-
-TEST(SwpQueue, CallbackMayUseTheQueue) {
-    World world;
-    const uint32_t queue = world.create(1);
-    world.onNote = [&](int code) {
-        if (code == 7) {
-            EXPECT_EQ(zelSwpQueueFlush(queue), 0);
-        }
-        if (code == 9) {
-            EXPECT_EQ(zelSwpQueueRemove(queue), 0);
-        }
-    };
+    // A callback may use the queue: the first message fills it, the second finds nobody.
+    world.onNote = [&](int code) { EXPECT_EQ(code == 7 ? zelSwpQueueFlush(queue) : zelSwpQueueRemove(queue), 0); };
     ASSERT_EQ(world.enqueue(queue), 0);
     EXPECT_EQ(zelSwpQueueGetLen(queue), 0);
     world.onNote = [&](int code) {
-        if (code == 9) {
-            EXPECT_EQ(zelSwpQueueRemove(queue), 0);
-        }
+        if (code == 9) zelSwpQueueRemove(queue);
     };
     ASSERT_EQ(world.enqueue(queue), 0);
-    world.pass(20);
+    world.wait(20);
     EXPECT_EQ(zelSwpIsQueueAlive(queue), 0);
 }
 
 // ---- Receiver -------------------------------------------------------------------------------------------------------
 
-TEST(SwpReceiver, ReplayedMessageZeroIsADuplicate) {
-    World world;
+TEST_F(SwpQueue, ReplayedMessageZeroIsADuplicate) {
     const uint32_t queue = world.create(8);
     zelSwpReceiver *receiver = zelSwpReceiverCreate(world.receiverKey, 0, 1);
     for (int i = 0; i < 3; ++i) ASSERT_EQ(world.enqueue(queue), 0);
-    const auto accept = [&](size_t i) {
-        const auto &message = world.sentToReceiver[i];
-        return zelSwpReceiverAccept(receiver, message.data(), static_cast<int>(message.size()));
-    };
-    EXPECT_EQ(accept(1), 4) << "nothing known of the stream yet";
-    EXPECT_EQ(accept(0), 1);
-    EXPECT_EQ(accept(1), 1);
-    EXPECT_EQ(accept(0), 2);
-    EXPECT_EQ(accept(1), 2);
-    EXPECT_EQ(accept(2), 1) << "the replay did not reset the stream";
-    const auto old = world.sentToReceiver;
     zelSwpQueueFlush(queue);
     ASSERT_EQ(world.enqueue(queue), 0);
-    EXPECT_EQ(accept(world.sentToReceiver.size() - 1), 1);
-    EXPECT_EQ(accept(0), 2) << "message 0 of the flushed stream does not come back";
+    const struct {
+        size_t message;  // 3 begins the new stream
+        int result;
+    } rows[] = {{1, 4}, {0, 1}, {1, 1}, {0, 2}, {1, 2}, {2, 1}, {3, 1}, {0, 2}};
+    for (const auto &[i, result] : rows) {
+        const auto &message = world.sentToReceiver[i];
+        EXPECT_EQ(zelSwpReceiverAccept(receiver, message.data(), static_cast<int>(message.size())), result) << i;
+    }
     zelSwpReceiverStats stats{};
     EXPECT_EQ(zelSwpReceiverGetStats(receiver, &stats), 0);
     EXPECT_EQ(stats.accepted, 4u);
@@ -535,8 +412,7 @@ TEST(SwpReceiver, ReplayedMessageZeroIsADuplicate) {
     zelSwpReceiverDestroy(receiver);
 }
 
-TEST(SwpReceiver, RefusesWhatIsNoStreamMessage) {
-    World world;
+TEST_F(SwpQueue, RefusesWhatIsNoStreamMessage) {
     const uint32_t queue = world.create(8);
     zelSwpReceiver *receiver = zelSwpReceiverCreate(world.receiverKey, 2, 1);
     ASSERT_EQ(world.enqueue(queue), 0);
@@ -544,13 +420,8 @@ TEST(SwpReceiver, RefusesWhatIsNoStreamMessage) {
     for (int length = 0; length < 124; ++length)
         EXPECT_EQ(zelSwpReceiverAccept(receiver, Simulation::Bytes(good.begin(), good.begin() + length).data(), length),
                   4);
-    for (const uint32_t bad : {0u, 901u}) {
-        auto message = good;
-        SwpHeader::Queue::set(message.data() + 60, bad);
-        EXPECT_EQ(zelSwpReceiverAccept(receiver, message.data(), static_cast<int>(message.size())), 4);
-    }
-    // More sources than there is room for: the one silent longest makes room.
-    for (const uint32_t source : {10u, 11u, 12u, 11u, 13u, 11u}) {
+    // Two that are none, and more sources than there is room for: the one silent longest makes room.
+    for (const uint32_t source : {0u, 901u, 10u, 11u, 12u, 11u, 13u, 11u}) {
         auto message = good;
         SwpHeader::Queue::set(message.data() + 60, source);
         zelSwpReceiverAccept(receiver, message.data(), static_cast<int>(message.size()));
@@ -565,8 +436,7 @@ TEST(SwpReceiver, RefusesWhatIsNoStreamMessage) {
 
 // ---- The link between chassis ---------------------------------------------------------------------------------------
 
-TEST(SwpLink, CarriesTheHeaderBehindItsOwn) {
-    World world;
+TEST_F(SwpQueue, CarriesTheHeaderBehindItsOwn) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, ends), 0);
     uint32_t queue = 0;

@@ -97,8 +97,7 @@ public:
         const auto end = network.now() + static_cast<uint64_t>(seconds * 1e9);
         zelPlatformSeam()->sleepUntil(zelPlatformSeam()->context, end);
     }
-    void pass(int seconds) { wait(seconds); }
-    size_t sentWithin(int seconds) {
+    size_t sentWithin(double seconds) {
         const size_t before = sentToReceiver.size();
         wait(seconds);
         return sentToReceiver.size() - before;

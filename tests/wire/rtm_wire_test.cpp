@@ -38,19 +38,19 @@ std::uint32_t newHandle = 0;
 // Every byte of the route differs from its neighbours; the second hop and the TLV bytes follow the first.
 zelRtmRoute route(int family, std::uint16_t hops, std::uint16_t tlvLength) {
     static std::uint8_t tlv[8];
-    for (unsigned i = 0; i < sizeof tlv; ++i) tlv[i] = static_cast<std::uint8_t>(0xe0 + i);
+    const auto count = [](std::uint8_t *bytes, int size, unsigned from) {
+        for (int i = 0; i < size; ++i) bytes[i] = static_cast<std::uint8_t>(from++);
+    };
+    const int size = family == ZEL_RTM_IPV6_UNICAST ? 16 : 4;
     zelRtmRoute made{};
-    const unsigned size = family == ZEL_RTM_IPV6_UNICAST ? 16 : 4;
-    for (unsigned i = 0; i < size; ++i) {
-        made.prefix[i] = static_cast<std::uint8_t>(0x10 + i);
-        made.mask[i] = static_cast<std::uint8_t>(0x30 + i);
-        for (unsigned hop = 0; hop < hops; ++hop)
-            made.hop[hop].addr[i] = static_cast<std::uint8_t>(0x50 + 32 * hop + i);
-    }
-    for (unsigned i = 0; i < sizeof made.opaque; ++i) made.opaque[i] = static_cast<std::uint8_t>(0xa0 + i);
+    count(tlv, 8, 0xe0);
+    count(made.prefix, size, 0x10);
+    count(made.mask, size, 0x30);
+    count(made.opaque, sizeof made.opaque, 0xa0);
     for (unsigned hop = 0; hop < hops; ++hop) {
+        count(made.hop[hop].addr, size, 0x50 + 32 * hop);
         made.hop[hop].ifIndex = 0x91929394 + hop;
-        for (unsigned i = 0; i < 8; ++i) made.hop[hop].rest[i] = static_cast<std::uint8_t>(0xc0 + i);
+        count(made.hop[hop].rest, 8, 0xc0);
     }
     made.vrfId = vrf;
     made.nNextHops = hops;

@@ -1,109 +1,82 @@
 // Messages of sliding-window queues and lists, and their acknowledgements. Ticks, streams and the numbers of queues
 // depend on what ran before.
-#include <array>
+#include <initializer_list>
+#include <utility>
 
 #include "tests/wire/wire.h"
 
 using zel::test::Bytes;
+using zel::test::comeFromPeer;
+using zel::test::numberedMessage;
 using zel::test::Wire;
 
 namespace {
 
 constexpr int messageBytes = 140;
 
-struct Message {
-    std::array<std::uint8_t, messageBytes> bytes{};
-    Message() {
-        for (unsigned offset = 0; offset < messageBytes; offset += 4)
-            zelIpcHdrSet32(bytes.data(), offset, 0xa0000000 | offset);
-    }
-};
-
 void ignore(void *, int) {}
-
-// A queue to service 76 on the peer, for one row.
-class Queue {
-public:
-    explicit Queue(bool answersToTimerQueue = false) {
-        zelTmeSetTaskEntry(76, 0, ZEL_TME_REMOTE, Wire::peer);
-        zelMwpQueueCreate_p(Wire::service, Wire::instance, 76, 0, 8, 8, 1, 5, ignore, answersToTimerQueue, nullptr,
-                            &number_);
-    }
-    ~Queue() { zelSwpQueueRemove(number_); }
-    bool send(Message &message) { return zelSwpEnqueue(number_, message.bytes.data(), messageBytes) == 0; }
-
-private:
-    std::uint32_t number_ = 0;
-};
 
 // Message `low` of the peer's queue 7 and stream 0x1234, to our request queue; what we answer is the row's message.
 int answer(zelSwpReceiver *receiver, std::uint32_t low) {
-    Message message;
-    std::uint8_t *bytes = message.bytes.data();
-    zelIpcHdrSet32(bytes, 0, ZEL_IPC_MAGIC);
-    zelIpcHdrSet32(bytes, 40, Wire::peer);
-    zelIpcHdrSet32(bytes, 44, zel_getQueueId(76, 0, 1));
-    zelIpcSetTargetHeader(bytes, Wire::address, 1, Wire::service, Wire::instance);
-    zelIpcHdrSet32(bytes, 60, 7);
-    zelIpcHdrSet32(bytes, 64, 0);
-    zelIpcHdrSet32(bytes, 68, low);
-    zelIpcHdrSet32(bytes, 76, 0x1234);
-    zelIpcHdrSet32(bytes, 84, 3);
-    return zelSwpReceiverAccept(receiver, bytes, messageBytes);
+    Bytes bytes = numberedMessage(messageBytes);
+    comeFromPeer(bytes, 1);
+    const std::pair<unsigned, std::uint32_t> words[] = {{60, 7}, {64, 0}, {68, low}, {76, 0x1234}, {84, 3}};
+    for (const auto &[offset, value] : words) zelIpcHdrSet32(bytes.data(), offset, value);
+    return zelSwpReceiverAccept(receiver, bytes.data(), messageBytes);
 }
 
-struct Receiver {
-    zelSwpReceiver *handle = zelSwpReceiverCreate(Wire::key, 0, 1);
-    ~Receiver() { zelSwpReceiverDestroy(handle); }
-};
-
-}  // namespace
-
-WIRE_ROW(swp_data_first) {
-    Queue queue;
-    Message message;
-    return queue.send(message);
+// What is answered last, when these messages of the peer's stream come one after the other.
+bool answers(std::initializer_list<std::pair<std::uint32_t, int>> messages) {
+    zelSwpReceiver *receiver = zelSwpReceiverCreate(Wire::key, 0, 1);
+    bool isAsExpected = true;
+    for (const auto &[low, result] : messages) isAsExpected = isAsExpected && answer(receiver, low) == result;
+    zelSwpReceiverDestroy(receiver);
+    return isAsExpected;
 }
 
-WIRE_ROW(swp_data_second) {
-    Queue queue;
-    Message first, second;
-    return queue.send(first) && queue.send(second);
+// Enqueues that many messages to service 76 on the peer.
+bool sends(int count, int answersToTimerQueue = 0) {
+    zelTmeSetTaskEntry(76, 0, ZEL_TME_REMOTE, Wire::peer);
+    std::uint32_t queue = 0;
+    zelMwpQueueCreate_p(Wire::service, Wire::instance, 76, 0, 8, 8, 1, 5, ignore, answersToTimerQueue, nullptr, &queue);
+    Bytes messages[2] = {numberedMessage(messageBytes), numberedMessage(messageBytes)};
+    bool areSent = true;
+    for (int i = 0; i < count; ++i) areSent = zelSwpEnqueue(queue, messages[i].data(), messageBytes) == 0 && areSent;
+    return zelSwpQueueRemove(queue) == 0 && areSent;
 }
 
-WIRE_ROW(swp_data_answered_to_timer_queue) {
-    Queue queue(true);
-    Message message;
-    return queue.send(message);
-}
-
-WIRE_ROW(swp_list_data) {
+bool sendsOnAList() {
     zelTmeSetTaskEntry(76, 0, ZEL_TME_REMOTE, Wire::peer);
     zelSwpQList *list = nullptr;
-    Message message;
+    Bytes message = numberedMessage(messageBytes);
     const bool isSent =
         zelSwpQListCreate(Wire::service, Wire::instance, 76, 0, 8, 8, 1, 5, ignore, 2, 9, 5, &list) == 0 &&
         zelSWPQListAddMsgGroup(list, 0) == 0 && zelSWPQListAddMsgGroup(list, 8) == 0 &&
-        zelSWPQListEnqueue(list, 8, message.bytes.data(), messageBytes) == 0;
+        zelSWPQListEnqueue(list, 8, message.data(), messageBytes) == 0;
     return zelSwpQListRemove(list) == 0 && isSent;
 }
 
-WIRE_ROW(swp_ack_matched) {
-    const Receiver receiver;
-    return answer(receiver.handle, 0) == 1 && answer(receiver.handle, 1) == 1;
-}
+const Wire rows[] = {
+    {"swp_data_first", [] { return sends(1); }},
+    {"swp_data_second", [] { return sends(2); }},
+    {"swp_data_answered_to_timer_queue", [] { return sends(1, 1); }},
+    {"swp_list_data", sendsOnAList},
+    {"swp_ack_matched",
+     [] {
+         return answers({{0, 1}, {1, 1}});
+     }},
+    {"swp_ack_duplicate",
+     [] {
+         return answers({{0, 1}, {0, 2}});
+     }},
+    {"swp_ack_gap",
+     [] {
+         return answers({{0, 1}, {2, 4}});
+     }},
+    {"swp_ack_unknown_stream",
+     [] {
+         return answers({{2, 4}});
+     }},
+};
 
-WIRE_ROW(swp_ack_duplicate) {
-    const Receiver receiver;
-    return answer(receiver.handle, 0) == 1 && answer(receiver.handle, 0) == 2;
-}
-
-WIRE_ROW(swp_ack_gap) {
-    const Receiver receiver;
-    return answer(receiver.handle, 0) == 1 && answer(receiver.handle, 2) == 4;
-}
-
-WIRE_ROW(swp_ack_unknown_stream) {
-    const Receiver receiver;
-    return answer(receiver.handle, 2) == 4;
-}
+}  // namespace

@@ -1,6 +1,6 @@
 // Rows of the wire test: each makes the library send one message, and golden.txt holds the bytes it must send.
 //
-//     WIRE_ROW(task_ready) { return zelTaskReady(Wire::key) == 0; }
+//     const Wire rows[] = {{"task_ready", [] { return zelTaskReady(Wire::key) == 0; }}};
 //
 // Rows run in one process, in the order of their names, over a network that only records. The row's message is the
 // last one sent. Messages carry this CPU's address as 192.0.2.1. In golden.txt a line is `name: hex bytes`; blanks
@@ -25,9 +25,19 @@ struct Wire {
     Wire(const char *name, bool (*body)());
 };
 
-}  // namespace zel::test
+// A message whose every header word is a different number.
+inline Bytes numberedMessage(unsigned length) {
+    Bytes bytes(length);
+    for (unsigned offset = 0; offset < length; offset += 4) zelIpcHdrSet32(bytes.data(), offset, 0xa0000000 | offset);
+    return bytes;
+}
 
-#define WIRE_ROW(name)                                               \
-    static bool wireRow_##name();                                    \
-    static const zel::test::Wire wire_##name(#name, wireRow_##name); \
-    static bool wireRow_##name()
+// Makes it one from a queue of service 76 on the peer to our request queue.
+inline void comeFromPeer(Bytes &bytes, int queueType) {
+    zelIpcHdrSet32(bytes.data(), 0, ZEL_IPC_MAGIC);
+    zelIpcSetTargetHeader(bytes.data(), Wire::address, 1, Wire::service, Wire::instance);
+    zelIpcHdrSet32(bytes.data(), 40, Wire::peer);
+    zelIpcHdrSet32(bytes.data(), 44, zel_getQueueId(76, 0, queueType));
+}
+
+}  // namespace zel::test

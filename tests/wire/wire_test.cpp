@@ -46,13 +46,6 @@ std::string hex(const Bytes &bytes) {
     return digits;
 }
 
-// Puts the golden line's dots into the sent digits.
-std::string masked(std::string sent, const std::string &golden) {
-    for (std::size_t i = 0; i < sent.size() && i < golden.size(); ++i)
-        if (golden[i] == '.') sent[i] = '.';
-    return sent;
-}
-
 // So that the first queue of every row is number 1.
 void removeQueues() {
     for (std::uint32_t queue = 1; queue <= ZEL_SWP_MAX_QUEUES; ++queue)
@@ -82,8 +75,10 @@ TEST(Wire, EveryMessageHasItsGoldenBytes) {
         network.onSend = nullptr;
         EXPECT_TRUE(body()) << name;
         ASSERT_FALSE(network.sent.empty()) << name;
-        const std::string sent = hex(network.sent.back().bytes);
-        EXPECT_EQ(masked(sent, golden[name]), golden[name]) << name << ": " << sent;
+        std::string sent = hex(network.sent.back().bytes);
+        for (std::size_t i = 0; i < sent.size() && i < golden[name].size(); ++i)
+            if (golden[name][i] == '.') sent[i] = '.';
+        EXPECT_EQ(sent, golden[name]) << name;
         golden.erase(name);
         removeQueues();
     }
