@@ -4,15 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <map>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
-#include "tests/support/table.h"
 #include "zel/containers.h"
 
 namespace zel::test {
@@ -26,13 +23,6 @@ struct Record {
     std::string text;
 };
 
-std::unique_ptr<uint8_t[]> exactKey(const uint8_t *bytes, uint32_t bits) {
-    const size_t size = (bits + 7) / 8;
-    auto key = std::make_unique<uint8_t[]>(size);
-    if (size) memcpy(key.get(), bytes, size);
-    return key;
-}
-
 std::string bitText(const uint8_t *key, uint32_t bits) {
     std::string text;
     for (uint32_t i = 0; i < bits; ++i) text += key[i / 8] & (0x80 >> (i % 8)) ? '1' : '0';
@@ -41,7 +31,9 @@ std::string bitText(const uint8_t *key, uint32_t bits) {
 
 std::unique_ptr<Record> makeRecord(const std::vector<uint8_t> &bytes, uint32_t bits) {
     auto record = std::make_unique<Record>();
-    record->key = exactKey(bytes.data(), bits);
+    const size_t size = (bits + 7) / 8;
+    record->key = std::make_unique<uint8_t[]>(size);
+    std::copy_n(bytes.begin(), size, record->key.get());
     record->bits = bits;
     record->text = bitText(bytes.data(), bits);
     record->entry.rth_addr = record->key.get();
@@ -134,20 +126,16 @@ protected:
     }
 
     void checkOrder() {
-        std::vector<zelRadixEntry *> expected, visited;
+        std::vector<zelRadixEntry *> expected, next, walked;
         for (auto &[text, state] : model)
             if (!state.isMarked) expected.push_back(&state.record->entry);
-        for (zelRadixEntry *e = nullptr; (e = zelRadixGetNext(tree, e)) != nullptr;) visited.push_back(e);
-        ASSERT_EQ(visited, expected);
-        visited.clear();
-        zelRadixWalk(
-            tree,
-            [](zelRadixEntry *entry, void *context) {
-                static_cast<std::vector<zelRadixEntry *> *>(context)->push_back(entry);
-                return 0;
-            },
-            &visited);
-        ASSERT_EQ(visited, expected);
+        for (zelRadixEntry *e = nullptr; (e = zelRadixGetNext(tree, e)) != nullptr;) next.push_back(e);
+        ASSERT_EQ(next, expected);
+        const auto note = [](zelRadixEntry *entry, void *all) {
+            return static_cast<std::vector<zelRadixEntry *> *>(all)->push_back(entry), 0;
+        };
+        zelRadixWalk(tree, note, &walked);
+        ASSERT_EQ(walked, expected);
     }
 
     const uint32_t maxbits = GetParam();
@@ -241,21 +229,21 @@ TEST_F(SmallTree, anEntryInsertedTwiceCanStillBeRemoved) {
     zelRadixInsert(tree, &first.entry, 8);
     EXPECT_EQ(zelRadixInsert(tree, &first.entry, 8), &first.entry);
     EXPECT_EQ(tree->rtt_inserts, 2u);
-    zelRadixRemove(tree, &first.entry);
-    EXPECT_EQ(best("10.1.2.3"), nullptr);
-    zelRadixRemove(tree, &first.entry);  // in no tree: left alone
-    EXPECT_EQ(tree->rtt_nodes, 0u);
+    for (int i = 0; i < 2; ++i) {  // the second time it is in no tree, and left alone
+        zelRadixRemove(tree, &first.entry);
+        EXPECT_EQ(tree->rtt_nodes, 0u);
+    }
 }
 
 TEST_F(SmallTree, refusesLongKeysWhileStrict) {
-    std::vector<uint8_t> bytes{10, 0, 0, 0, 0x80};
-    auto tooLong = makeRecord(bytes, 33);
-    EXPECT_EQ(zelRadixInsert(tree, &tooLong->entry, 33), nullptr);
-    EXPECT_EQ(zelRadixGetBest(tree, bytes.data(), 33), nullptr);
-    tree->rtt_strict = 0;
-    EXPECT_EQ(zelRadixInsert(tree, &tooLong->entry, 33), &tooLong->entry);
-    EXPECT_EQ(zelRadixGetBest(tree, bytes.data(), 33), &tooLong->entry);
-    EXPECT_EQ(zelRadixInsert(tree, &tooLong->entry, 65537), nullptr);
+    Record &tooLong = *records.emplace_back(makeRecord({10, 0, 0, 0, 0x80}, 33));
+    for (const bool isStrict : {true, false}) {
+        tree->rtt_strict = isStrict;
+        zelRadixEntry *expected = isStrict ? nullptr : &tooLong.entry;
+        EXPECT_EQ(zelRadixInsert(tree, &tooLong.entry, 33), expected);
+        EXPECT_EQ(zelRadixGetBest(tree, tooLong.key.get(), 33), expected);
+    }
+    EXPECT_EQ(zelRadixInsert(tree, &tooLong.entry, 65537), nullptr);
 }
 
 TEST_F(SmallTree, anInsertWithoutMemoryLeavesTheTreeAsItWas) {
@@ -274,21 +262,18 @@ TEST_F(SmallTree, anInsertWithoutMemoryLeavesTheTreeAsItWas) {
 }
 
 TEST_F(SmallTree, reportsWhatIsMissing) {
-    EXPECT_EQ(zelRadixInsert(tree, nullptr, 8), nullptr);
-    EXPECT_EQ(lastAssertion(), "rth");
     Record &keyless = record("10.0.0.0", 8);
     keyless.entry.rth_addr = nullptr;
+    const int before = reportedAssertions();
+    EXPECT_EQ(zelRadixInsert(tree, nullptr, 8), nullptr);
     EXPECT_EQ(zelRadixInsert(tree, &keyless.entry, 8), nullptr);
-    EXPECT_EQ(lastAssertion(), "rth->rth_addr");
     EXPECT_EQ(zelRadixNodeIsLeaf(tree, nullptr), 0);
-    EXPECT_EQ(lastAssertion(), "rtn");
     EXPECT_EQ(zelRadixGetBest(nullptr, "", 0), nullptr);
-    EXPECT_EQ(lastAssertion(), "rtt");
     EXPECT_EQ(zelRadixCreate(nullptr, 32, nullptr, nullptr, nullptr), nullptr);
-    EXPECT_EQ(lastAssertion(), "rtt_name");
     tree->rtt_magic = 1;
     EXPECT_EQ(zelRadixGetNext(tree, nullptr), nullptr);
     EXPECT_EQ(lastAssertion(), "rtt->rtt_magic == 0xdeadbeef");
+    EXPECT_EQ(reportedAssertions(), before + 6);
     tree->rtt_magic = ZEL_RADIX_MAGIC;
 }
 
@@ -299,81 +284,15 @@ TEST_F(SmallTree, aWalkMayRemoveWhatItVisitsAndStopsWhenTold) {
     }
     static zelRadix *walked = tree;
     int left = 3;
-    zelRadixWalk(
-        tree,
-        [](zelRadixEntry *entry, void *context) {
-            zelRadixRemove(walked, entry);
-            return --*static_cast<int *>(context) == 0 ? 1 : 0;
-        },
-        &left);
+    const auto removeIt = [](zelRadixEntry *entry, void *count) {
+        zelRadixRemove(walked, entry);
+        return --*static_cast<int *>(count) == 0 ? 1 : 0;
+    };
+    zelRadixWalk(tree, removeIt, &left);
     EXPECT_EQ(left, 0);
     EXPECT_EQ(zelRadixGetNext(tree, nullptr), &records.back()->entry);
     EXPECT_EQ(zelRadixNodeIsLeaf(tree, records.back()->entry.rtn), 1);
     EXPECT_EQ(tree->rtt_nodes, 1u);
-}
-
-// A complete Internet table: every prefix is found, addresses get the longest match that probing every length in a hash
-// table gives, the walk is in order, and removal in random order leaves nothing behind.
-TEST(RealTable, holdsACompleteInternetTable) {
-    struct Route {
-        zelRadixEntry entry{};
-        uint8_t key[4] = {};
-        uint32_t bits = 0;
-    };
-    zelRadix *tree = zelRadixCreate("table", 32, nullptr, nullptr, nullptr);
-    std::vector<std::unique_ptr<Route>> routes;
-    std::unordered_map<uint64_t, Route *> oracle;
-    const auto oracleKey = [](uint32_t address, uint32_t bits) {
-        return (static_cast<uint64_t>(bits ? address >> (32 - bits) << (32 - bits) : 0) << 8) | bits;
-    };
-    long repeated = 0;
-    const long rows = eachRow("rib4_full_2015-10.txt.xz", [&](std::string_view row) {
-        std::string prefix(column(row));
-        const size_t slash = prefix.find('/');
-        auto route = std::make_unique<Route>();
-        route->bits = static_cast<uint32_t>(std::stoul(prefix.substr(slash + 1)));
-        inet_pton(AF_INET, prefix.substr(0, slash).c_str(), route->key);
-        route->entry.rth_addr = route->key;
-        uint32_t address;
-        memcpy(&address, route->key, 4);
-        auto [at, isNew] = oracle.try_emplace(oracleKey(ntohl(address), route->bits), route.get());
-        repeated += !isNew;
-        ASSERT_EQ(zelRadixInsert(tree, &route->entry, route->bits), &at->second->entry);
-        if (isNew) routes.push_back(std::move(route));
-    });
-    ASSERT_EQ(rows, 577737);
-    EXPECT_EQ(oracle.size(), 577706u);
-    EXPECT_EQ(repeated, 31);
-
-    Random random = seeded();
-    for (int i = 0; i < 100000; ++i) {
-        const auto &near = routes[random() % routes.size()];
-        uint32_t address, noise = random();
-        memcpy(&address, near->key, 4);
-        address = ntohl(address) ^ (noise >> (random() % 33 == 0 ? 0 : near->bits % 32));
-        Route *expected = nullptr;
-        for (uint32_t bits = 33; bits-- > 0 && !expected;)
-            if (const auto at = oracle.find(oracleKey(address, bits)); at != oracle.end()) expected = at->second;
-        const uint32_t key = htonl(address);
-        ASSERT_EQ(zelRadixGetBest(tree, &key, 32), &expected->entry);
-    }
-    zelRadixEntry *before = nullptr;
-    size_t walked = 0;
-    for (zelRadixEntry *e = nullptr; (e = zelRadixGetNext(tree, e)) != nullptr; before = e, ++walked) {
-        if (!before) continue;
-        const auto *a = reinterpret_cast<Route *>(before), *b = reinterpret_cast<Route *>(e);
-        const int order = memcmp(a->key, b->key, 4);
-        ASSERT_TRUE(order < 0 || (order == 0 && a->bits < b->bits));
-    }
-    EXPECT_EQ(walked, routes.size());
-    std::shuffle(routes.begin(), routes.end(), random);
-    for (auto &route : routes) {
-        ASSERT_EQ(zelRadixGetExact(tree, route->key, route->bits), &route->entry);
-        zelRadixRemove(tree, &route->entry);
-        route.reset();
-    }
-    EXPECT_EQ(tree->rtt_nodes, 0u);
-    zelRadixDestroy(tree);
 }
 
 }  // namespace
