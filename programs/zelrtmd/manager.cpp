@@ -77,7 +77,10 @@ int Manager::run() {
     while (!zel::programs::isStopping()) {
         const int length =
             zelIpcRecv(key_ | requestQueue, buffer.data(), static_cast<int>(buffer.size()), receiveSeconds, 0, 0);
-        if (length > 0) dispatch(buffer.data(), length);
+        if (length > 0)
+            dispatch(buffer.data(), length);
+        else
+            zelSwpReceiverFlush(receiver_);  // what waited for more was followed by something that was no message
     }
     return 0;
 }
