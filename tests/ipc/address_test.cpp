@@ -60,7 +60,7 @@ TEST(Endpoint, OpensOnceAndClosesOnce) {
     EXPECT_EQ(Key_getRspQueue(rtm | 1), rtm | 3) << "the type is put on top of what is there";
     EXPECT_EQ(Key_getTmrQueue(rtm), 0u);
     EXPECT_EQ(zelIpcOpen(76, 0), static_cast<int>(rtm));
-    EXPECT_EQ(Key_getSocketFd(rtm), fd);
+    EXPECT_EQ(Key_getSocketFd(rtm), fd) << "open already";
     EXPECT_EQ(zelIpcOpenTmrQueue(rtm), static_cast<int>(rtm));
     EXPECT_EQ(Key_getTmrQueue(rtm), rtm | 3);
 

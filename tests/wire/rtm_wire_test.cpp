@@ -14,15 +14,9 @@ constexpr std::uint32_t vrf = 0xd1d2d3d4;
 const zelIpcAddr us = {61, Wire::key, 0, 0xa5a5a5a5, 0xeeeeeeee};
 const std::uint32_t value = 0xb1b2b3b4;
 
-// The manager is on the peer.
-bool managerIsKnown() {
-    return zelTmeSetTaskEntry(ZEL_RTM_SERVICE, 0, ZEL_TME_REMOTE, Wire::peer) == 0;
-}
-
 // A new queue to the manager.
 std::uint32_t queue() {
     std::uint32_t number = 0;
-    managerIsKnown();
     zelSwpQueueCreate(
         Wire::service, Wire::instance, ZEL_RTM_SERVICE, 0, 0, 0, 1, 1, [](void *, int) {}, &number);
     return number;
@@ -85,7 +79,7 @@ constexpr char name[] = "a name of more than forty characters, cut";
 
 template <class Register>
 bool registers(Register call, std::uint32_t clientType) {
-    return managerIsKnown() && isUnanswered(call(clientType, 0xf1f2f3f4, name, &newHandle, &us));
+    return isUnanswered(call(clientType, 0xf1f2f3f4, name, &newHandle, &us));
 }
 
 const Wire registrations[] = {
@@ -97,8 +91,8 @@ const Wire registrations[] = {
     {"rtm_register_vrf", [] { return registers(zelRtmRegister_vrf, 5); }},
     {"rtm_register_af_vrf", [] { return registers(zelRtmRegisterAddrFamily_vrf, 5); }},
     {"rtm_register_v4v6", [] { return registers(zelRtmV4V6Register, 5); }},
-    {"rtm_register_one_way", [] { return managerIsKnown() && zelRtmSendRegister(5, 1, "short", &us) == 0; }},
-    {"rtm_register_one_way_26", [] { return managerIsKnown() && zelRtmSendRegister(26, 1, "short", &us) == 0; }},
+    {"rtm_register_one_way", [] { return zelRtmSendRegister(5, 1, "short", &us) == 0; }},
+    {"rtm_register_one_way_26", [] { return zelRtmSendRegister(26, 1, "short", &us) == 0; }},
     {"rtm_deregister", [] { return isUnanswered(zelRtmDeregister(handle, &us)); }},
     {"rtm_deregister_v4v6", [] { return isUnanswered(zelRtmV4V6Deregister(handle, &us)); }},
     {"rtm_deregister_af", [] { return isUnanswered(zelRtmDeregisterAddrFamily(handle, 2, &us)); }},

@@ -36,7 +36,6 @@ bool answers(std::initializer_list<std::pair<std::uint32_t, int>> messages) {
 
 // Enqueues that many messages to service 76 on the peer.
 bool sends(int count, int answersToTimerQueue = 0) {
-    zelTmeSetTaskEntry(76, 0, ZEL_TME_REMOTE, Wire::peer);
     std::uint32_t queue = 0;
     zelMwpQueueCreate_p(Wire::service, Wire::instance, 76, 0, 8, 8, 1, 5, ignore, answersToTimerQueue, nullptr, &queue);
     Bytes messages[2] = {numberedMessage(messageBytes), numberedMessage(messageBytes)};
@@ -46,7 +45,6 @@ bool sends(int count, int answersToTimerQueue = 0) {
 }
 
 bool sendsOnAList() {
-    zelTmeSetTaskEntry(76, 0, ZEL_TME_REMOTE, Wire::peer);
     zelSwpQList *list = nullptr;
     Bytes message = numberedMessage(messageBytes);
     const bool isSent =

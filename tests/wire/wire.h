@@ -16,8 +16,8 @@ namespace zel::test {
 
 struct Wire {
     static constexpr std::uint32_t address = 0xc0000201;
-    static constexpr std::uint32_t peer = 0xc0000202;
-    static constexpr int service = 61;  // whose endpoint, with all three queues, is open
+    static constexpr std::uint32_t peer = 0xc0000202;  // where service 76 is
+    static constexpr int service = 61;                 // whose endpoint, with all three queues, is open
     static constexpr int instance = 0;
     static constexpr std::uint32_t key = 61 << 7;
     static FakeNetwork &network();

@@ -67,6 +67,7 @@ TEST(Wire, EveryMessageHasItsGoldenBytes) {
     ASSERT_EQ(zelIpcOpenTmrQueue(Wire::key), static_cast<int>(Wire::key));
     const zelTmeGlobals globals{Wire::address, 0, {Wire::address, Wire::peer}};
     ASSERT_EQ(zelTmeSetGlobals(&globals), 0);
+    ASSERT_EQ(zelTmeSetTaskEntry(76, 0, ZEL_TME_REMOTE, Wire::peer), 0);
     FakeNetwork network;
     installed = &network;
     auto golden = readGolden();
