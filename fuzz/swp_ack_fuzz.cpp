@@ -66,17 +66,17 @@ struct World {
 
 // Makes good the words that `bits` name, as far as they are there.
 void mend(Bytes &bytes, unsigned bits, const World &world) {
-    const auto set = [&](unsigned bit, unsigned offset, std::uint32_t value) {
-        if ((bits >> bit & 1) != 0 && bytes.size() >= offset + 4) zelIpcHdrSet32(bytes.data(), offset, value);
-    };
-    set(0, 0, ZEL_IPC_MAGIC);
-    set(1, 24, ZEL_SWP_ACK_PACKET);
-    set(2, 40, zel_sysGetIpAddr());
-    set(3, 44, zel_getQueueId(76, 0, 1));
-    set(4, 60, world.queue);
-    set(5, 64, 0);
-    set(6, 76, world.status().stream);
-    set(7, 80, 0);
+    const struct {
+        unsigned offset;
+        std::uint32_t value;
+    } words[] = {{0, ZEL_IPC_MAGIC},          {24, ZEL_SWP_ACK_PACKET},
+                 {40, zel_sysGetIpAddr()},    {44, zel_getQueueId(76, 0, 1)},
+                 {60, world.queue},           {64, 0},
+                 {76, world.status().stream}, {80, 0}};
+    for (const auto &word : words) {
+        if ((bits & 1) != 0 && bytes.size() >= word.offset + 4) zelIpcHdrSet32(bytes.data(), word.offset, word.value);
+        bits >>= 1;
+    }
 }
 
 void asAcknowledgement(World &world, const Bytes &bytes) {
@@ -120,15 +120,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     Bytes bytes(data + 2, data + size);
     world.network.sent.clear();
     mend(bytes, data[1], world);
-    switch (data[0] % 3) {
-        case 0:
-            asAcknowledgement(world, bytes);
-            break;
-        case 1:
-            asMessage(world, bytes);
-            break;
-        default:
-            asListMessage(world, bytes);
-    }
+    void (*const targets[])(World &, const Bytes &) = {asAcknowledgement, asMessage, asListMessage};
+    targets[data[0] % 3](world, bytes);
     return 0;
 }

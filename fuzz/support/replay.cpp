@@ -25,30 +25,21 @@ Input read(const std::filesystem::path &path) {
 
 // A copy on the heap of exactly its size, so that a sanitizer sees the first byte read behind it.
 void run(const Input &input) {
-    const Input exact(input.begin(), input.end());
+    const Input exact(input);
     LLVMFuzzerTestOneInput(exact.data(), exact.size());
 }
 
+// Up to eight times: a byte becomes another one, or 0, or 0xff, or has a bit turned; or the input ends there.
 Input mutated(Input input, std::mt19937 &random) {
-    const auto below = [&](std::size_t limit) {
-        return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random);
-    };
-    for (std::size_t changes = 1 + below(8); changes > 0 && !input.empty(); --changes) {
-        const std::size_t at = below(input.size());
-        switch (below(4)) {
-            case 0:
-                input[at] = static_cast<std::uint8_t>(random());
-                break;
-            case 1:
-                input[at] = static_cast<std::uint8_t>(input[at] ^ (1u << below(8)));
-                break;
-            case 2:
-                input[at] = below(2) == 0 ? 0 : 0xff;
-                break;
-            default:
-                input.resize(at);
-                break;
-        }
+    for (std::size_t changes = 1 + random() % 8; changes > 0 && !input.empty(); --changes) {
+        const std::size_t at = random() % input.size();
+        const auto value = static_cast<std::uint8_t>(random());
+        const std::uint8_t values[] = {value, 0, 0xff, static_cast<std::uint8_t>(input[at] ^ 1u << value % 8)};
+        const std::size_t choice = random() % 5;
+        if (choice == std::size(values))
+            input.resize(at);
+        else
+            input[at] = values[choice];
     }
     return input;
 }
