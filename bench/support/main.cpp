@@ -161,12 +161,12 @@ int report(const Options &options) {
     const std::regex filter(options.filter);
     std::vector<Figure> figures;
     bool isComplete = true;
-    printf("%s\n", tableHeader().c_str());
     for (std::size_t i = 0; i < rows().size(); ++i) {
         if (!std::regex_search(rows()[i]->name(), filter)) continue;
         const auto measured = measureRow(i, options);
         if (measured.empty()) isComplete = false;
         for (const auto &figure : measured) {
+            if (figures.empty()) printf("%s\n", tableHeader().c_str());
             printf("%s\n", tableLine(figure).c_str());
             figures.push_back(figure);
         }
