@@ -67,14 +67,14 @@ class Sender {
 public:
     explicit Sender(uint32_t relayData = 0, uint32_t relayAcks = 0) : buffers_(capacity + 1) {
         vx2bsd_start(0, 1, 100, 100);
-        key_ = static_cast<uint32_t>(zelIpcOpen(61, 0));
+        key = static_cast<uint32_t>(zelIpcOpen(61, 0));
         zelTmeSetTaskEntry(76, 0, ZEL_TME_HERE, zel_sysGetIpAddr());
         EXPECT_EQ(zelSwpQueueCreateQs(61, 0, 76, 0, capacity, 8, 1, 255, onFailure, relayAcks, 0, relayData, &queue),
                   0);
     }
     ~Sender() {
         zelSwpQueueRemove(queue);
-        zelIpcClose(key_);
+        zelIpcClose(key);
     }
 
     // False when acknowledgements stay out for 30 seconds.
@@ -88,7 +88,7 @@ public:
                 if (zelSwpEnqueue(queue, message.bytes, messageBytes) != 0) return false;
             }
             uint8_t ack[200];
-            const int length = zelIpcRecv(key_, ack, sizeof ack, 30, 0, 0);
+            const int length = zelIpcRecv(key, ack, sizeof ack, 30, 0, 0);
             if (length < 0) return false;
             zelSwpProcAck(ack, length, nullptr);
             for (void *message = nullptr; zelSwpDequeue(queue, &message) == 0;) ++released;
@@ -99,14 +99,14 @@ public:
         Message message;
         zelIpcSetTargetHeader(message.bytes, zel_sysGetIpAddr(), 0, 76, 0);
         zelIpcHdrSet32(message.bytes, 12, endOfTest);
-        EXPECT_EQ(zelIpcNonGuaranteedSend(key_, message.bytes, 64), 0);
+        EXPECT_EQ(zelIpcNonGuaranteedSend(key, message.bytes, 64), 0);
     }
 
+    uint32_t key = 0;
     uint32_t queue = 0;
 
 private:
     static void onFailure(void *, int code) { EXPECT_EQ(code, ZEL_SWP_QUEUE_FULL); }
-    uint32_t key_ = 0;
     std::vector<Message> buffers_;
 };
 
@@ -135,14 +135,9 @@ INSTANTIATE_TEST_SUITE_P(AckEvery, SwpStream, testing::Values(1u, 4u));
 // Tasks that enqueue side by side, one that takes in acknowledgements, one that tunes, and the timer task.
 TEST(SwpThreads, ManyUseOneQueue) {
     constexpr uint32_t producers = 3, each = 2'000, total = producers * each;
-    vx2bsd_start(0, 1, 100, 100);
-    const auto senderKey = static_cast<uint32_t>(zelIpcOpen(61, 0));
+    Sender sender;
     const auto receiverKey = static_cast<uint32_t>(zelIpcOpen(76, 0));
-    zelTmeSetTaskEntry(76, 0, ZEL_TME_HERE, zel_sysGetIpAddr());
-    uint32_t queue = 0;
-    ASSERT_EQ(zelSwpQueueCreate(
-                  61, 0, 76, 0, capacity, 8, 1, 255, [](void *, int) {}, &queue),
-              0);
+    const uint32_t queue = sender.queue;
     swpFifoQueue[queue].free = free;
 
     zelSwpReceiver *receiver = zelSwpReceiverCreate(receiverKey, 0, 2);
@@ -181,16 +176,14 @@ TEST(SwpThreads, ManyUseOneQueue) {
     });
     while (released < total) {
         uint8_t ack[200];
-        const int length = zelIpcRecv(senderKey, ack, sizeof ack, 20, 0, 0);
+        const int length = zelIpcRecv(sender.key, ack, sizeof ack, 20, 0, 0);
         ASSERT_GT(length, 0);
         zelSwpProcAck(ack, length, nullptr);
         for (void *message = nullptr; zelSwpDequeue(queue, &message) == 0; ++released) free(message);
     }
     isOver = true;
     for (auto &thread : threads) thread.join();
-    EXPECT_EQ(zelSwpQueueRemove(queue), 0);
     zelSwpReceiverDestroy(receiver);
-    zelIpcClose(senderKey);
     zelIpcClose(receiverKey);
 }
 
