@@ -20,31 +20,9 @@ void expectHolds(zelRingId ring, int size, int bytes) {
     EXPECT_EQ(rngIsFull(ring) != 0, bytes == size);
 }
 
-TEST(Ring, HoldsWhatItWasMadeFor) {
-    for (const int size : {0, 1, 2, 10}) {
-        const zelRingId ring = rngCreate(size);
-        char buffer[32] = {};
-        expectHolds(ring, size, 0);
-        EXPECT_EQ(rngBufPut(ring, buffer, 32), size);
-        expectHolds(ring, size, size);
-        EXPECT_EQ(rngBufPut(ring, buffer, 1), 0);
-        EXPECT_EQ(rngBufGet(ring, buffer, 32), size);
-        EXPECT_EQ(rngBufGet(ring, buffer, 1), 0);
-        EXPECT_EQ(rngBufPut(ring, buffer, -1), 0);
-        EXPECT_EQ(rngBufGet(ring, buffer, -1), 0);
-        rngBufPut(ring, buffer, size);
-        rngFlush(ring);
-        expectHolds(ring, size, 0);
-        rngDelete(ring);
-    }
-    EXPECT_EQ(rngCreate(-1), nullptr);
-    EXPECT_EQ(rngCreate(INT32_MAX), nullptr);
-}
-
 TEST(Ring, AgreesWithAModel) {
     Random random = seeded();
-    for (int round = 0; round < 50; ++round) {
-        const int size = static_cast<int>(random() % 40);
+    for (int size = 0; size < 40; ++size) {
         const zelRingId ring = rngCreate(size);
         std::deque<char> model;
         for (int i = 0; i < 2000; ++i) {
@@ -68,8 +46,12 @@ TEST(Ring, AgreesWithAModel) {
                 model.clear();
             }
         }
+        char byte = 0;
+        EXPECT_EQ(rngBufPut(ring, &byte, -1) + rngBufGet(ring, &byte, -1), 0);
         rngDelete(ring);
     }
+    EXPECT_EQ(rngCreate(-1), nullptr);
+    EXPECT_EQ(rngCreate(INT32_MAX), nullptr);
 }
 
 // Bytes put ahead in any order become readable together, also over the end of the ring.

@@ -1,20 +1,15 @@
 // Suspension: the task does nothing more on return, wherever it was, and nothing else is held up.
 #include <unistd.h>
 
-#include <array>
-#include <cstdlib>
-
-#include "base/lock.h"
-#include "kernel/task.h"
-#include "platform/seam.h"
 #include "tests/kernel/tasks.h"
+#include "tests/support/random.h"
 
 namespace zel::test {
 namespace {
 
 class Suspend : public KernelTest {
 protected:
-    static int rounds() { return getenv("ZEL_TEST_FULL") != nullptr ? 1000 : 200; }
+    static int rounds() { return isFullRun() ? 1000 : 200; }
     // Reads `counter` often enough for a running task to be seen.
     static bool standsStill(const std::atomic<std::uint64_t> &counter) {
         const std::uint64_t stopped = counter;
@@ -27,15 +22,17 @@ protected:
     bool goesOn(std::uint64_t seen) {
         return eventually(20, [&] { return counter > seen; });
     }
+    Body counting = [this] {
+        while (!gate.isOpen()) ++counter;
+    };
     std::atomic<std::uint64_t> counter{0};
 };
 
 TEST_F(Suspend, ABusyTaskStandsStillOnReturn) {
-    const zelTaskId tid = spawn([&] {
-        while (!gate.isOpen()) ++counter;
-    });
+    const zelTaskId tid = spawn(counting);
+    EXPECT_EQ(taskResume(tid), ZEL_OK);  // it runs already
     for (int i = 0; i < rounds(); ++i) {
-        ASSERT_EQ(taskSuspend(tid), ZEL_OK);
+        ASSERT_EQ(taskSuspend(tid) + taskSuspend(tid), ZEL_OK);  // does not count
         ASSERT_TRUE(standsStill(counter)) << i;
         ASSERT_EQ(taskIsSuspended(tid), 1);
         ASSERT_EQ(taskIsReady(tid), 0);
@@ -71,10 +68,10 @@ TEST_F(Suspend, ATaskInAndOutOfTheKernelStandsStillAndHoldsNothing) {
             wdDelete(watchdog);
         },
         [&] {
+            zelTaskDesc description;
             while (!gate.isOpen()) {
-                char name[20];
-                taskInfoGet(taskIdSelf(), std::array<zelTaskDesc, 1>{}.data());
-                snprintf(name, sizeof name, "%d", static_cast<int>(++counter));
+                taskInfoGet(taskIdSelf(), &description);
+                ++counter;
             }
         },
     };
@@ -113,37 +110,6 @@ TEST_F(Suspend, ADelayedTaskStaysSuspendedBeyondItsDelay) {
     }
 }
 
-TEST_F(Suspend, APendingTaskTakesNothingUntilItIsResumed) {
-    Mutex mutex{LockRank::object, "&object"};
-    kernel::WaitList waiters;
-    bool hasToken = false;
-    std::atomic<bool> isTaken{false};
-    const zelTaskId tid = spawn([&] {
-        const kernel::KernelSection section;
-        Lock lock(mutex);
-        kernel::Tcb &self = kernel::currentTask();
-        kernel::joinWaitList(waiters, self);
-        while (!hasToken) kernel::park(lock, platform::forever);
-        kernel::leaveWaitList(waiters, self);
-        isTaken = true;
-    });
-    ASSERT_TRUE(eventually(20, [&] { return field(tid, &zelTcb::state) == ZEL_TASK_PENDING; }));
-    EXPECT_EQ(taskSuspend(tid), ZEL_OK);
-    EXPECT_EQ(field(tid, &zelTcb::state), ZEL_TASK_PENDING | ZEL_TASK_SUSPENDED);
-    {
-        const Lock lock(mutex);
-        hasToken = true;
-        EXPECT_TRUE(kernel::isTurnOf(waiters, *taskTcb(tid), false));
-        kernel::unparkAll(waiters);
-    }
-    taskDelay(3);
-    EXPECT_FALSE(isTaken);
-    { const Lock stillFree(mutex); }
-    EXPECT_EQ(taskResume(tid), ZEL_OK);
-    EXPECT_TRUE(ends(tid));
-    EXPECT_TRUE(isTaken);
-}
-
 TEST_F(Suspend, ATaskMaySuspendItself) {
     const zelTaskId tid = spawn([&] {
         for (int i = 0; i < 3; ++i) {
@@ -160,48 +126,23 @@ TEST_F(Suspend, ATaskMaySuspendItself) {
     EXPECT_TRUE(ends(tid));
 }
 
-TEST_F(Suspend, DoesNotCountAndResumingARunningTaskIsFine) {
-    const zelTaskId tid = spawn([&] {
-        while (!gate.isOpen()) ++counter;
-    });
-    EXPECT_EQ(taskResume(tid), ZEL_OK);
-    EXPECT_EQ(taskSuspend(tid) + taskSuspend(tid) + taskSuspend(tid), ZEL_OK);
-    const std::uint64_t seen = counter;
-    EXPECT_EQ(taskResume(tid), ZEL_OK);
-    EXPECT_TRUE(goesOn(seen));
-}
-
-TEST_F(Suspend, RightAfterItsStartATaskIsStoppedToo) {
-    for (int i = 0; i < 50; ++i) {
-        const zelTaskId tid = spawn([&] {
-            while (!gate.isOpen()) ++counter;
-        });
-        ASSERT_EQ(taskSuspend(tid), ZEL_OK);
-        ASSERT_TRUE(standsStill(counter));
-        ASSERT_EQ(taskResume(tid), ZEL_OK);
-        gate.open();
-        ASSERT_TRUE(ends(tid));
-        gate.close();
-    }
-}
-
 TEST_F(Suspend, ASuspendedTaskCanBeDeletedWhereverItStopped) {
     const Body bodies[] = {
         [] {
             for (;;) taskDelay(1);
         },
-        [&] {
-            for (;;) {
-                ++counter;
-                if (counter % 64 == 0) taskUnsafe();
-            }
+        [] {
+            for (;;) taskUnsafe();
         },
-        [] { taskDelay(1000000); },
         [] {
             taskSafe();
-            taskSuspend(0);
-            for (;;) taskDelay(1);
+            for (;;) taskSuspend(0);
         },
+#ifndef __SANITIZE_THREAD__  // that tool loses track of a thread that is cancelled inside a signal handler
+        [] {
+            for (;;) usleep(100);
+        },
+#endif
     };
     for (const Body &body : bodies) {
         for (int i = 0; i < 20; ++i) {
@@ -212,18 +153,6 @@ TEST_F(Suspend, ASuspendedTaskCanBeDeletedWhereverItStopped) {
         }
     }
 }
-
-#ifndef __SANITIZE_THREAD__  // that tool loses track of a thread that is cancelled inside a signal handler
-TEST_F(Suspend, ATaskStoppedInACallOfTheHostCanBeDeleted) {
-    for (int i = 0; i < 20; ++i) {
-        const zelTaskId tid = spawn([] {
-            for (;;) usleep(100);
-        });
-        ASSERT_EQ(taskSuspend(tid), ZEL_OK);
-        ASSERT_EQ(taskDeleteForce(tid), ZEL_OK);
-    }
-}
-#endif
 
 TEST_F(Suspend, ATaskThatWaitsForAnObjectTakesItWhenItIsResumed) {
     const zelSemId semaphore = semBCreate(ZEL_SEM_FIFO, 0);
@@ -237,8 +166,6 @@ TEST_F(Suspend, ATaskThatWaitsForAnObjectTakesItWhenItIsResumed) {
         Body serve;
     } rows[] = {
         {"semaphore", [&] { counter += semTake(semaphore, WAIT_FOREVER) == ZEL_OK; }, [&] { semGive(semaphore); }},
-        {"semaphore with a limit", [&] { counter += semTake(semaphore, 100000) == ZEL_OK; },
-         [&] { semGive(semaphore); }},
         {"mutex", [&] { counter += semTake(mutex, WAIT_FOREVER) == ZEL_OK && semGive(mutex) == ZEL_OK; },
          [&] { isOwned = semGive(mutex) != ZEL_OK; }},
         {"receive", [&] { counter += msgQReceive(empty, received, 8, WAIT_FOREVER) == 8; },
@@ -286,14 +213,13 @@ TEST_F(Suspend, TwoTasksMaySuspendEachOther) {
 
 TEST_F(Suspend, ManySuspendersAndDeletersAtOnce) {
     std::atomic<bool> isOver{false};
-    std::atomic<zelTaskId> target{0};
+    std::atomic<zelTaskId> target{30000};  // nobody yet
     const auto attack = [&] {
         while (!isOver) {
             if (taskSuspend(target) != ZEL_OK) breathe();
             taskResume(target);
         }
     };
-    target = 30000;  // nobody yet
     const zelTaskId attackers[] = {spawn(attack), spawn(attack)};
     for (int i = 0; i < 100; ++i) {
         const zelTaskId tid = spawn([&] {

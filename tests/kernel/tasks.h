@@ -1,4 +1,4 @@
-// Tasks for tests: a task that runs a callable, and a fixture that leaves no task behind.
+// Tasks for tests: a task that runs a callable, a fixture that leaves no task behind, and a task that its scope owns.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -107,6 +107,43 @@ protected:
 
 private:
     int tasksBefore_ = 0;
+};
+
+constexpr double patience = 30;
+
+// Runs `body` in a task; deletes the task at the end when it still runs.
+class TestTask {
+public:
+    explicit TestTask(Body body, int priority = 100)
+        : id_(spawn(
+              [this, body = std::move(body)] {
+                  body();
+                  hasEnded_ = true;
+              },
+              nullptr, priority)) {
+        EXPECT_GT(id_, 0);
+    }
+    TestTask(const TestTask &) = delete;
+    TestTask &operator=(const TestTask &) = delete;
+    ~TestTask() { remove(); }
+
+    zelTaskId id() const { return id_; }
+    bool hasEnded() const { return hasEnded_; }
+    bool ends() const {
+        return eventually(patience, [&] { return hasEnded(); });
+    }
+    bool isPending() const { return (field(id_, &zelTcb::state) & ZEL_TASK_PENDING) != 0; }
+    // Whether the task comes to pend on an object.
+    bool pends() const {
+        return eventually(patience, [&] { return isPending(); });
+    }
+    void remove() {
+        if (!hasEnded_.exchange(true)) taskDeleteForce(id_);
+    }
+
+private:
+    std::atomic<bool> hasEnded_{false};
+    zelTaskId id_;
 };
 
 }  // namespace zel::test
