@@ -81,30 +81,19 @@ TEST_F(Print, EachLevelHasItsHeaderAndItsBuffer) {
 
 TEST_F(Print, EveryPrinterHasItsLevel) {
     zelTraceInit();
-    zelTracePrintf(3, "%s", "a");
-    zelErrorPrintf(3, "b");
-    zelWarningPrintf(3, "c");
-    zelNvramPrintf(3, "d");
-    zelHwTracePrintf(3, "e");
-    zelAllTracePrintf(3, "f");
-    zelHwErrorPrintf(3, "g");
-    zelAllErrorPrintf(3, "h");
-    zelHwWarningPrintf(3, "i");
-    zelAllWarningPrintf(3, "j");
-    zelHwEventPrintf(3, "k");
-    zelAllEventPrintf(3, "l");
+    zelTracePrintf(3, "%s", "a"), zelErrorPrintf(3, "b"), zelWarningPrintf(3, "c"), zelNvramPrintf(3, "d");
+    zelHwTracePrintf(3, "e"), zelHwErrorPrintf(3, "f"), zelHwWarningPrintf(3, "g"), zelHwEventPrintf(3, "h");
+    zelAllTracePrintf(3, "i"), zelAllErrorPrintf(3, "j"), zelAllWarningPrintf(3, "k"), zelAllEventPrintf(3, "l");
     zelHwTraceFlag = 0;
-    zelHwErrorPrintf(3, "silent");
-    zelAllEventPrintf(3, "silent");
+    zelHwErrorPrintf(3, "silent"), zelAllEventPrintf(3, "silent");
     zelHwTraceFlag = 1;
-    const auto levels = [](int buffer) {
+    const auto levels = [](const History &history) {
         std::vector<uint32_t> result;
-        const History history(buffer);
         for (uint32_t i = 0; i < history.index(); ++i) result.push_back(history.level(i));
         return result;
     };
-    EXPECT_EQ(levels(0), (std::vector<uint32_t>{2, 3, 4, 5}));
-    EXPECT_EQ(levels(2), (std::vector<uint32_t>{11, 11, 12, 12, 10, 10, 9, 9}));
+    EXPECT_EQ(levels(History(0)), (std::vector<uint32_t>{2, 3, 4, 5}));
+    EXPECT_EQ(levels(History(2)), (std::vector<uint32_t>{11, 12, 10, 9, 11, 12, 10, 9}));
 }
 
 TEST_F(Print, BeforeInitialisationGoesToStandardOutput) {
@@ -154,15 +143,6 @@ TEST_F(Print, ModuleWordKeepsPlainTracesOutOfTheHistory) {
     EXPECT_EQ(History(0).index(), 2u);
     EXPECT_EQ(printedBy([] { zelSetModuleTraceFlag(0, 1), zelSetModuleTraceFlag(142, 1); }),
               "Invalid module id 0 \r\nInvalid module id 142 \r\n");
-}
-
-TEST_F(Print, ModulesAreFoundByName) {
-    EXPECT_EQ(zelTraceGetModuleIdFromName("Dhcpv6Relay"), 102u);
-    EXPECT_EQ(zelTraceGetModuleIdFromName("CRYPTOMGR"), 139u);
-    EXPECT_EQ(zelTraceGetModuleIdFromName(nullptr), 0u);
-    const std::string printed = printedBy([] { EXPECT_EQ(zelTraceGetModuleIdFromName("?\?\?"), 0u); });
-    EXPECT_EQ(printed.rfind("Invalid module.\r\nValid modules: SYS   RAM   ", 0), 0u);
-    EXPECT_NE(printed.find("PHONEHOME   CRYPTOMGR   "), std::string::npos);
 }
 
 TEST_F(Print, AssertReportsCallerAndGoesOn) {

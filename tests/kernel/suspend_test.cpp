@@ -44,52 +44,32 @@ TEST_F(Suspend, ABusyTaskStandsStillOnReturn) {
 }
 
 TEST_F(Suspend, ATaskInAndOutOfTheKernelStandsStillAndHoldsNothing) {
-    const Body bodies[] = {
-        [&] {
-            while (!gate.isOpen()) {
-                taskLock();
-                ++counter;
-                taskUnlock();
-            }
-        },
-        [&] {
-            while (!gate.isOpen()) {
-                taskDelay(0);
-                ++counter;
-            }
-        },
-        [&] {
-            const zelWdogId watchdog = wdCreate();
-            while (!gate.isOpen()) {
-                wdStart(watchdog, 1, nullptr, 0);
-                ++counter;
-                wdCancel(watchdog);
-            }
-            wdDelete(watchdog);
-        },
-        [&] {
-            zelTaskDesc description;
-            while (!gate.isOpen()) {
-                taskInfoGet(taskIdSelf(), &description);
-                ++counter;
-            }
-        },
+    const zelWdogId watchdog = wdCreate();
+    zelTaskDesc description;
+    const Body calls[] = {
+        [] { taskLock(), taskUnlock(); },
+        [] { taskDelay(0); },
+        [&] { wdStart(watchdog, 1, nullptr, 0), wdCancel(watchdog); },
+        [&] { taskInfoGet(taskIdSelf(), &description); },
     };
-    for (const Body &body : bodies) {
-        const zelTaskId tid = spawn(body);
+    for (const Body &call : calls) {
+        TestTask task([&] {
+            for (; !gate.isOpen(); ++counter) call();
+        });
         for (int i = 0; i < rounds() / 4; ++i) {
-            ASSERT_EQ(taskSuspend(tid), ZEL_OK);
+            ASSERT_EQ(taskSuspend(task.id()), ZEL_OK);
             ASSERT_TRUE(standsStill(counter)) << i;
             // Whoever needs the same locks gets them.
-            const zelWdogId watchdog = wdCreate();
-            ASSERT_EQ(wdDelete(watchdog), ZEL_OK);
-            ASSERT_EQ(taskResume(tid), ZEL_OK);
+            ASSERT_EQ(wdDelete(wdCreate()), ZEL_OK);
+            ASSERT_EQ(wdCancel(watchdog), ZEL_OK);
+            ASSERT_EQ(taskResume(task.id()), ZEL_OK);
         }
         ASSERT_TRUE(goesOn(counter));
         gate.open();
-        ASSERT_TRUE(ends(tid));
+        ASSERT_TRUE(task.ends());
         gate.close();
     }
+    EXPECT_EQ(wdDelete(watchdog), ZEL_OK);
 }
 
 TEST_F(Suspend, ADelayedTaskStaysSuspendedBeyondItsDelay) {
@@ -111,19 +91,14 @@ TEST_F(Suspend, ADelayedTaskStaysSuspendedBeyondItsDelay) {
 }
 
 TEST_F(Suspend, ATaskMaySuspendItself) {
-    const zelTaskId tid = spawn([&] {
-        for (int i = 0; i < 3; ++i) {
-            taskSuspend(i == 1 ? taskIdSelf() : 0);
-            ++counter;
-        }
+    TestTask task([&] {
+        for (int i = 0; i < 3; ++i, ++counter) taskSuspend(i == 1 ? taskIdSelf() : 0);
     });
     for (std::uint64_t i = 0; i < 3; ++i) {
-        ASSERT_TRUE(eventually(20, [&] { return taskIsSuspended(tid) == 1; }));
-        EXPECT_EQ(counter, i);
-        EXPECT_EQ(taskResume(tid), ZEL_OK);
-        ASSERT_TRUE(eventually(20, [&] { return counter == i + 1; }));
+        ASSERT_TRUE(eventually(20, [&] { return counter == i && taskIsSuspended(task.id()) == 1; }));
+        EXPECT_EQ(taskResume(task.id()), ZEL_OK);
     }
-    EXPECT_TRUE(ends(tid));
+    EXPECT_TRUE(task.ends());
 }
 
 TEST_F(Suspend, ASuspendedTaskCanBeDeletedWhereverItStopped) {

@@ -201,45 +201,45 @@ protected:
         for (const zelIntervalTimerId timer : timers) vx2bsdTimerDelete(timer);
         KernelTest::TearDown();
     }
+    static Calls second() {
+        process_vx2bsd_timer_list();
+        return takeCalls();
+    }
     // The seconds, counted from 1, at which something was called.
     static std::vector<int> passes(int seconds) {
         std::vector<int> fired;
-        for (int second = 1; second <= seconds; ++second) {
-            process_vx2bsd_timer_list();
-            if (!takeCalls().empty()) fired.push_back(second);
-        }
+        for (int i = 1; i <= seconds; ++i)
+            if (!second().empty()) fired.push_back(i);
         return fired;
     }
 };
 
-void tell(zelIntervalTimerId timer, intptr_t argument) {
-    for (int i = 0; i < 4; ++i)
-        if (timers[i] == timer) note("timer " + std::to_string(i) + " " + std::to_string(argument));
+void tell(zelIntervalTimerId, intptr_t argument) {
+    note("timer " + std::to_string(argument));
 }
 
 TEST_F(IntervalTimers, OneShotAndPeriodic) {
-    using Seconds = std::vector<int>;
-    EXPECT_EQ(vx2bsdTimerStart(timers[0], 3, tell, 1, 0), ZEL_OK);
-    EXPECT_EQ(passes(9), Seconds{3});
-    EXPECT_EQ(vx2bsdTimerStart(timers[0], 3, tell, 1, 1), ZEL_OK);
-    EXPECT_EQ(passes(10), (Seconds{3, 6, 9}));
-    EXPECT_EQ(vx2bsdTimerCancel(timers[0]), ZEL_OK);
-    EXPECT_EQ(passes(10), Seconds{});
-    EXPECT_EQ(vx2bsdTimerStart(timers[0], 0, tell, 1, 0x2), ZEL_OK);  // only bit 0 makes it periodic
-    EXPECT_EQ(passes(4), Seconds{1});
-    EXPECT_EQ(vx2bsdTimerStart(timers[0], -7, tell, 1, 0x3), ZEL_OK);
-    EXPECT_EQ(passes(3), (Seconds{1, 2, 3}));
+    const struct {
+        int seconds, flags;
+        std::vector<int> fires;
+    } rows[] = {{3, 0, {3}}, {3, 1, {3, 6, 9}}, {0, 0x2, {1}}, {-7, 0x3, {1, 2, 3, 4, 5, 6, 7, 8, 9}}};
+    for (const auto &row : rows) {
+        EXPECT_EQ(vx2bsdTimerStart(timers[0], row.seconds, tell, 1, row.flags), ZEL_OK);
+        EXPECT_EQ(passes(9), row.fires) << row.seconds;
+    }
     EXPECT_EQ(vx2bsdTimerSetTime(timers[0], 2, 0), ZEL_OK);  // same routine, same argument
-    EXPECT_EQ(passes(5), Seconds{2});
+    EXPECT_EQ(passes(5), std::vector<int>{2});
+    vx2bsdTimerStart(timers[0], 1, tell, 1, 1);
+    EXPECT_EQ(vx2bsdTimerCancel(timers[0]), ZEL_OK);
+    EXPECT_EQ(passes(3), std::vector<int>{});
 }
 
 TEST_F(IntervalTimers, CallWhatIsConnectedAndNothingWithoutARoutine) {
     vx2bsdTimerStart(timers[1], 1, tell, 1, 1);
     EXPECT_EQ(vx2bsdTimerConnect(timers[1], tell, 5), ZEL_OK);
-    process_vx2bsd_timer_list();
-    EXPECT_EQ(takeCalls(), Calls{"timer 1 5"});
-    EXPECT_EQ(vx2bsdTimerConnect(timers[1], nullptr, 0), ZEL_OK);
-    process_vx2bsd_timer_list();
+    EXPECT_EQ(second(), Calls{"timer 5"});
+    vx2bsdTimerConnect(timers[1], nullptr, 0);
+    EXPECT_EQ(second(), Calls{});
     vx2bsdTimerConnect(timers[1], tell, 6);
     EXPECT_EQ(passes(3), std::vector<int>{});  // it was not reloaded
     for (const zelIntervalTimerId unknown : {zelIntervalTimerId{}, reinterpret_cast<zelIntervalTimerId>(this)}) {
@@ -263,12 +263,10 @@ TEST_F(IntervalTimers, APeriodicRoutineMayCancelOrDeleteItsTimerAndTheNext) {
     };
     vx2bsdTimerStart(timers[0], 1, cancel, 0, 1);
     vx2bsdTimerStart(timers[1], 1, deleteBoth, 0, 1);
-    vx2bsdTimerStart(timers[2], 1, tell, 0, 1);
-    vx2bsdTimerStart(timers[3], 1, tell, 0, 0);
-    process_vx2bsd_timer_list();
-    EXPECT_EQ(takeCalls(), (Calls{"cancel", "delete"}));
-    process_vx2bsd_timer_list();
-    EXPECT_EQ(takeCalls(), Calls{"timer 3 0"});
+    vx2bsdTimerStart(timers[2], 1, tell, 2, 1);
+    vx2bsdTimerStart(timers[3], 1, tell, 3, 0);
+    EXPECT_EQ(second(), (Calls{"cancel", "delete"}));
+    EXPECT_EQ(second(), Calls{"timer 3"});
     EXPECT_EQ(passes(3), std::vector<int>{});
 }
 
@@ -289,14 +287,14 @@ TEST_F(IntervalTimers, AndWatchdogsAreCalledByTheServiceTasks) {
 
 TEST_F(IntervalTimers, TimersMayComeAndGoWhileThePassRuns) {
     std::atomic<bool> isOver{false};
+    const auto nothing = [](intptr_t) {};
     const zelTaskId churn = spawn([&] {
         while (!isOver) {
             const zelIntervalTimerId timer = vx2bsdTimerCreate();
             vx2bsdTimerStart(
                 timer, 1, [](zelIntervalTimerId, intptr_t) {}, 0, 1);
             const zelWdogId watchdog = wdCreate();
-            wdStart(
-                watchdog, 1, [](intptr_t) {}, 0);
+            wdStart(watchdog, 1, nothing, 0);
             taskDelay(0);
             vx2bsdTimerDelete(timer);
             wdDelete(watchdog);
