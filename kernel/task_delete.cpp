@@ -56,7 +56,7 @@ int end(Lock &list, Tcb &task) {
         list.unlock();
         pthread_exit(nullptr);
     }
-    task.lifeFlags |= lifeEnding;
+    task.lifeFlags |= lifeEnding | lifeDoomed;
     wakeWatchers(task);
     if (!reap(list, task)) awaitCancellation(list);
     return 0;
@@ -121,6 +121,7 @@ void stopThread(Lock &list, Tcb &task) {
     pthread_cancel(thread);
     list.lock();
     --task.pins;
+    task.lifeFlags &= ~static_cast<std::uint32_t>(lifeDoomed);
     endSuspension(task);
     unpark(task);
     wakeWatchers(task);
@@ -153,8 +154,12 @@ int taskDeleteForce(zelTaskId tid) {
 
 int taskSafe(void) {
     const KernelSection section;
-    const Lock list(taskListLock);
-    ++currentTask().safeCount;
+    Tcb &self = currentTask();
+    Lock list(taskListLock);
+    // A deleter found the task unsafe and has not caught up with it yet: it is not caught inside the section.
+    while (has(self, lifeDoomed)) watch(list, self);
+    if (has(self, lifeEnding)) pthread_testcancel();
+    ++self.safeCount;
     return ZEL_OK;
 }
 

@@ -283,8 +283,8 @@ int taskDeleteForce(zelTaskId tid);
  * NOT_ENOUGH_MEMORY. */
 int taskRestart(zelTaskId tid);
 
-/* Makes the calling task delete-safe, and takes that back; the calls nest. taskUnsafe may block: where deleters wait,
- * the last one hands the task over to them. ZEL_OK. */
+/* Makes the calling task delete-safe, and takes that back; the calls nest. A task whose deletion was decided before
+ * ends in taskSafe. taskUnsafe may block: where deleters wait, the last one hands the task over to them. ZEL_OK. */
 int taskSafe(void);
 int taskUnsafe(void);
 

@@ -1,4 +1,5 @@
 // Messages of the route table manager's client, and what the manager sends by itself.
+#include <cstdlib>
 #include <cstring>
 
 #include "tests/wire/wire.h"
@@ -19,6 +20,7 @@ std::uint32_t queue() {
     std::uint32_t number = 0;
     zelSwpQueueCreate(
         Wire::service, Wire::instance, ZEL_RTM_SERVICE, 0, 0, 0, 1, 1, [](void *, int) {}, &number);
+    swpFifoQueue[number] = {[](std::uint32_t bytes) { return calloc(1, bytes); }, free};
     return number;
 }
 
