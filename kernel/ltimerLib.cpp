@@ -27,8 +27,6 @@ namespace zel::kernel {
 namespace {
 
 constexpr int periodicFlag = 0x1;
-constexpr std::uint64_t ticksPerSecond = 50;
-constexpr std::uint64_t nanosecondsPerTick = platform::nanosecondsPerSecond / ticksPerSecond;
 
 constinit Mutex timerListLock{LockRank::objectList, "&timer_list_lock"};
 zelIntTimer *timer_list = nullptr;
@@ -37,10 +35,6 @@ std::uint64_t removals = 0;  // under timerListLock; while it stands still, a li
 // The two words of the offset change together: odd while they do.
 constinit Mutex offsetLock{LockRank::module, "&tick_lock"};
 constinit std::atomic<std::uint32_t> offsetVersion{0};
-
-std::uint64_t rawTicks() {
-    return platform::now() / nanosecondsPerTick;
-}
 
 bool isListed(const zelIntTimer *timer) {
     const zelIntTimer *other = timer_list;
@@ -104,13 +98,13 @@ uint64_t vxAbsTicksAdd = 0;
 int32_t vxAbsTicksSign = 0;
 
 int sysClkRateGet(void) {
-    return ticksPerSecond;
+    return platform::ticksPerSecond;
 }
 
 uint64_t tick64Get(void) {
     for (;;) {
         const std::uint32_t version = offsetVersion.load(std::memory_order_acquire);
-        const std::uint64_t raw = rawTicks();
+        const std::uint64_t raw = platform::nowInTicks();
         const std::uint64_t magnitude = __atomic_load_n(&vxAbsTicksAdd, __ATOMIC_ACQUIRE);
         const std::int32_t sign = __atomic_load_n(&vxAbsTicksSign, __ATOMIC_ACQUIRE);
         if ((version & 1) == 0 && offsetVersion.load(std::memory_order_relaxed) == version)
@@ -126,7 +120,7 @@ void tick64Set(uint32_t high, uint32_t low) {
     const KernelSection section;
     const Lock lock(offsetLock);
     const std::uint64_t wanted = (static_cast<std::uint64_t>(high) << 32) | low;
-    const std::uint64_t raw = rawTicks();
+    const std::uint64_t raw = platform::nowInTicks();
     offsetVersion.fetch_add(1, std::memory_order_relaxed);
     __atomic_store_n(&vxAbsTicksAdd, wanted <= raw ? raw - wanted : wanted - raw, __ATOMIC_RELEASE);
     __atomic_store_n(&vxAbsTicksSign, wanted <= raw ? -1 : 0, __ATOMIC_RELEASE);

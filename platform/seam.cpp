@@ -12,8 +12,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
-
 namespace zel::platform {
 namespace {
 
@@ -90,12 +88,20 @@ constinit const zelHostSeam hostSeam = {
 };
 
 constinit zelHostSeam replacement{};
-constinit std::atomic<const zelHostSeam *> inForce{&hostSeam};
-
 }  // namespace
 
+constinit std::atomic<const zelHostSeam *> seamInForce{&hostSeam};
+
 bool isHostSeam() {
-    return inForce.load(std::memory_order_acquire) == &hostSeam;
+    return &seam() == &hostSeam;
+}
+
+std::uint64_t nowInTicks() {
+    if (!isHostSeam()) return now() / nanosecondsPerTick;
+    timespec time;
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * ticksPerSecond +
+           static_cast<std::uint32_t>(time.tv_nsec) / static_cast<std::uint32_t>(nanosecondsPerTick);
 }
 
 }  // namespace zel::platform
@@ -104,9 +110,9 @@ using namespace zel::platform;
 
 void zelPlatformSetSeam(const zelHostSeam *newSeam) {
     if (newSeam != nullptr) replacement = *newSeam;
-    inForce.store(newSeam != nullptr ? &replacement : &hostSeam, std::memory_order_release);
+    seamInForce.store(newSeam != nullptr ? &replacement : &hostSeam, std::memory_order_release);
 }
 
 const zelHostSeam *zelPlatformSeam(void) {
-    return inForce.load(std::memory_order_acquire);
+    return &seam();
 }
