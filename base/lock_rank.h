@@ -10,9 +10,6 @@ enum class LockRank {
     swpQueue = 15,    // a sliding-window queue: sends and arms its timer under it
     objectList = 20,  // sema4_list_lock, mqueue_list_lock, wdog_list_lock, timer_list_lock
     object = 30,      // a semaphore's, queue's, watchdog's, timer's own lock
-    drain = 40,       // flush and deletion hand-shakes of an object
-    broadcast = 50,   // dbcst_lock of a task
-    taskDelete = 60,  // tdelete_lock of a task
     taskList = 70,    // task_list_lock: every control-block field, every wait-list link
     module = 75,      // private state of a module that calls nothing under it
     identity = 78,    // identity_lock: who this process is

@@ -3,18 +3,30 @@
 // The tick counter is computed when it is read: 50 ticks a second of the monotonic clock, plus an offset that setting
 // the counter leaves. Nothing counts.
 //
-// Interval timers are counted down by the timer task, once a second. The list lock guards the list and is taken before
-// a timer's own lock; a routine is called with neither held, so it may start, cancel, delete and create timers, itself
-// included.
+// Interval timers are counted down by the timer task, once a second. A periodic one runs again before its routine is
+// called, so that the routine may cancel it.
 #include <algorithm>
-#include <new>
 
-#include "kernel/task.h"
-#include "platform/scheduling.h"
+#include "kernel/countdown_list.h"
 #include "platform/seam.h"
 
 struct zelIntTimer {
-    zel::Mutex timer_lock{zel::LockRank::object, "&(timerId->timer_lock)"};
+    static constexpr int periodicFlag = 0x1;
+
+    struct Due {
+        zelIntervalRoutine routine = nullptr;
+        zelIntTimer *timer = nullptr;
+        intptr_t argument = 0;
+        void call() const { routine(timer, argument); }
+    };
+
+    Due countDown() {
+        if (remaining <= 0 || --remaining > 0 || routine == nullptr) return {};
+        if ((flags & periodicFlag) != 0) remaining = reload;
+        return {routine, this, argument};
+    }
+
+    zel::Mutex own{zel::LockRank::object, "&(timerId->timer_lock)"};
     int32_t reload = 0;  // seconds
     int flags = 0;
     int32_t remaining = 0;  // seconds; 0 or less: not running
@@ -26,67 +38,11 @@ struct zelIntTimer {
 namespace zel::kernel {
 namespace {
 
-constexpr int periodicFlag = 0x1;
-
-constinit Mutex timerListLock{LockRank::objectList, "&timer_list_lock"};
-zelIntTimer *timer_list = nullptr;
-std::uint64_t removals = 0;  // under timerListLock; while it stands still, a listed timer stays listed
+constinit CountdownList<zelIntTimer> timers("&timer_list_lock");
 
 // The two words of the offset change together: odd while they do.
 constinit Mutex offsetLock{LockRank::module, "&tick_lock"};
 constinit std::atomic<std::uint32_t> offsetVersion{0};
-
-bool isListed(const zelIntTimer *timer) {
-    const zelIntTimer *other = timer_list;
-    while (other != nullptr && other != timer) other = other->next;
-    return timer != nullptr && other != nullptr;
-}
-
-// Runs `change` on a timer with its lock held, or fails.
-template <class Change>
-int withTimer(zelIntervalTimerId timer, Change change) {
-    const KernelSection section;
-    Lock list(timerListLock);
-    if (!isListed(timer)) {
-        list.unlock();
-        return fail(ZEL_ERR_INVALID_OBJECT_ID);
-    }
-    const Lock own(timer->timer_lock);
-    list.unlock();
-    change(*timer);
-    return ZEL_OK;
-}
-
-struct DueTimer {
-    zelIntTimer *timer = nullptr;
-    zelIntervalRoutine routine = nullptr;
-    intptr_t argument = 0;
-};
-
-// Counts one second; what is to be called, if anything. A periodic timer runs again before its routine is called, so
-// that the routine may cancel it.
-DueTimer countDown(zelIntTimer &timer) {
-    const Lock own(timer.timer_lock);
-    if (timer.remaining <= 0 || --timer.remaining > 0 || timer.routine == nullptr) return {};
-    if ((timer.flags & periodicFlag) != 0) timer.remaining = timer.reload;
-    return {&timer, timer.routine, timer.argument};
-}
-
-// Counts down from `from` to the first timer that is due, which is returned, and leaves the one behind it in `from`.
-// Ends the walk at a timer that was deleted since the last step.
-DueTimer nextDue(zelIntTimer *&from, std::uint64_t &seenRemovals) {
-    const KernelSection section;
-    const Lock list(timerListLock);
-    if (seenRemovals != removals && !isListed(from)) from = nullptr;
-    seenRemovals = removals;
-    while (from != nullptr) {
-        zelIntTimer &timer = *from;
-        from = timer.next;
-        const DueTimer due = countDown(timer);
-        if (due.routine != nullptr) return due;
-    }
-    return {};
-}
 
 }  // namespace
 }  // namespace zel::kernel
@@ -137,30 +93,18 @@ int vx2bsdTimerLibInit(void) {
 }
 
 zelIntervalTimerId vx2bsdTimerCreate(void) {
-    const KernelSection section;
-    void *memory = allocate(sizeof(zelIntTimer));
-    if (memory == nullptr) {
-        fail(ZEL_ERR_NOT_ENOUGH_MEMORY);
-        return nullptr;
-    }
-    auto *timer = new (memory) zelIntTimer;
-    hostCheck(platform::initMutex(timer->timer_lock.native) == 0, "!pthread_mutex_init (&(timerId->timer_lock))");
-    const Lock list(timerListLock);
-    zelIntTimer **link = &timer_list;
-    while (*link != nullptr) link = &(*link)->next;
-    *link = timer;
-    return timer;
+    return timers.create();
 }
 
 int vx2bsdTimerConnect(zelIntervalTimerId timer, zelIntervalRoutine routine, intptr_t argument) {
-    return withTimer(timer, [&](zelIntTimer &found) {
+    return timers.with(timer, [&](zelIntTimer &found) {
         found.routine = routine;
         found.argument = argument;
     });
 }
 
 int vx2bsdTimerStart(zelIntervalTimerId timer, int seconds, zelIntervalRoutine routine, intptr_t argument, int flags) {
-    return withTimer(timer, [&](zelIntTimer &found) {
+    return timers.with(timer, [&](zelIntTimer &found) {
         found.remaining = found.reload = std::max(seconds, 1);
         found.flags = flags;
         found.routine = routine;
@@ -169,46 +113,20 @@ int vx2bsdTimerStart(zelIntervalTimerId timer, int seconds, zelIntervalRoutine r
 }
 
 int vx2bsdTimerSetTime(zelIntervalTimerId timer, int seconds, int flags) {
-    return withTimer(timer, [&](zelIntTimer &found) {
+    return timers.with(timer, [&](zelIntTimer &found) {
         found.remaining = found.reload = std::max(seconds, 1);
         found.flags = flags;
     });
 }
 
 int vx2bsdTimerCancel(zelIntervalTimerId timer) {
-    return withTimer(timer, [](zelIntTimer &found) { found.remaining = 0; });
+    return timers.with(timer, [](zelIntTimer &found) { found.remaining = 0; });
 }
 
 int vx2bsdTimerDelete(zelIntervalTimerId timer) {
-    const KernelSection section;
-    Lock list(timerListLock);
-    zelIntTimer **link = &timer_list;
-    while (*link != nullptr && *link != timer) link = &(*link)->next;
-    if (timer == nullptr || *link == nullptr) {
-        list.unlock();
-        return fail(ZEL_ERR_INVALID_OBJECT_ID);
-    }
-    *link = timer->next;
-    ++removals;
-    // Whoever found the timer before holds its lock now; nobody finds it any more.
-    { const Lock own(timer->timer_lock); }
-    list.unlock();
-    pthread_mutex_destroy(&timer->timer_lock.native);
-    release(timer);
-    return ZEL_OK;
+    return timers.destroy(timer);
 }
 
 void process_vx2bsd_timer_list(void) {
-    zelIntTimer *from = nullptr;
-    std::uint64_t seenRemovals = 0;
-    {
-        const KernelSection section;
-        const Lock list(timerListLock);
-        from = timer_list;
-        seenRemovals = removals;
-    }
-    while (from != nullptr) {
-        const DueTimer due = nextDue(from, seenRemovals);
-        if (due.routine != nullptr) due.routine(due.timer, due.argument);
-    }
+    timers.pass();
 }
