@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <vector>
 
@@ -19,8 +20,10 @@ using zel::test::FakeNetwork;
 constexpr int messageBytes = 140;
 constexpr std::uint32_t capacity = 12;
 
-void require(bool holds) {
-    if (!holds) abort();
+void require(bool holds, int line = __builtin_LINE()) {
+    if (holds) return;
+    fprintf(stderr, "line %d does not hold\n", line);
+    abort();
 }
 
 struct World {
@@ -81,6 +84,7 @@ void mend(Bytes &bytes, unsigned bits, const World &world) {
 
 void asAcknowledgement(World &world, const Bytes &bytes) {
     world.refill();
+    world.network.sent.clear();
     const zelSwpStatus before = world.status();
     const int result = zelSwpProcAck(bytes.data(), static_cast<int>(bytes.size()), nullptr);
     const zelSwpStatus after = world.status();
