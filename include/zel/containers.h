@@ -1,9 +1,11 @@
 /*
- * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, and the radix tree zelRadix.
+ * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, the radix tree zelRadix, and
+ * the tree of byte keys zelAvl.
  *
  * None of them locks: whoever shares one between tasks serialises access to it, readers included unless nobody writes.
- * They hold the caller's pointers and never free the caller's data. Nothing here blocks. A handle is checked by its
- * magic word in every call; a call on a bad handle reports an assertion, changes nothing and returns null, 0 or a miss.
+ * They hold the caller's pointers and never free the caller's data. Nothing here blocks. A handle is checked in every
+ * call, by its magic word where it has one; a call on a bad handle reports an assertion, changes nothing and returns
+ * null, 0 or a miss.
  */
 #ifndef ZEL_CONTAINERS_H
 #define ZEL_CONTAINERS_H
@@ -266,6 +268,42 @@ void zelRadixDestroy(zelRadix *tree);
 /* The default node allocation, on the checking allocator. */
 void *zelRadixMalloc(size_t bytes);
 void zelRadixFree(void *node);
+
+/* ==== AVL tree of byte keys =======================================================================================
+ *
+ * A height-balanced tree of the caller's nodes, ordered by memcmp of keys of one length. A node is a zelAvlNode, the
+ * key bytes right behind it, and the caller's data behind those. The caller keeps the root pointer, null when the tree
+ * is empty, and one control block for any number of trees of the same kind. Equal keys are refused. Nothing allocates.
+ */
+
+typedef struct zelAvlNode {
+    struct zelAvlNode *left;
+    struct zelAvlNode *right;
+    int32_t height;  /* 1 at a leaf, 0 in a node that was removed */
+    uint32_t keyLen; /* bytes; the tree writes it */
+} zelAvlNode;
+
+typedef struct {
+    uint32_t keyLen;                   /* bytes */
+    void (*release)(zelAvlNode *node); /* for zelAvlDeleteTree; null: zelMC_free */
+} avlcb;
+
+static inline uint8_t *zelAvlKey(zelAvlNode *node) {
+    return (uint8_t *)(node + 1);
+}
+
+/* The node now in the tree for this key: `node`, or the one that was there first, in which case nothing was inserted.
+ * Null for a null node. */
+zelAvlNode *zelAvlInsertNode(avlcb *control, zelAvlNode *node, zelAvlNode **root);
+/* Takes out the node that has the key of `node`, and returns it for the caller to free: it need not be `node` itself,
+ * which may be a mere template of the key. Null when there is none, and for a null node. */
+zelAvlNode *zelAvlRemoveNode(avlcb *control, zelAvlNode *node, zelAvlNode **root);
+zelAvlNode *zelAvlGetExact(avlcb *control, const void *key, zelAvlNode **root);
+/* The node behind `node`, which must be in the tree, in key order; null starts at the first. Null at the end. Takes
+ * logarithmic time. */
+zelAvlNode *zelAvlGetNext(avlcb *control, zelAvlNode *node, zelAvlNode **root);
+/* Removes every node and hands it to the control block's release function, which may use the tree. */
+void zelAvlDeleteTree(avlcb *control, zelAvlNode **root);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
