@@ -1,6 +1,6 @@
 /*
- * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, the radix tree zelRadix, and
- * the tree of byte keys zelAvl.
+ * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, the radix tree zelRadix, the
+ * free-index allocator zelFreeIndex, and the tree of byte keys zelAvl.
  *
  * None of them locks: whoever shares one between tasks serialises access to it, readers included unless nobody writes.
  * They hold the caller's pointers and never free the caller's data. Nothing here blocks. A handle is checked in every
@@ -268,6 +268,47 @@ void zelRadixDestroy(zelRadix *tree);
 /* The default node allocation, on the checking allocator. */
 void *zelRadixMalloc(size_t bytes);
 void zelRadixFree(void *node);
+
+/* ==== Free-index allocator ========================================================================================
+ *
+ * Hands out the lowest free index of a range, or one that is asked for, and takes indexes back. What is free is kept as
+ * ascending ranges that never touch, so memory grows with fragmentation and not with the range; every call takes time
+ * logarithmic in the number of ranges.
+ *
+ * Calls return 0, or -1 with the list unchanged.
+ */
+
+/* Allocated by the caller; callers may read everything except free_root. */
+typedef struct {
+    zelDLL free_ranges; /* ascending */
+    zelAllocFn free_alloc;
+    zelFreeFn free_release;
+    uint32_t free_used;  /* indexes handed out or reserved */
+    uint32_t free_total; /* indexes in the range, modulo 2^32 */
+    uint32_t free_min;
+    uint32_t free_max;
+    struct zelFreeIndexRange *free_root; /* finds a range without a walk */
+} zelFreeIndexList;
+
+/* Makes every index of [minimum, maximum] free. Range records come from `allocFn` and return to `freeFn`; neither may
+ * be null. -1: a null argument, maximum below minimum, or no memory. */
+int zelFreeIndexListInit(uint32_t minimum, uint32_t maximum, zelAllocFn allocFn, zelFreeFn freeFn,
+                         zelFreeIndexList *list);
+/* Stores the lowest free index; -1 when none is free, `index` untouched. */
+int zelFreeIndexGet(zelFreeIndexList *list, uint32_t *index);
+/* Takes this very index; -1 when it is not free, or when its range must be split and there is no memory. */
+int zelFreeIndexReserve(zelFreeIndexList *list, uint32_t index);
+/* Gives an index back; -1, after a line on standard output, when it is outside the range or free already, and without
+ * one when a new range finds no memory. */
+int zelFreeIndexRelease(zelFreeIndexList *list, uint32_t index);
+/* Releases the range records; nothing is free in the list then. */
+int zelFreeIndexListDestroy(zelFreeIndexList *list);
+/* Prints the free ranges and the counts on standard output. */
+void zelFreeIndexDump(zelFreeIndexList *list);
+
+/* An allocation pair for range records, on the checking allocator. */
+void *zelFreeIndexMalloc(size_t bytes);
+void zelFreeIndexFree(void *range);
 
 /* ==== AVL tree of byte keys =======================================================================================
  *
