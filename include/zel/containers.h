@@ -1,6 +1,6 @@
 /*
  * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, the radix tree zelRadix, the
- * free-index allocator zelFreeIndex, and the tree of byte keys zelAvl.
+ * free-index allocator zelFreeIndex, the tree of byte keys zelAvl, and the table of large keys zelLargeKeyData.
  *
  * None of them locks: whoever shares one between tasks serialises access to it, readers included unless nobody writes.
  * They hold the caller's pointers and never free the caller's data. Nothing here blocks. A handle is checked in every
@@ -345,6 +345,100 @@ zelAvlNode *zelAvlGetExact(avlcb *control, const void *key, zelAvlNode **root);
 zelAvlNode *zelAvlGetNext(avlcb *control, zelAvlNode *node, zelAvlNode **root);
 /* Removes every node and hands it to the control block's release function, which may use the tree. */
 void zelAvlDeleteTree(avlcb *control, zelAvlNode **root);
+
+/* ==== Table of large keys =========================================================================================
+ *
+ * A table for a fixed number of entries whose keys are bit strings of one width, any number of bits, most significant
+ * bit first in each 32-bit word. Everything is allocated on creation; a sorted index gives look-up by binary search and
+ * iteration in key order. Keys are read as (width + 31) / 32 words, bits behind the width do not matter, and the table
+ * keeps a copy. An entry is counted: it stays until as many deletions as references have come.
+ *
+ * An entry is named by its key, or by its position in the index, from 0, which changes as entries come and go. Adding
+ * and deleting move the index behind the position: time grows with the number of entries, except at the end.
+ */
+
+/* Bits of zelLargeKeySetDbgFlag: what is traced on standard output. */
+enum { ZEL_LARGE_KEY_ADD = 1, ZEL_LARGE_KEY_DELETE = 2, ZEL_LARGE_KEY_SEARCH = 4, ZEL_LARGE_KEY_GET_NEXT = 8 };
+
+typedef void (*zelLargeKeyPrintFn)(const uint32_t *key);
+typedef void (*zelLargeKeyCallerFn)(void);
+
+/* One slot. */
+typedef struct {
+    uint32_t *key;
+    int32_t refCount;
+    int32_t position; /* in the index */
+    intptr_t userData;
+} zelLargeKeyElem;
+
+/* Allocated by the caller, who may read it. */
+typedef struct {
+    int32_t *index; /* slot numbers in key order */
+    zelLargeKeyElem *elemInfo;
+    int32_t numElems;
+    int32_t maxElems;
+    uint32_t keySize;  /* bits */
+    uint32_t keyWords; /* words of storage for each key, the last of them spare when the width fills the others */
+    uint32_t dbgFlag;
+    zelLargeKeyPrintFn printFn;
+    zelLargeKeyCallerFn callerFn;
+    uint32_t *slotBitmap; /* slots in use */
+    int32_t lowestFree;   /* no slot below it is free */
+} zelLargeKeyHead;
+
+/* Makes an empty table; the head's old contents do not matter. `printFn` prints a key where something is traced and may
+ * be null; `callerFn` is only kept. 0; -1 with the head zeroed: no memory, or fewer than one entry; -1: no head. */
+int zelLargeKeyDataCreate(zelLargeKeyHead *head, uint32_t keyBits, int32_t maxEntries, zelLargeKeyPrintFn printFn,
+                          zelLargeKeyCallerFn callerFn);
+/* Adds an entry with one reference. An entry that is there stays as it is, its count and data too. 0, or -1: the table
+ * is full, or a null key or data (by assertion). */
+int zelLargeKeyDataAdd(zelLargeKeyHead *head, const uint32_t *key, intptr_t userData);
+/* Takes one reference, and the entry with the last one; stores its data in *userData unless that pointer is null. The
+ * references left, or -1 without such a key. */
+int zelLargeKeyDataDelete(zelLargeKeyHead *head, const uint32_t *key, intptr_t *userData);
+/* The same at a position; a bad one is reported by assertion. */
+int zelLargeKeyDataRemove(zelLargeKeyHead *head, int position);
+/* One reference more or less of an entry that is there: the references then, or -1 without such a key. */
+int zelLargeKeyDataAddRef(zelLargeKeyHead *head, const uint32_t *key);
+int largeKeyDataDelRef(zelLargeKeyHead *head, const uint32_t *key);
+/* The entry's data, 0 without such a key. */
+intptr_t zelLargeKeyDataGet(zelLargeKeyHead *head, const uint32_t *key);
+/* The next position behind `position`, -1 to begin with, with the entry's key and data stored where the pointers are
+ * not null; -1 behind the last. The key is valid until its entry leaves. */
+int zelLargeKeyDataGetNext(zelLargeKeyHead *head, int position, uint32_t **key, intptr_t *userData);
+int zelLargeKeyDataCount(zelLargeKeyHead *head);
+void zelLargeKeySetDbgFlag(zelLargeKeyHead *head, uint32_t flags);
+/* Prints the table's state and each entry on standard output. */
+void zelLargeKeyDataDump(zelLargeKeyHead *head);
+/* Releases the memory and zeroes the head, to which nothing can be added then; the entries' data is the caller's. */
+void zelLargeKeyDataDestroy(zelLargeKeyHead *head);
+
+/* The order of two bit strings: below, above or equal to 0. Bits behind `bits` do not count. */
+static inline int zelBitmapCompare(const uint32_t *left, const uint32_t *right, uint32_t bits) {
+    const uint32_t words = bits / 32, rest = bits % 32;
+    for (uint32_t i = 0; i < words; ++i)
+        if (left[i] != right[i]) return left[i] < right[i] ? -1 : 1;
+    if (rest == 0) return 0;
+    const uint32_t a = left[words] >> (32 - rest), b = right[words] >> (32 - rest);
+    return a < b ? -1 : a > b;
+}
+#define BITMAP_COMPARE_BITMAPS(left, right, bits) zelBitmapCompare(left, right, bits)
+
+/* The first clear bit behind bit `after` (-1: of all) among the first `bits` bits of a bitmap, or -1. */
+static inline int32_t zelBitmapGetNextUnset(const uint32_t *bitmap, uint32_t bits, int32_t after) {
+    uint32_t from = (uint32_t)after + 1;
+    while (from < bits) {
+        const uint32_t clear = ~bitmap[from / 32] & (UINT32_MAX >> (from % 32));
+        const uint32_t word = from & ~31u;
+        if (clear) {
+            const uint32_t bit = word + (uint32_t)__builtin_clz(clear);
+            return bit < bits ? (int32_t)bit : -1;
+        }
+        from = word + 32;
+    }
+    return -1;
+}
+#define GET_NEXT_UNSET_BIT_BITMAP(bitmap, bits, after) zelBitmapGetNextUnset(bitmap, bits, after)
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

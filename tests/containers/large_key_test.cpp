@@ -1,0 +1,215 @@
+// The table of large keys against a std::map, and what it prints.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "tests/support/failing_allocator.h"
+#include "tests/support/random.h"
+#include "tests/support/reports.h"
+#include "zel/containers.h"
+
+namespace zel::test {
+namespace {
+
+constexpr int32_t slots = 90;
+
+class LargeKey : public testing::TestWithParam<uint32_t> {
+protected:
+    struct Entry {
+        int references;
+        intptr_t data;
+    };
+    using Words = std::vector<uint32_t>;
+
+    LargeKey() { EXPECT_EQ(zelLargeKeyDataCreate(&head, GetParam(), slots, nullptr, nullptr), 0); }
+    ~LargeKey() override {
+        zelLargeKeyDataDestroy(&head);
+        EXPECT_EQ(FailingAllocator::live(), 0);
+    }
+
+    // Keys that part in few bits, the first, the last or all of them, with noise behind their width.
+    Words randomKey() {
+        const uint32_t bits = head.keySize;
+        Words key((bits + 31) / 32, random() % 4 ? 0 : UINT32_MAX);
+        for (int flips = 0; flips < 3; ++flips) {
+            const uint32_t bit = random() % 3 ? random() % bits : bits - 1;
+            key[bit / 32] ^= 0x80000000u >> bit % 32;
+        }
+        if (bits % 32) key.back() ^= random() >> bits % 32;
+        return key;
+    }
+    Words clean(Words key) const {
+        if (head.keySize % 32) key.back() &= ~(UINT32_MAX >> head.keySize % 32);
+        return key;
+    }
+
+    void add(const Words &key) {
+        const bool isNew = !model.count(clean(key)), fits = model.size() < slots;
+        int32_t slot = 0;
+        while (slot < slots && head.elemInfo[slot].refCount) ++slot;
+        const auto data = static_cast<intptr_t>(random() | 1);
+        ASSERT_EQ(zelLargeKeyDataAdd(&head, key.data(), data), isNew && !fits ? -1 : 0);
+        if (!isNew || !fits) return;
+        ASSERT_EQ(head.elemInfo[slot].userData, data) << "not in the lowest free slot";
+        model[clean(key)] = {1, data};
+    }
+
+    int expectedDrop(const Words &key) {
+        const auto at = model.find(clean(key));
+        if (at == model.end()) return -1;
+        const int left = --at->second.references;
+        if (left == 0) model.erase(at);
+        return left;
+    }
+
+    void drop(const Words &key) {
+        const auto at = model.find(clean(key));
+        const intptr_t data = at == model.end() ? 77 : at->second.data;
+        const auto position = std::distance(model.begin(), at);
+        intptr_t found = 77;
+        const int left = expectedDrop(key);
+        switch (left < 0 ? 0 : random() % 3) {
+            case 0:
+                ASSERT_EQ(zelLargeKeyDataDelete(&head, key.data(), &found), left);
+                break;
+            case 1:
+                ASSERT_EQ(zelLargeKeyDataRemove(&head, static_cast<int>(position)), left);
+                return;
+            default:
+                ASSERT_EQ(largeKeyDataDelRef(&head, key.data()), left);
+                return;
+        }
+        ASSERT_EQ(found, data);
+    }
+
+    void refer(const Words &key) {
+        const auto at = model.find(clean(key));
+        ASSERT_EQ(zelLargeKeyDataGet(&head, key.data()), at == model.end() ? 0 : at->second.data);
+        ASSERT_EQ(zelLargeKeyDataAddRef(&head, key.data()), at == model.end() ? -1 : ++at->second.references);
+    }
+
+    void check() {
+        int position = -1;
+        uint32_t *key = nullptr;
+        intptr_t data = 0;
+        for (const auto &[words, entry] : model) {
+            position = zelLargeKeyDataGetNext(&head, position, &key, &data);
+            ASSERT_GE(position, 0);
+            Words stored(key, key + head.keyWords);
+            stored.resize(words.size());
+            ASSERT_EQ(stored, words);
+            ASSERT_TRUE(words.size() == head.keyWords || key[words.size()] == 0);
+            ASSERT_EQ(data, entry.data);
+            const auto &slot = head.elemInfo[head.index[position]];
+            ASSERT_EQ(slot.position, position);
+            ASSERT_EQ(slot.refCount, entry.references);
+        }
+        ASSERT_EQ(zelLargeKeyDataGetNext(&head, position, &key, &data), -1);
+        int used = 0;
+        for (int word = 0; word <= slots / 32; ++word) used += std::popcount(head.slotBitmap[word]);
+        ASSERT_EQ(static_cast<size_t>(used), model.size());
+        ASSERT_EQ(zelLargeKeyDataCount(&head), used);
+    }
+
+    Random random = seeded();
+    zelLargeKeyHead head;
+    std::map<Words, Entry> model;
+};
+
+TEST_P(LargeKey, agreesWithAMap) {
+    const int steps = isFullRun() ? 1000000 : 100000;
+    for (int step = 0; step < steps && !HasFatalFailure(); ++step) {
+        const Words key = randomKey();
+        const bool grows = step / 3000 % 2 == 0;
+        const uint32_t choice = random() % 10;
+        if (choice == 0)
+            refer(key);
+        else
+            choice < (grows ? 8 : 2) ? add(key) : drop(key);
+        if (model.size() <= 64 || step % 1000 == 0) check();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Bits, LargeKey, testing::Values(1, 31, 32, 33, 128, 250));
+
+// ---- The calls that no random run reaches
+// -----------------------------------------------------------------------------
+
+TEST(LargeKeyTable, creationFailsWithEveryAllocationInTurn) {
+    zelLargeKeyHead head;
+    EXPECT_EQ(zelLargeKeyDataCreate(&head, 128, 0, nullptr, nullptr), -1);
+    for (unsigned nth = 1; nth <= 4; ++nth) {
+        FailingAllocator::failAt(nth);
+        EXPECT_EQ(zelLargeKeyDataCreate(&head, 128, 10, nullptr, nullptr), -1);
+        EXPECT_EQ(FailingAllocator::live(), 0);
+    }
+    const uint32_t key[4] = {1, 2, 3, 4};
+    EXPECT_EQ(zelLargeKeyDataAdd(&head, key, 1), -1);
+    EXPECT_EQ(zelLargeKeyDataCreate(&head, 128, 10, nullptr, nullptr), 0);
+    EXPECT_EQ(head.keyWords, 5u);
+    zelLargeKeyDataDestroy(&head);
+}
+
+TEST(LargeKeyTable, tracesWhatItDoes) {
+    zelLargeKeyHead head;
+    const auto print = [](const uint32_t *key) { printf("<%x>", *key); };
+    ASSERT_EQ(zelLargeKeyDataCreate(&head, 32, 2, print, nullptr), 0);
+    const uint32_t key = 5, later = 9;
+    zelLargeKeySetDbgFlag(&head, 15);
+    testing::internal::CaptureStdout();
+    zelLargeKeyDataAdd(&head, &key, 1);
+    zelLargeKeyDataAdd(&head, &key, 1);
+    EXPECT_EQ(zelLargeKeyDataDelete(&head, &later, nullptr), -1);
+    EXPECT_EQ(zelLargeKeyDataDelete(&head, &key, nullptr), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "ADD\r<5>  Current State is\r    Max 2 entries, total 0 entries, keySize is 32 bits\r\n"
+              "SEARCH\r<5>    No match; insert pos 0\r\n    Search failed; inserting new element\r"
+              "ADD\r<5>  Current State is\r    Max 2 entries, total 1 entries, keySize is 32 bits\r\n"
+              "SEARCH\r<5>    start: 0; end 0; curPos 0; index[curPos] 0; Compare with \r\n<5>    result is 0\r\n"
+              "    Found match at pos 0\r\n    Search successful; found at pos 0\r\n"
+              "DEL\r<9>  Current State is\r    Max 2 entries, total 1 entries, keySize is 32 bits\r\n"
+              "SEARCH\r<9>    start: 0; end 0; curPos 0; index[curPos] 0; Compare with \r\n<5>    result is -1\r\n"
+              "    No match; insert pos 1\r\n    ***********Search failed*********\r"
+              "DEL\r<5>  Current State is\r    Max 2 entries, total 1 entries, keySize is 32 bits\r\n"
+              "SEARCH\r<5>    start: 0; end 0; curPos 0; index[curPos] 0; Compare with \r\n<5>    result is 0\r\n"
+              "    Found match at pos 0\r\n    Found at pos 0; deleting\r\n");
+    zelLargeKeyDataDestroy(&head);
+}
+
+TEST(LargeKeyTable, reportsWhatIsMissing) {
+    zelLargeKeyHead head;
+    ASSERT_EQ(zelLargeKeyDataCreate(&head, 32, 2, nullptr, nullptr), 0);
+    const uint32_t key = 5;
+    const int before = reportedAssertions();
+    EXPECT_EQ(zelLargeKeyDataAdd(&head, &key, 0), -1);
+    EXPECT_EQ(zelLargeKeyDataAdd(&head, nullptr, 1), -1);
+    EXPECT_EQ(lastAssertion(), "((key) && (userData))");
+    EXPECT_EQ(zelLargeKeyDataRemove(&head, 0), -1);
+    EXPECT_EQ(lastAssertion(), "dataHead->numElems > 0");
+    zelLargeKeyDataAdd(&head, &key, 1);
+    for (const int position : {-1, 1}) EXPECT_EQ(zelLargeKeyDataRemove(&head, position), -1);
+    EXPECT_EQ(lastAssertion(), "((deletePos >= 0) && (deletePos < dataHead->numElems))");
+    EXPECT_EQ(zelLargeKeyDataDelete(&head, nullptr, nullptr), -1);
+    EXPECT_EQ(zelLargeKeyDataCount(nullptr), 0);
+    EXPECT_EQ(reportedAssertions(), before + 7);
+    for (const int position : {-2, 0, INT32_MAX})
+        EXPECT_EQ(zelLargeKeyDataGetNext(&head, position, nullptr, nullptr), -1);
+    head.elemInfo[0].refCount = INT32_MAX;
+    EXPECT_EQ(zelLargeKeyDataAddRef(&head, &key), -1);
+    zelLargeKeyDataDestroy(&head);
+}
+
+TEST(Bitmap, theNextClearBitIsFoundAcrossWordsAndNotBehindTheEnd) {
+    const uint32_t bitmap[] = {0xfffffffe, 0xffffffff, 0x7fffffff};
+    EXPECT_EQ(GET_NEXT_UNSET_BIT_BITMAP(bitmap, 96, -1), 31);
+    EXPECT_EQ(GET_NEXT_UNSET_BIT_BITMAP(bitmap, 96, 31), 64);
+    EXPECT_EQ(GET_NEXT_UNSET_BIT_BITMAP(bitmap, 64, 31), -1);
+    EXPECT_EQ(GET_NEXT_UNSET_BIT_BITMAP(bitmap, 31, -1), -1);
+    EXPECT_EQ(GET_NEXT_UNSET_BIT_BITMAP(bitmap, 96, 64), -1);
+}
+
+}  // namespace
+}  // namespace zel::test
