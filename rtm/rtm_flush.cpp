@@ -20,21 +20,16 @@ bool isKnown(int family) {
 }
 
 int sendFlush(std::uint32_t type, std::uint32_t handle, std::uint32_t queue, std::uint32_t vrf) {
-    std::uint8_t *message = makeQueued(queue, type, QueuedMessage::flushSize);
-    if (!message) return 1;
-    QueuedMessage::Handle::set(message, handle);
-    QueuedMessage::Vrf136::set(message, vrf);
-    return sendQueued(queue, message, QueuedMessage::flushSize);
+    return sendQueued(queue, type, QueuedMessage::flushSize, handle,
+                      [&](std::uint8_t *message) { QueuedMessage::Vrf136::set(message, vrf); });
 }
 
 int sendClearAck(std::uint32_t type, std::uint32_t handle, std::uint32_t queue, std::uint32_t sequence, int family) {
-    std::uint8_t *message = makeQueued(queue, type, ClearAckMessage::size);
-    if (!message) return 1;
-    ClearAckMessage::Handle::set(message, handle);
-    ClearAckMessage::One::set(message, 1);
-    ClearAckMessage::Family::set(message, static_cast<std::uint32_t>(family));
-    ClearAckMessage::Sequence::set(message, sequence);
-    return sendQueued(queue, message, ClearAckMessage::size);
+    return sendQueued(queue, type, ClearAckMessage::size, handle, [&](std::uint8_t *message) {
+        ClearAckMessage::One::set(message, 1);
+        ClearAckMessage::Family::set(message, static_cast<std::uint32_t>(family));
+        ClearAckMessage::Sequence::set(message, sequence);
+    });
 }
 
 }  // namespace
@@ -55,11 +50,8 @@ int zelRtmFlushRoutesAFSwp(uint32_t handle, const zelIpcAddr *, uint32_t queue, 
 
 int zelRtmFlushVRFRoutesAFSwp(uint32_t handle, const zelIpcAddr *, uint32_t queue, uint32_t vrfId, int family) {
     if (!isKnown(family)) return 1;
-    std::uint8_t *message = makeQueued(queue, flushVrfTypes[family], QueuedMessage::flushVrfSize);
-    if (!message) return 1;
-    QueuedMessage::Handle::set(message, handle);
-    QueuedMessage::Vrf140::set(message, vrfId);
-    return sendQueued(queue, message, QueuedMessage::flushVrfSize);
+    return sendQueued(queue, flushVrfTypes[family], QueuedMessage::flushVrfSize, handle,
+                      [&](std::uint8_t *message) { QueuedMessage::Vrf140::set(message, vrfId); });
 }
 
 int zelRtmFlushPollerRoutesSwp(uint32_t handle, const zelIpcAddr *, uint32_t queue) {

@@ -11,6 +11,15 @@ namespace {
 
 constexpr char tooMany[] = "%s: number of routes %d %d too high for rtmh %d mlen %d q %d Lookup Request discarded\r\n";
 
+bool isSubcommand(std::uint32_t value) {
+    return value == ZEL_RTM_POLL_START || value == ZEL_RTM_POLL_STOP;
+}
+
+void traceLookup(std::uint32_t type, std::uint32_t handle, std::uint32_t vrf) {
+    if (isDebugging(debugLookups))
+        zelTracePrintf(traceModule, "RTM look-up type %#x rtmh %d vrf %u\r\n", type, static_cast<int>(handle), vrf);
+}
+
 int lookUp(std::uint32_t type, std::uint32_t handle, std::uint32_t subcommand, const zelIpcAddr *ipc, std::uint32_t vrf,
            void *query, void *tlvArea) {
     if (!asserted(query, "query", sourceName)) return 1;
@@ -21,8 +30,7 @@ int lookUp(std::uint32_t type, std::uint32_t handle, std::uint32_t subcommand, c
     LookupMessage::Vrf::set(message, vrf);
     LookupMessage::One::set(message, 1);
     std::memcpy(message + LookupMessage::query, query, Query::size);
-    if (isDebugging(debugLookups))
-        zelTracePrintf(traceModule, "RTM look-up type %#x rtmh %d vrf %u\r\n", type, static_cast<int>(handle), vrf);
+    traceLookup(type, handle, vrf);
     const int received = sendAndReceive(message, type, length, length, ipc);
     if (received < static_cast<int>(length) || IpcHeader::Status::get(message) != 0) return 1;
     std::memcpy(query, message + LookupMessage::query, Query::size);
@@ -30,19 +38,16 @@ int lookUp(std::uint32_t type, std::uint32_t handle, std::uint32_t subcommand, c
     return 0;
 }
 
-bool isSubcommand(std::uint32_t value) {
-    return value == ZEL_RTM_POLL_START || value == ZEL_RTM_POLL_STOP;
-}
-
-std::uint8_t *makePoll(std::uint32_t type, std::size_t length, std::uint32_t handle, std::uint32_t subcommand,
-                       std::uint32_t queue, std::uint32_t vrf, std::uint32_t count) {
-    std::uint8_t *message = makeQueued(queue, type, length);
-    if (!message) return nullptr;
-    PollMessage::Handle::set(message, handle);
-    PollMessage::Subcommand::set(message, subcommand);
-    PollMessage::Vrf::set(message, vrf);
-    PollMessage::Count::set(message, count);
-    return message;
+// `queries` are `length` bytes.
+int sendPoll(std::uint32_t type, std::uint32_t handle, std::uint32_t subcommand, std::uint32_t queue, std::uint32_t vrf,
+             std::uint32_t count, const void *queries, std::size_t length) {
+    traceLookup(type, handle, vrf);
+    return sendQueued(queue, type, PollMessage::query + length, handle, [&](std::uint8_t *message) {
+        PollMessage::Subcommand::set(message, subcommand);
+        PollMessage::Vrf::set(message, vrf);
+        PollMessage::Count::set(message, count);
+        std::memcpy(message + PollMessage::query, queries, length);
+    });
 }
 
 int pollMany(const char *function, std::uint32_t startType, std::uint32_t stopType, std::uint32_t handle,
@@ -54,10 +59,8 @@ int pollMany(const char *function, std::uint32_t startType, std::uint32_t stopTy
         return 1;
     }
     const std::uint32_t type = subcommand == ZEL_RTM_POLL_STOP ? stopType : startType;
-    std::uint8_t *message = makePoll(type, size, handle, subcommand, queue, vrf, static_cast<std::uint32_t>(count));
-    if (!message) return 1;
-    std::memcpy(message + PollMessage::query, queries, size - PollMessage::query);
-    return sendQueued(queue, message, size);
+    return sendPoll(type, handle, subcommand, queue, vrf, static_cast<std::uint32_t>(count), queries,
+                    size - PollMessage::query);
 }
 
 }  // namespace
@@ -115,10 +118,7 @@ int zelRtmPollRouteLookupIPv4(uint32_t handle, uint32_t subcommand, const zelIpc
         zelErrorPrintf(traceModule, "RTM %s %d rtmh %p q %d subcmd is %d route-subcmd %d\r\n", __func__, __LINE__,
                        reinterpret_cast<void *>(static_cast<std::uintptr_t>(handle)), static_cast<int>(queue),
                        static_cast<int>(subcommand), static_cast<int>(match));
-    std::uint8_t *message = makePoll(ZEL_RTM_MSG_POLL, PollMessage::size, handle, subcommand, queue, vrfId, 1);
-    if (!message) return 1;
-    std::memcpy(message + PollMessage::query, query, Query::size);
-    return sendQueued(queue, message, PollMessage::size);
+    return sendPoll(ZEL_RTM_MSG_POLL, handle, subcommand, queue, vrfId, 1, query, Query::size);
 }
 
 int zelRtmPollMultiRouteLookupIPv4(uint32_t handle, uint32_t subcommand, const zelIpcAddr *, uint32_t queue,

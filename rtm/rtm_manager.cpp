@@ -103,6 +103,10 @@ constexpr RequestLayout requests[] = {
     deregistration(ZEL_RTM_MSG_DEREGISTER),
     deregistration(ZEL_RTM_MSG_DEREGISTER_V4V6),
     deregistration(ZEL_RTM_MSG_FLUSH),
+    {.type = ZEL_RTM_MSG_CLIENTS,
+     .size = ClientMessage::questionSize,
+     .handle = ClientMessage::Cursor::offset,
+     .family = 0},
     {.type = ZEL_RTM_MSG_DEREGISTER_AF,
      .size = ShortMessage::deregisterFamilySize,
      .handle = direct,
@@ -154,8 +158,18 @@ constexpr RequestLayout requests[] = {
     defaultInfo(ZEL_RTM_MSG_DEFAULT_INFO_V6),
 };
 
+const RequestLayout *layoutOf(std::uint32_t type) {
+    for (const RequestLayout &layout : requests)
+        if (layout.type == type) return &layout;
+    return nullptr;
+}
+
 std::uint32_t wordAt(const void *message, std::size_t offset) {
     return offset == nowhere ? 0 : wire::load<std::uint32_t>(bytesOf(message) + offset);
+}
+
+bool isUpdate(std::uint32_t type) {
+    return type == ZEL_RTM_MSG_UPDATE || type == ZEL_RTM_MSG_UPDATE_MULTICAST;
 }
 
 bool isPoll(std::uint32_t type) {
@@ -182,7 +196,7 @@ const std::uint8_t *findQuestion(const void *message, int length, std::uint32_t 
         return bytesOf(message) + LookupMessage::query;
     }
     if (!isPoll(query.type) || length < static_cast<int>(PollMessage::query)) return nullptr;
-    query.handle = PollMessage::Handle::get(message);
+    query.handle = QueuedMessage::Handle::get(message);
     query.subcommand = PollMessage::Subcommand::get(message);
     query.vrfId = PollMessage::Vrf::get(message);
     query.count = PollMessage::Count::get(message);
@@ -215,6 +229,11 @@ void addressTo(void *message, std::uint32_t type, std::size_t length, std::uint3
 
 using namespace zel::rtm;
 
+int zelRtmIsQueued(uint32_t type) {
+    const RequestLayout *layout = layoutOf(type);
+    return isUpdate(type) || isPoll(type) || (layout && layout->handle == queued);
+}
+
 int zelRtmParseRegistration(const void *message, int length, zelRtmRegistration *registration) {
     using Layout = RegistrationMessage;
     if (!hasHeader(message, length, Layout::size)) return 1;
@@ -237,8 +256,9 @@ int zelRtmParseBatch(const void *message, int length, zelRtmBatch *batch) {
     if (!hasHeader(message, length, BatchMessage::routes)) return 1;
     const uint32_t type = IpcHeader::MessageType::get(message);
     const int family = BatchMessage::FamilyIndex::get(message);
-    if (type != ZEL_RTM_MSG_UPDATE && type != ZEL_RTM_MSG_UPDATE_MULTICAST) return 1;
-    if (!isFamily(family) || (family == ZEL_RTM_IPV4_MULTICAST) != (type == ZEL_RTM_MSG_UPDATE_MULTICAST)) return 1;
+    if (!isUpdate(type) || !isFamily(family) ||
+        (family == ZEL_RTM_IPV4_MULTICAST) != (type == ZEL_RTM_MSG_UPDATE_MULTICAST))
+        return 1;
     batch->handle = BatchMessage::Handle::get(message);
     if (batch->handle != BatchMessage::HandleAgain::get(message)) return 1;
     batch->routes = batch->left = BatchMessage::Routes::get(message);
@@ -282,20 +302,16 @@ int zelRtmParseRoute(const void *record, size_t length, int family, zelRtmRoute 
 
 int zelRtmParseRequest(const void *message, int length, zelRtmRequest *request) {
     if (!hasHeader(message, length, IpcHeader::size)) return 1;
-    const uint32_t type = IpcHeader::MessageType::get(message);
-    for (const RequestLayout &layout : requests) {
-        if (layout.type != type) continue;
-        if (length < static_cast<int>(layout.size)) return 1;
-        request->type = type;
-        request->handle = wordAt(message, layout.handle);
-        request->family = layout.family == inWord ? static_cast<int>(wordAt(message, layout.familyAt)) : layout.family;
-        request->vrfId = wordAt(message, layout.vrf);
-        request->option = wordAt(message, layout.option);
-        request->value = wordAt(message, layout.value);
-        request->sequenceWord = wordAt(message, layout.sequence);
-        return isFamily(request->family) ? 0 : 1;
-    }
-    return 1;
+    const RequestLayout *layout = layoutOf(IpcHeader::MessageType::get(message));
+    if (!layout || length < static_cast<int>(layout->size)) return 1;
+    request->type = layout->type;
+    request->handle = wordAt(message, layout->handle);
+    request->family = layout->family == inWord ? static_cast<int>(wordAt(message, layout->familyAt)) : layout->family;
+    request->vrfId = wordAt(message, layout->vrf);
+    request->option = wordAt(message, layout->option);
+    request->value = wordAt(message, layout->value);
+    request->sequenceWord = wordAt(message, layout->sequence);
+    return isFamily(request->family) ? 0 : 1;
 }
 
 int zelRtmParseQuery(const void *message, int length, uint32_t index, zelRtmQuery *query) {
@@ -341,7 +357,7 @@ int zelRtmAnswerRequest(void *message, const zelRtmQuery *query, const zelRtmRou
 int zelRtmBuildPollAnswer(void *message, const zelRtmQuery *query, const zelRtmRoute *route, uint32_t bits,
                           uint32_t address, uint32_t receiveQueue) {
     addressTo(message, query->type, PollMessage::size, address, receiveQueue);
-    PollMessage::Handle::set(message, query->handle);
+    QueuedMessage::Handle::set(message, query->handle);
     PollMessage::Subcommand::set(message, query->subcommand);
     PollMessage::Vrf::set(message, query->vrfId);
     PollMessage::Count::set(message, query->count);

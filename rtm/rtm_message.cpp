@@ -75,22 +75,19 @@ void release(std::uint32_t queue, void *message) {
         zelMC_free(sourceName, __LINE__, message);
 }
 
-std::uint8_t *makeQueued(std::uint32_t queue, std::uint32_t type, std::size_t length) {
+std::uint8_t *makeQueued(std::uint32_t queue, std::uint32_t type, std::size_t length, std::uint32_t handle) {
     auto *message = static_cast<std::uint8_t *>(allocateFor(queue, length));
     if (!message) return nullptr;
     std::memset(message, 0, length);
     buildIpcHeader(message, type, length);
+    QueuedMessage::Handle::set(message, handle);
     return message;
 }
 
 int enqueue(std::uint32_t queue, void *message, std::size_t length) {
-    const int result = zelSwpEnqueue(queue, message, static_cast<int>(length));
-    if (result != ZEL_SWP_SUCCESS) release(queue, message);
-    return result;
-}
-
-int sendQueued(std::uint32_t queue, std::uint8_t *message, std::size_t length) {
-    return enqueue(queue, message, length) == ZEL_SWP_SUCCESS ? 0 : 1;
+    if (zelSwpEnqueue(queue, message, static_cast<int>(length)) == ZEL_SWP_SUCCESS) return 0;
+    release(queue, message);
+    return 1;
 }
 
 }  // namespace zel::rtm

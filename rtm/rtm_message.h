@@ -59,7 +59,6 @@ struct QueuedMessage {
 };
 
 struct ClearAckMessage {
-    using Handle = wire::Field<std::uint32_t, 132>;
     using One = wire::Field<std::uint32_t, 144>;
     using Family = wire::Field<std::uint32_t, 148>;
     using Sequence = wire::Field<std::uint32_t, 152>;
@@ -118,7 +117,6 @@ struct LookupMessage {
 static_assert(LookupMessage::size == 1972 && LookupMessage::sizeWithTlv == 2488);
 
 struct PollMessage {
-    using Handle = wire::Field<std::uint32_t, 132>;
     using Subcommand = wire::Field<std::uint32_t, 136>;
     using Vrf = wire::Field<std::uint32_t, 140>;
     using Count = wire::Field<std::uint32_t, 144>;
@@ -137,6 +135,20 @@ struct DumpMessage {
     using Records = wire::Field<std::uint32_t, 88>;
     static constexpr std::size_t records = 92;
     static constexpr std::uint32_t fromTheStart = 255;
+};
+
+struct ClientMessage {
+    using Cursor = wire::Field<std::uint32_t, 60>;
+    using Handle = wire::Field<std::uint32_t, 64>;
+    static constexpr std::size_t name = 68;
+    using ClientType = wire::Field<std::uint32_t, 108>;
+    using Address = wire::Field<std::uint32_t, 112>;
+    using ReceiveQueue = wire::Field<std::uint32_t, 116>;
+    using FactCount = wire::Field<std::uint32_t, 120>;
+    static constexpr std::size_t facts = 124;
+    static constexpr std::size_t factSize = 12;
+    static constexpr std::size_t questionSize = 64;
+    static constexpr std::size_t largest = facts + ZEL_RTM_MAX_CLIENT_FACTS * factSize;
 };
 
 struct CountersMessage {
@@ -171,11 +183,18 @@ int request(void *message, std::uint32_t type, std::size_t length, const zelIpcA
 // none.
 void *allocateFor(std::uint32_t queue, std::size_t bytes);
 void release(std::uint32_t queue, void *message);
-// A zeroed buffer with the header filled.
-std::uint8_t *makeQueued(std::uint32_t queue, std::uint32_t type, std::size_t length);
-// Puts it on the queue: the queue's result code; a message that was not taken is released.
+// A zeroed buffer with the header filled, and the handle where queued messages have it.
+std::uint8_t *makeQueued(std::uint32_t queue, std::uint32_t type, std::size_t length, std::uint32_t handle);
+// Puts it on the queue: 0, or 1 for a message that was not taken and is released.
 int enqueue(std::uint32_t queue, void *message, std::size_t length);
-// Both for messages of one handle and nothing else to fill: 0 or 1.
-int sendQueued(std::uint32_t queue, std::uint8_t *message, std::size_t length);
+
+// Both, with what `fill` writes into the message: 0 or 1.
+template <class Fill>
+int sendQueued(std::uint32_t queue, std::uint32_t type, std::size_t length, std::uint32_t handle, Fill fill) {
+    std::uint8_t *message = makeQueued(queue, type, length, handle);
+    if (!message) return 1;
+    fill(message);
+    return enqueue(queue, message, length);
+}
 
 }  // namespace zel::rtm

@@ -1,4 +1,4 @@
-// Questions about the manager itself: its counters, and its tables page by page.
+// Questions about the manager itself: its counters, its clients one by one, and its tables page by page.
 //
 // A page continues behind the last prefix the client has seen, not behind a position: the table may change between two
 // pages, and what was there throughout is seen exactly once.
@@ -30,6 +30,34 @@ bool nextPage(zelRtmDump &dump, const zelIpcAddr *ipc) {
     return true;
 }
 
+void writeFact(std::uint8_t *at, const zelRtmClientFact &fact) {
+    wire::store<std::uint32_t>(at, fact.what);
+    wire::store<std::uint32_t>(at + 4, fact.first);
+    wire::store<std::uint32_t>(at + 8, fact.second);
+}
+
+zelRtmClientFact readFact(const std::uint8_t *at) {
+    return {wire::load<std::uint32_t>(at), wire::load<std::uint32_t>(at + 4), wire::load<std::uint32_t>(at + 8)};
+}
+
+// False when the facts do not lie within the answer.
+bool readClient(const std::uint8_t *answer, std::size_t length, zelRtmClient &client) {
+    using Layout = ClientMessage;
+    if (length < Layout::facts) return false;
+    client.nFacts = Layout::FactCount::get(answer);
+    if (client.nFacts > ZEL_RTM_MAX_CLIENT_FACTS || length < Layout::facts + client.nFacts * Layout::factSize)
+        return false;
+    client.handle = Layout::Handle::get(answer);
+    std::memcpy(client.name, answer + Layout::name, ZEL_RTM_NAME_LENGTH);
+    client.name[ZEL_RTM_NAME_LENGTH] = '\0';
+    client.clientType = Layout::ClientType::get(answer);
+    client.address = Layout::Address::get(answer);
+    client.receiveQueue = Layout::ReceiveQueue::get(answer);
+    for (std::uint32_t i = 0; i < client.nFacts; ++i)
+        client.facts[i] = readFact(answer + Layout::facts + i * Layout::factSize);
+    return true;
+}
+
 }  // namespace
 }  // namespace zel::rtm
 
@@ -42,6 +70,16 @@ int zelRtmGetCounters(const zelIpcAddr *ipc, uint64_t counters[ZEL_RTM_COUNTERS]
     for (int i = 0; i < ZEL_RTM_COUNTERS; ++i)
         counters[i] = zel::wire::load<std::uint64_t>(message + CountersMessage::counters + 8 * i);
     return 0;
+}
+
+int zelRtmNextClient(const zelIpcAddr *ipc, uint32_t *cursor, zelRtmClient *client) {
+    std::uint8_t message[ClientMessage::largest] = {};
+    ClientMessage::Cursor::set(message, *cursor);
+    const int received = sendAndReceive(message, ZEL_RTM_MSG_CLIENTS, ClientMessage::questionSize, sizeof message, ipc);
+    if (received < static_cast<int>(ClientMessage::questionSize) || IpcHeader::Status::get(message) != 0) return -1;
+    *cursor = ClientMessage::Cursor::get(message);
+    if (*cursor == 0) return 0;
+    return readClient(message, static_cast<std::size_t>(received), *client) ? 1 : -1;
 }
 
 void zelRtmDumpBegin(zelRtmDump *dump, int family, uint32_t vrfId) {
@@ -76,6 +114,23 @@ int zelRtmAnswerCounters(void *message, const uint64_t counters[ZEL_RTM_COUNTERS
     for (int i = 0; i < ZEL_RTM_COUNTERS; ++i)
         zel::wire::store<std::uint64_t>(at + CountersMessage::counters + 8 * i, counters[i]);
     return static_cast<int>(CountersMessage::size);
+}
+
+int zelRtmAnswerClient(void *message, uint32_t nextCursor, const zelRtmClient *client) {
+    using Layout = ClientMessage;
+    auto *at = static_cast<uint8_t *>(message);
+    IpcHeader::Status::set(at, 0);
+    Layout::Cursor::set(at, client ? nextCursor : 0);
+    if (!client) return static_cast<int>(Layout::questionSize);
+    Layout::Handle::set(at, client->handle);
+    std::memcpy(at + Layout::name, client->name, ZEL_RTM_NAME_LENGTH);
+    Layout::ClientType::set(at, client->clientType);
+    Layout::Address::set(at, client->address);
+    Layout::ReceiveQueue::set(at, client->receiveQueue);
+    Layout::FactCount::set(at, client->nFacts);
+    for (uint32_t i = 0; i < client->nFacts; ++i)
+        writeFact(at + Layout::facts + i * Layout::factSize, client->facts[i]);
+    return static_cast<int>(Layout::facts + client->nFacts * Layout::factSize);
 }
 
 int zelRtmParseDump(const void *message, int length, zelRtmDumpPage *page) {

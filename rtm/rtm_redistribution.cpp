@@ -56,44 +56,34 @@ int zelRtmRedistDeleteRules(uint32_t handle, const zelIpcAddr *ipc, uint32_t que
 }
 
 int zelRtmRedistDeleteRules_opts(uint32_t handle, uint32_t option, const zelIpcAddr *, uint32_t queue) {
-    std::uint8_t *message = makeQueued(queue, ZEL_RTM_MSG_REDISTRIBUTE_DELETE, QueuedMessage::deleteRulesSize);
-    if (!message) return 1;
-    QueuedMessage::Option::set(message, option);
-    QueuedMessage::Handle::set(message, handle);
-    return sendQueued(queue, message, QueuedMessage::deleteRulesSize);
+    return sendQueued(queue, ZEL_RTM_MSG_REDISTRIBUTE_DELETE, QueuedMessage::deleteRulesSize, handle,
+                      [&](std::uint8_t *message) { QueuedMessage::Option::set(message, option); });
 }
 
 int zelRtmRedistRestart(uint32_t handle, const zelIpcAddr *, uint32_t queue, uint32_t vrfId) {
-    std::uint8_t *message = makeQueued(queue, ZEL_RTM_MSG_REDISTRIBUTE_RESTART, QueuedMessage::restartSize);
-    if (!message) return 1;
-    QueuedMessage::Handle::set(message, handle);
-    QueuedMessage::Vrf136::set(message, vrfId);
-    return sendQueued(queue, message, QueuedMessage::restartSize);
+    return sendQueued(queue, ZEL_RTM_MSG_REDISTRIBUTE_RESTART, QueuedMessage::restartSize, handle,
+                      [&](std::uint8_t *message) { QueuedMessage::Vrf136::set(message, vrfId); });
 }
 
 int zelRtmIsisTagInfo(uint32_t handle, const zelIpcAddr *, uint32_t queue, uint32_t vrfId, const zelRtmIsisTag *tag) {
     if (!zel::asserted(tag, "tag", sourceName)) return 1;
-    std::uint8_t *message = makeQueued(queue, ZEL_RTM_MSG_ISIS_TAG, IsisTagMessage::size);
-    if (!message) return 1;
-    QueuedMessage::Handle::set(message, handle);
-    QueuedMessage::Vrf136::set(message, vrfId);
-    std::memcpy(message + IsisTagMessage::prefix, tag->prefix, sizeof tag->prefix);
-    std::memcpy(message + IsisTagMessage::mask, tag->mask, sizeof tag->mask);
-    IsisTagMessage::Tag::set(message, tag->tag);
-    IsisTagMessage::Level::set(message, tag->level);
-    return sendQueued(queue, message, IsisTagMessage::size);
+    return sendQueued(queue, ZEL_RTM_MSG_ISIS_TAG, IsisTagMessage::size, handle, [&](std::uint8_t *message) {
+        QueuedMessage::Vrf136::set(message, vrfId);
+        std::memcpy(message + IsisTagMessage::prefix, tag->prefix, sizeof tag->prefix);
+        std::memcpy(message + IsisTagMessage::mask, tag->mask, sizeof tag->mask);
+        IsisTagMessage::Tag::set(message, tag->tag);
+        IsisTagMessage::Level::set(message, tag->level);
+    });
 }
 
 int zelRtmUpdateDefaultInfo(uint32_t handle, const zelIpcAddr *, uint32_t queue, int family, uint32_t vrfId,
                             uint32_t originate, uint32_t metric) {
     if (!zel::asserted(isFamily(family), "family < 3", sourceName)) return 1;
     const uint32_t type = family == ZEL_RTM_IPV6_UNICAST ? ZEL_RTM_MSG_DEFAULT_INFO_V6 : ZEL_RTM_MSG_DEFAULT_INFO;
-    std::uint8_t *message = makeQueued(queue, type, DefaultInfoMessage::size);
-    if (!message) return 1;
-    QueuedMessage::Handle::set(message, handle);
-    DefaultInfoMessage::Family::set(message, static_cast<uint32_t>(family));
-    DefaultInfoMessage::Vrf::set(message, vrfId);
-    DefaultInfoMessage::Originate::set(message, originate);
-    DefaultInfoMessage::Metric::set(message, metric);
-    return sendQueued(queue, message, DefaultInfoMessage::size);
+    return sendQueued(queue, type, DefaultInfoMessage::size, handle, [&](std::uint8_t *message) {
+        DefaultInfoMessage::Family::set(message, static_cast<uint32_t>(family));
+        DefaultInfoMessage::Vrf::set(message, vrfId);
+        DefaultInfoMessage::Originate::set(message, originate);
+        DefaultInfoMessage::Metric::set(message, metric);
+    });
 }

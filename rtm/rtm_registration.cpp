@@ -60,39 +60,19 @@ int sendQualifier(std::uint32_t type, std::uint32_t handle, std::uint32_t kind, 
 
 using namespace zel::rtm;
 
-int zelRtmRegister(uint32_t clientType, uint32_t addressFamily, const char *name, uint32_t *handle,
-                   const zelIpcAddr *ipc) {
-    return registerClient(ZEL_RTM_MSG_REGISTER, clientType, addressFamily, name, handle, ipc);
-}
-
-int zelRtmRegisterAddrFamily(uint32_t clientType, uint32_t addressFamily, const char *name, uint32_t *handle,
-                             const zelIpcAddr *ipc) {
-    return registerClient(ZEL_RTM_MSG_REGISTER, clientType, addressFamily, name, handle, ipc);
-}
-
-int zelRtmRegister_vrf(uint32_t clientType, uint32_t vrfId, const char *name, uint32_t *handle, const zelIpcAddr *ipc) {
-    return registerClient(ZEL_RTM_MSG_REGISTER_VRF, clientType, vrfId, name, handle, ipc);
-}
-
-int zelRtmRegisterAddrFamily_vrf(uint32_t clientType, uint32_t vrfId, const char *name, uint32_t *handle,
-                                 const zelIpcAddr *ipc) {
-    return registerClient(ZEL_RTM_MSG_REGISTER_VRF, clientType, vrfId, name, handle, ipc);
-}
-
-int zelRtmRegisterNonRtProtoClient(uint32_t clientType, uint32_t addressFamily, const char *name, uint32_t *handle,
-                                   const zelIpcAddr *ipc) {
-    return registerClient(ZEL_RTM_MSG_REGISTER_NON_ROUTING, clientType, addressFamily, name, handle, ipc);
-}
-
-int zelRtmFibRegister(uint32_t clientType, uint32_t addressFamily, const char *name, uint32_t *handle,
-                      const zelIpcAddr *ipc) {
-    return registerClient(ZEL_RTM_MSG_REGISTER, clientType, addressFamily, name, handle, ipc);
-}
-
-int zelRtmV4V6Register(uint32_t clientType, uint32_t addressFamily, const char *name, uint32_t *handle,
-                       const zelIpcAddr *ipc) {
-    return registerClient(ZEL_RTM_MSG_REGISTER_V4V6, clientType, addressFamily, name, handle, ipc);
-}
+// The calls differ in their names and types alone.
+#define ZEL_RTM_REGISTRATION(call, type)                                                                       \
+    int call(uint32_t clientType, uint32_t scope, const char *name, uint32_t *handle, const zelIpcAddr *ipc) { \
+        return registerClient(type, clientType, scope, name, handle, ipc);                                     \
+    }
+ZEL_RTM_REGISTRATION(zelRtmRegister, ZEL_RTM_MSG_REGISTER)
+ZEL_RTM_REGISTRATION(zelRtmRegisterAddrFamily, ZEL_RTM_MSG_REGISTER)
+ZEL_RTM_REGISTRATION(zelRtmRegister_vrf, ZEL_RTM_MSG_REGISTER_VRF)
+ZEL_RTM_REGISTRATION(zelRtmRegisterAddrFamily_vrf, ZEL_RTM_MSG_REGISTER_VRF)
+ZEL_RTM_REGISTRATION(zelRtmRegisterNonRtProtoClient, ZEL_RTM_MSG_REGISTER_NON_ROUTING)
+ZEL_RTM_REGISTRATION(zelRtmFibRegister, ZEL_RTM_MSG_REGISTER)
+ZEL_RTM_REGISTRATION(zelRtmV4V6Register, ZEL_RTM_MSG_REGISTER_V4V6)
+#undef ZEL_RTM_REGISTRATION
 
 int zelRtmSendRegister(uint32_t clientType, uint32_t addressFamily, const char *name, const zelIpcAddr *ipc) {
     if (!name || !zel::asserted(ipc, "ipc", sourceName)) return 1;

@@ -74,17 +74,18 @@ bool mayAppend(const zelRtmRoute &route, int family, const std::uint8_t *batch) 
 [[gnu::cold]] void debugRoute(const zelRtmRoute &route, std::uint32_t operation, std::uint32_t handle, int family,
                               std::uint32_t routes) {
     if (isDebugging(debugEveryRoute)) {
-        char prefix[64], hop[64];
+        char prefix[64], hop[64] = "none";
+        if (route.nNextHops > 0) rtm_inet_ntop(family, route.hop[0].addr, hop, sizeof hop);
         zelTracePrintf(traceModule, "\r\n==== [%x] prefix:%s nh:%s nnh %d [route: %#x] ===", handle,
-                       rtm_inet_ntop(family, route.prefix, prefix, sizeof prefix),
-                       rtm_inet_ntop(family, route.hop[0].addr, hop, sizeof hop), route.nNextHops, shortened(&route));
+                       rtm_inet_ntop(family, route.prefix, prefix, sizeof prefix), hop, route.nNextHops,
+                       shortened(&route));
     }
     const bool goesNowhere =
         route.nNextHops > 0 && rtmAF_IsAddrZero(family, route.hop[0].addr) && route.hop[0].ifIndex == 0;
     if (!isDebugging(debugBatches) || operation != ZEL_RTM_ADD || !goesNowhere) return;
     ++rtm_api_bad_route_counter;
-    zelErrorPrintf(traceModule, "IPADDR AND IFINDEX ARE ZERO %d of %d rtmh %d!!!", route.nNextHops,
-                   static_cast<int>(routes), static_cast<int>(handle));
+    zelErrorPrintf(traceModule, "IPADDR AND IFINDEX ARE ZERO %d of %d rtmh %d!!!",
+                   static_cast<int>(rtm_api_bad_route_counter), static_cast<int>(routes), static_cast<int>(handle));
 }
 
 [[gnu::cold]] void traceBatch(const void *batch) {

@@ -66,7 +66,7 @@ enum {
     ZEL_RTM_MSG_MULTI_POLL_V6 = 0x3225,
     ZEL_RTM_MSG_MULTI_POLL_V6_STOP = 0x3229,
     ZEL_RTM_MSG_FLUSH = 0x322D,
-    ZEL_RTM_MSG_FLUSH_QUEUED = 0x322E, /* + 1: IPv4 multicast */
+    ZEL_RTM_MSG_FLUSH_QUEUED = 0x322E,
     ZEL_RTM_MSG_FLUSH_QUEUED_MULTICAST = 0x322F,
     ZEL_RTM_MSG_FLUSH_POLLER = 0x3230,
     ZEL_RTM_MSG_FLUSH_POLLER_MULTICAST = 0x3231,
@@ -89,8 +89,19 @@ enum {
     ZEL_RTM_MSG_REGISTER_V4V6 = 0x3269,
     ZEL_RTM_MSG_DEREGISTER_V4V6 = 0x326A,
     ZEL_RTM_MSG_COUNTERS = 0x32F0,
-    ZEL_RTM_MSG_DUMP = 0x32F1
+    ZEL_RTM_MSG_DUMP = 0x32F1,
+    ZEL_RTM_MSG_CLIENTS = 0x32F2
 };
+
+/* Status words of answers. */
+typedef enum {
+    ZEL_RTM_STATUS_OK = 0,
+    ZEL_RTM_STATUS_BAD_NAME = 1,       /* empty, or not printable */
+    ZEL_RTM_STATUS_TABLE_FULL = 2,     /* no room for another client, or for another fact about this one */
+    ZEL_RTM_STATUS_UNKNOWN_CLIENT = 3, /* the handle is not the sender's */
+    ZEL_RTM_STATUS_BAD_REQUEST = 4,
+    ZEL_RTM_STATUS_UNREACHABLE = 5 /* redistribution: the client is not in the task table */
+} zelRtmStatus;
 
 /* The caller's IPC address, passed to every operation; `extra` does not travel. */
 typedef struct {
@@ -165,7 +176,7 @@ int zelRtmV4V6Deregister(uint32_t handle, const zelIpcAddr *ipc);
 /* Synchronous, 68 bytes: 60 u32 handle, 64 u32 family. The client's routes of that family go. */
 int zelRtmDeregisterAddrFamily(uint32_t handle, uint32_t addressFamily, const zelIpcAddr *ipc);
 /* Synchronous, 72 bytes: 60 u32 handle, 64 u32 kind, 68 u32 value: a mark that the manager keeps with the client and
- * shows in its client list. */
+ * shows to those who ask for its clients. */
 int zelRtmRegisterClientQualifier(uint32_t handle, uint32_t kind, uint32_t value, const zelIpcAddr *ipc);
 int zelRtmDeRegisterClientQualifier(uint32_t handle, uint32_t kind, uint32_t value, const zelIpcAddr *ipc);
 
@@ -230,8 +241,8 @@ int zelRtmRecurRouteLookupIPv6(uint32_t handle, uint32_t subcommand, const zelIp
                                void *query);
 
 /* Queued, 2048 bytes: 132 u32 handle, 136 u32 subcommand, 140 u32 VRF, 144 u32 1, 152 the query. The answer is a
- * message of the same type and layout to the client's receive queue, now and whenever the answer changes, until
- * ZEL_RTM_POLL_STOP. A subcommand or kind of match outside 1 and 2 is logged and sent all the same. */
+ * message of the same type and layout to the client's receive queue, sent once, now and whenever the answer changes,
+ * until ZEL_RTM_POLL_STOP. A subcommand or kind of match outside 1 and 2 is logged and sent all the same. */
 int zelRtmPollRouteLookupIPv4(uint32_t handle, uint32_t subcommand, const zelIpcAddr *ipc, uint32_t queue,
                               uint32_t vrfId, const void *query);
 /* Queued: as above with 144 u32 `count`, and from 152 the first 24 bytes of `count` queries (at most
@@ -258,7 +269,8 @@ int zelRtmFlushPollerRoutesAFSwp(uint32_t handle, const zelIpcAddr *ipc, uint32_
 int zelRtmFlushPollerVRFRoutesAFSwp(uint32_t handle, const zelIpcAddr *ipc, uint32_t queue, uint32_t vrfId, int family);
 /* Synchronous, 168 bytes: 60 u32 handle, 116 u32 VRF. The manager withdraws every client's routes of that VRF and asks
  * each owner, by a clear request of 72 bytes to its receive queue (60 u32 handle, 64 u32 VRF, 68 u32 sequence word), to
- * acknowledge and to send its routes again. Fails when the answer's status is not 0. */
+ * acknowledge and to send its routes again; it asks again each second, five times in all. Fails when the answer's
+ * status is not 0. */
 int zelRtmFibClear(uint32_t handle, uint32_t vrfId, const zelIpcAddr *ipc);
 /* Queued, 180 bytes: 132 u32 handle, 144 u32 1, 148 u32 family, 152 u32 the request's sequence word. */
 int zelRtmClearIpRouteSwpAck(uint32_t handle, const zelIpcAddr *ipc, uint32_t queue, uint32_t sequenceWord);
@@ -269,8 +281,17 @@ int zelRtmVrfDeleteAck(uint32_t handle, const zelIpcAddr *ipc, uint32_t queue, u
 
 /* ==== Redistribution and the rest =================================================================================
  *
+ * A target client names types of clients whose routes it takes. For each prefix of the family, in every VRF, it gets
+ * the preferred one of the routes that clients of these types have, its own never: at once what is there, later what
+ * changes, and a withdrawal (operation 2, without next hops) when none is left or a rule is taken back. They come in
+ * batches like those of route updates, with the target's handle, down a sliding-window queue of the manager to the
+ * target's receive queue; a zelSwpReceiver takes them, zelRtmParseBatch and zelRtmNextRoute read them. A prefix that
+ * changes faster than the target acknowledges is told in its last state. A target that lost the stream gets everything
+ * again on a new one; one that acknowledges nothing for ten seconds gets no more until it accepts or restarts.
+ *
  * Synchronous, 76 bytes: 60 u32 handle of the target client, 64 u32 option, 68 u32 family, 72 u32 *value: the client
- * type whose routes the target takes. Fails when the answer's status is not 0. A null `ipc` is reported by assertion.
+ * type whose routes the target takes. Fails when the answer's status is not 0: rejecting a type that was not accepted,
+ * for instance, or accepting as a client that the task table does not know. A null `ipc` is reported by assertion.
  */
 enum { ZEL_RTM_REDIST_ACCEPT = 1, ZEL_RTM_REDIST_REJECT = 2 };
 int zelRtmRedistTgtClientMsg_opts(uint32_t handle, uint32_t option, const zelIpcAddr *ipc, const uint32_t *value);
@@ -283,7 +304,7 @@ int zelRtmRedistTgtClientRejectAF_opts(uint32_t handle, const zelIpcAddr *ipc, i
 /* Queued, 136 bytes: 128 u32 option (0: every rule, else that client type), 132 u32 handle. */
 int zelRtmRedistDeleteRules(uint32_t handle, const zelIpcAddr *ipc, uint32_t queue);
 int zelRtmRedistDeleteRules_opts(uint32_t handle, uint32_t option, const zelIpcAddr *ipc, uint32_t queue);
-/* Queued, 176 bytes: 132 u32 handle, 136 u32 VRF: the target asks for all that its rules select once more. */
+/* Queued, 176 bytes: 132 u32 handle, 136 u32 VRF: the target asks for all that its rules select there once more. */
 int zelRtmRedistRestart(uint32_t handle, const zelIpcAddr *ipc, uint32_t queue, uint32_t vrfId);
 
 typedef struct {
@@ -294,11 +315,14 @@ typedef struct {
 } zelRtmIsisTag;
 /* Queued, 164 bytes: 132 u32 handle, 136 u32 VRF, 140 prefix, 144 mask, 148 u32 tag, 152 u32 level. */
 int zelRtmIsisTagInfo(uint32_t handle, const zelIpcAddr *ipc, uint32_t queue, uint32_t vrfId, const zelRtmIsisTag *tag);
-/* Queued, 152 bytes: 132 u32 handle, 136 u32 family, 140 u32 VRF, 144 u32 originate (1) or not (0), 148 u32 metric. */
+/* Neither this nor the tag information changes routes; zelrtmd takes no notice of them.
+ * Queued, 152 bytes: 132 u32 handle, 136 u32 family, 140 u32 VRF, 144 u32 originate (1) or not (0), 148 u32 metric. */
 int zelRtmUpdateDefaultInfo(uint32_t handle, const zelIpcAddr *ipc, uint32_t queue, int family, uint32_t vrfId,
                             uint32_t originate, uint32_t metric);
 
 /* ==== Questions about the manager =================================================================================
+ *
+ * Answered to this CPU and to CPUs of registered clients.
  *
  * Counters, synchronous: the request is the bare header; the answer has ZEL_RTM_COUNTERS u64 words from byte 60.
  */
@@ -316,11 +340,12 @@ enum {
     ZEL_RTM_COUNT_GAPS,       /* messages of a stream ahead of their turn */
     ZEL_RTM_COUNT_MALFORMED,
     ZEL_RTM_COUNT_REFUSED, /* requests answered with a status, and messages of unknown clients */
-    ZEL_RTM_COUNT_LOOKUPS,
+    ZEL_RTM_COUNT_LOOKUPS, /* synchronous ones */
     ZEL_RTM_COUNT_POLL_ANSWERS,
     ZEL_RTM_COUNT_FLUSHES,
     ZEL_RTM_COUNT_CLEAR_ACKS,
     ZEL_RTM_COUNT_DROPPED_BY_HOST,
+    ZEL_RTM_COUNT_REDISTRIBUTED, /* routes and withdrawals told to targets */
     ZEL_RTM_COUNTERS
 };
 int zelRtmGetCounters(const zelIpcAddr *ipc, uint64_t counters[ZEL_RTM_COUNTERS]);
@@ -345,11 +370,43 @@ void zelRtmDumpBegin(zelRtmDump *dump, int family, uint32_t vrfId);
  * route->tlv points into the dump until the next call. */
 int zelRtmDumpNext(zelRtmDump *dump, const zelIpcAddr *ipc, uint32_t *handle, zelRtmRoute *route);
 
+/* Clients, synchronous, one by one. Request, 64 bytes: 60 u32 cursor. Answer: 60 u32 the next cursor (0: there is no
+ * such client any more), 64 u32 handle, 68 name, 40 bytes, 108 u32 client type, 112 u32 address, 116 u32 receive queue,
+ * 120 u32 number of facts, from 124 the facts, three u32 each. */
+#define ZEL_RTM_MAX_CLIENT_FACTS 64
+enum {
+    ZEL_RTM_FACT_FAMILY = 1,    /* family, 0: registered for it */
+    ZEL_RTM_FACT_VRF = 2,       /* VRF, 0 */
+    ZEL_RTM_FACT_QUALIFIER = 3, /* kind, value */
+    ZEL_RTM_FACT_ACCEPTS = 4    /* family, client type whose routes it takes */
+};
+typedef struct {
+    uint32_t what;
+    uint32_t first;
+    uint32_t second;
+} zelRtmClientFact;
+typedef struct {
+    uint32_t handle;
+    char name[ZEL_RTM_NAME_LENGTH + 1];
+    uint32_t clientType;
+    uint32_t address;
+    uint32_t receiveQueue;
+    uint32_t nFacts;
+    zelRtmClientFact facts[ZEL_RTM_MAX_CLIENT_FACTS];
+} zelRtmClient;
+/* Stores the client at *cursor (0 to begin) or behind it, and moves the cursor on: 1; 0 when there is none; -1 on
+ * failure. */
+int zelRtmNextClient(const zelIpcAddr *ipc, uint32_t *cursor, zelRtmClient *client);
+
 /* ==== Manager side ================================================================================================
  *
  * Reading what clients send, and building what they read. Nothing here trusts a message: every count is checked against
  * `length`, the bytes received. Parsers return 0, or 1 for a message of another type, too short, or malformed.
  */
+
+/* 1 for messages that clients send down a sliding-window queue, 0 for all others. */
+int zelRtmIsQueued(uint32_t type);
+
 typedef struct {
     uint32_t type;
     uint32_t handle;
@@ -386,8 +443,8 @@ int zelRtmSerialiseRoute(const zelRtmRoute *route, int family, void *record, siz
 /* Reads such a record; bytes read, -1 when it does not lie within `length` or is no valid route. */
 int zelRtmParseRoute(const void *record, size_t length, int family, zelRtmRoute *route);
 
-/* Every request with a handle and few words: deregistrations, flushes, redistribution, acknowledgements and so on.
- * Fields that the type does not have are 0. */
+/* Every request with a handle and few words: deregistrations, flushes, redistribution, acknowledgements and so on, and
+ * the question for a client, with the cursor as handle. Fields that the type does not have are 0. */
 typedef struct {
     uint32_t type;
     uint32_t handle;
@@ -428,6 +485,8 @@ void zelRtmAnswerRegistration(void *message, uint32_t handle, uint32_t status);
 /* The answer to ZEL_RTM_MSG_COUNTERS; `message` has ZEL_RTM_MAX_MESSAGE bytes, begins with the request's header;
  * returns the length. */
 int zelRtmAnswerCounters(void *message, const uint64_t counters[ZEL_RTM_COUNTERS]);
+/* The answer to ZEL_RTM_MSG_CLIENTS, to a buffer as above; null when there is no client. */
+int zelRtmAnswerClient(void *message, uint32_t nextCursor, const zelRtmClient *client);
 /* A page of a table dump: parse the request, append routes to the same buffer of ZEL_RTM_MAX_MESSAGE bytes, finish. A
  * copy of the structure marks a place to fall back to, so that the routes of one prefix stay together. */
 typedef struct {

@@ -143,6 +143,18 @@ const Wire updates[] = {
      [] { return zelRtmPollMultiRouteLookupIPv6(handle, 2, &us, queue(), vrf, 1, query(2)) == 0; }},
 };
 
+// ---- What the manager sends -----------------------------------------------------------------------------------------
+
+std::uint32_t clientQueue() {
+    return zel_getQueueId(61, 0, 1);
+}
+
+// Sends what `build` makes of a buffer of zeros, whose length it returns.
+bool sends(int (*build)(void *message)) {
+    std::uint8_t message[ZEL_RTM_MAX_MESSAGE] = {};
+    return zelIpcNonGuaranteedSend(Wire::key, message, build(message)) == 0;
+}
+
 // ---- Flushes, redistribution, questions -----------------------------------------------------------------------------
 
 const Wire others[] = {
@@ -184,19 +196,39 @@ const Wire others[] = {
          zelRtmDumpBegin(&dump, 2, vrf);
          return zelRtmDumpNext(&dump, &us, &newHandle, &unused) == -1;
      }},
+    {"rtm_clients",
+     [] {
+         std::uint32_t cursor = 5;
+         zelRtmClient unused;
+         return zelRtmNextClient(&us, &cursor, &unused) == -1;
+     }},
     {"rtm_clear",
      [] {
-         std::uint8_t message[200];
-         const int length = zelRtmBuildClear(message, handle, vrf, value, Wire::peer, zel_getQueueId(61, 0, 1));
-         return zelIpcNonGuaranteedSend(Wire::key, message, length) == 0;
+         return sends(
+             [](void *message) { return zelRtmBuildClear(message, handle, vrf, value, Wire::peer, clientQueue()); });
      }},
     {"rtm_poll_answer",
      [] {
-         std::uint8_t message[2048];
-         const zelRtmQuery asked = {ZEL_RTM_MSG_POLL, handle, 1, vrf, 1, 0, 1, 0, 32, {1, 2, 3, 4}};
-         const zelRtmRoute found = route(0, 1, 5);
-         const int length = zelRtmBuildPollAnswer(message, &asked, &found, 24, Wire::peer, zel_getQueueId(61, 0, 1));
-         return zelIpcNonGuaranteedSend(Wire::key, message, length) == 0;
+         return sends([](void *message) {
+             const zelRtmQuery asked = {ZEL_RTM_MSG_POLL, handle, 1, vrf, 1, 0, 1, 0, 32, {1, 2, 3, 4}};
+             const zelRtmRoute found = route(0, 1, 5);
+             return zelRtmBuildPollAnswer(message, &asked, &found, 24, Wire::peer, clientQueue());
+         });
+     }},
+    {"rtm_clients_answer",
+     [] {
+         return sends([](void *message) {
+             const zelRtmClient client = {handle, "name", 61, Wire::peer, 0x1e81, 1, {{4, 2, value}}};
+             return zelRtmAnswerClient(message, 6, &client);
+         });
+     }},
+    {"rtm_dump_answer",
+     [] {
+         return sends([](void *message) {
+             zelRtmDumpPage page = {0, vrf, 255, {}, 0, 92};
+             const zelRtmRoute shown = route(0, 1, 5);
+             return zelRtmDumpAppend(message, &page, handle, &shown) ? zelRtmDumpFinish(message, &page) : 0;
+         });
      }},
 };
 
