@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 
 #include "zel/ipc.h"
@@ -86,6 +87,10 @@ bool isStopping() {
 
 void wakeOnStop(std::uint32_t key) {
     wakeKey = key;
+}
+
+void useHeap(std::uint32_t queue) {
+    swpFifoQueue[queue] = {[](std::uint32_t bytes) { return malloc(bytes); }, free};
 }
 
 double monotonicSeconds() {

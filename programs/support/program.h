@@ -2,7 +2,14 @@
 // into a request to stop. Signals are taken by main alone, so that no task is interrupted in the middle of something.
 #pragma once
 
+#include <unistd.h>
+
+#include <charconv>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "zel/ipc.h"
 
 namespace zel::programs {
 
@@ -18,8 +25,41 @@ bool isStopping();
 void wakeOnStop(std::uint32_t key);
 constexpr std::uint32_t wakeType = 0x32FF;
 
+// Reads a decimal number of that range from the command line.
+template <class Number>
+bool readNumber(const char *text, Number low, Number high, Number &value) {
+    const char *end = text + std::strlen(text);
+    const auto [stop, error] = std::from_chars(text, end, value);
+    return error == std::errc() && stop == end && value >= low && value <= high;
+}
+
 // The identity that the task manager passes as the last eight arguments.
 constexpr int identityArguments = 8;
+
+// The body of a program that the task manager starts: options, which `parse` reads with getopt, then the identity.
+// Takes up the identity and runs a `Task` made of key and options.
+template <class Task, class Options>
+int runTask(int argc, char **argv, bool (*parse)(int, char **, Options &), const char *help) {
+    Options options;
+    if (!parse(argc, argv, options) || argc - optind != identityArguments) {
+        fputs(help, stderr);
+        return 2;
+    }
+    const int started = zelTaskStartup(argc, argv);
+    if (started < 0) return 1;
+    const auto key = static_cast<std::uint32_t>(started);
+    wakeOnStop(key);
+    int status = 1;
+    {
+        Task task(key, options);
+        if (zelTaskReady(key) == 0) status = task.run();
+    }
+    zelIpcClose(key);
+    return status;
+}
+
+// Buffers of a queue's messages from and to the heap, so that the queue also frees what a flush throws away.
+void useHeap(std::uint32_t queue);
 
 // Seconds of the monotonic clock.
 double monotonicSeconds();

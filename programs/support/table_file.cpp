@@ -99,6 +99,7 @@ bool parseRow(std::string_view line, TableFile &table) {
         if (!encodeAttributes(path, takeColumn(line), attributes)) return false;
         table.communitiesCut += attributes.communitiesCut;
         table.routesCut += attributes.communitiesCut > 0;
+        table.pathsCut += attributes.numbersCut > 0;
         row.attributes = static_cast<std::uint32_t>(table.store.size());
         row.attributesLength = attributes.length;
         table.store.insert(table.store.end(), attributes.bytes, attributes.bytes + attributes.length);

@@ -36,6 +36,7 @@ struct TableFile {
     unsigned long firstUnreadable = 0;  // the number of the first of them
     unsigned long communitiesCut = 0;   // communities that found no room in a TLV area
     unsigned long routesCut = 0;        // routes they belong to
+    unsigned long pathsCut = 0;         // AS paths of which not every number found room
 };
 
 // Appends the rows of a table or recording; the form shows in each line. False when the file cannot be read.

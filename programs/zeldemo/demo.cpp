@@ -228,6 +228,7 @@ void Demo::sumUp(const Expected &expected) {
     line("drops", static_cast<double>(counters[ZEL_RTM_COUNT_DROPPED_BY_HOST]));
     if (options_.kills) line("recoveries", sum["recoveries"]);
     printf("  %-20s %14.3f\n", "seconds", secondsOfSources());
+    if (table_.pathsCut > 0) line("AS paths cut", static_cast<double>(table_.pathsCut));
     if (table_.communitiesCut > 0) line("communities left out", static_cast<double>(table_.communitiesCut));
 }
 

@@ -40,21 +40,14 @@ zeldemo::Options options;
     exit(2);
 }
 
-unsigned parsePeers(const char *text) {
-    char *end;
-    const unsigned long number = strtoul(text, &end, 10);
-    if (*end || number < 1 || number > zeldemo::mostPeers)
-        refuse("there can be 1 to 4 peers: BGP, OSPF, ISIS and RIP, one instance each");
-    return static_cast<unsigned>(number);
-}
-
 void parseOptions(int argc, char **argv) {
     for (int option; (option = getopt_long(argc, argv, "t:p:kh", longOptions, nullptr)) != -1;) switch (option) {
             case 't':
                 options.table = optarg;
                 break;
             case 'p':
-                options.peers = parsePeers(optarg);
+                if (!zel::programs::readNumber(optarg, 1u, zeldemo::mostPeers, options.peers))
+                    refuse("there can be 1 to 4 peers: BGP, OSPF, ISIS and RIP, one instance each");
                 break;
             case 'k':
                 options.kills = true;

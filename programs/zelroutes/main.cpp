@@ -9,6 +9,8 @@
 
 namespace {
 
+using zel::programs::readNumber;
+
 constexpr const char *help =
     R"(usage: zelroutes --table FILE [OPTION]... IDENTITY
 
@@ -41,7 +43,7 @@ constexpr option longOptions[] = {
 
 bool parseOptions(int argc, char **argv, zelroutes::Options &options) {
     for (int option; (option = getopt_long(argc, argv, "+t:u:h", longOptions, nullptr)) != -1;) {
-        const unsigned long number = optarg ? strtoul(optarg, nullptr, 10) : 0;
+        bool isValid = true;
         switch (option) {
             case 't':
                 options.table = optarg;
@@ -53,13 +55,13 @@ bool parseOptions(int argc, char **argv, zelroutes::Options &options) {
                 options.report = optarg;
                 break;
             case optionDistance:
-                options.distance = static_cast<std::uint8_t>(number);
+                isValid = readNumber<std::uint8_t>(optarg, 0, UINT8_MAX, options.distance);
                 break;
             case optionInterface:
-                options.interface = static_cast<std::uint32_t>(number);
+                isValid = readNumber<std::uint32_t>(optarg, 0, UINT32_MAX, options.interface);
                 break;
             case optionWindow:
-                options.window = static_cast<std::uint32_t>(number);
+                isValid = readNumber<std::uint32_t>(optarg, 1, ZEL_SWP_DEFAULT_CAPACITY, options.window);
                 break;
             case optionQuit:
                 options.quits = true;
@@ -68,29 +70,17 @@ bool parseOptions(int argc, char **argv, zelroutes::Options &options) {
                 fputs(help, stdout);
                 exit(0);
             default:
-                return false;
+                isValid = false;
         }
+        if (!isValid) return false;
     }
-    return !options.table.empty() && argc - optind == zel::programs::identityArguments;
-}
-
-int pushRoutes(int argc, char **argv) {
-    zelroutes::Options options;
-    if (!parseOptions(argc, argv, options)) {
-        fputs(help, stderr);
-        return 2;
-    }
-    const int key = zelTaskStartup(argc, argv);
-    if (key < 0) return 1;
-    zel::programs::wakeOnStop(static_cast<std::uint32_t>(key));
-    if (zelTaskReady(static_cast<std::uint32_t>(key)) != 0) return 1;
-    const int status = zelroutes::Source(static_cast<std::uint32_t>(key), options).run();
-    zelIpcClose(static_cast<std::uint32_t>(key));
-    return status;
+    return !options.table.empty();
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    return zel::programs::runProgram("tRoutes", argc, argv, pushRoutes);
+    return zel::programs::runProgram("tRoutes", argc, argv, [](int count, char **words) {
+        return zel::programs::runTask<zelroutes::Source>(count, words, parseOptions, help);
+    });
 }

@@ -1,7 +1,6 @@
 #include "source.h"
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "programs/support/program.h"
 #include "zel/kernel.h"
@@ -65,11 +64,9 @@ bool Source::pushUntilDone() {
 }
 
 bool Source::load() {
-    if (!readTable(options_.table, table_)) {
-        fprintf(stderr, "zelroutes: %s cannot be read\n", options_.table.c_str());
-        return false;
-    }
-    for (const std::string &file : options_.updates)
+    std::vector<std::string> files{options_.table};
+    files.insert(files.end(), options_.updates.begin(), options_.updates.end());
+    for (const std::string &file : files)
         if (!readTable(file, table_)) {
             fprintf(stderr, "zelroutes: %s cannot be read\n", file.c_str());
             return false;
@@ -78,6 +75,7 @@ bool Source::load() {
     if (table_.communitiesCut > 0)
         printf("zelroutes: %lu communities of %lu routes do not fit beside the AS path and are left out\n",
                table_.communitiesCut, table_.routesCut);
+    if (table_.pathsCut > 0) printf("zelroutes: %lu AS paths are too long and are cut\n", table_.pathsCut);
     return true;
 }
 
@@ -87,8 +85,7 @@ bool Source::makeQueue() {
                                          ZEL_RTM_SERVICE, receiverInstance, 0, options_.window, retransmitSeconds,
                                          retransmissions, noteTrouble, &queue_);
     if (result == ZEL_SWP_SUCCESS) {
-        // With hooks the queue also frees what a flush throws away.
-        swpFifoQueue[queue_] = {[](std::uint32_t bytes) { return malloc(bytes); }, free};
+        zel::programs::useHeap(queue_);
         return true;
     }
     queue_ = 0;

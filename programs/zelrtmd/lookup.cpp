@@ -6,8 +6,6 @@
 namespace zelrtmd {
 namespace {
 
-constexpr unsigned sourceAddressWord = 40;
-constexpr unsigned sourceQueueWord = 44;
 constexpr int mostSteps = 8;
 constexpr std::size_t mostPollers = 10000;
 constexpr std::size_t pollAnswerLength = 2048;
@@ -25,7 +23,6 @@ const zelRtmRoute *parse(const Path *path, int family, zelRtmRoute &route) {
 }  // namespace
 
 Manager::Found Manager::resolve(const zelRtmQuery &query) {
-    ++counts_[ZEL_RTM_COUNT_LOOKUPS];
     Found found;
     Table *table = find(query.family, query.vrfId);
     if (!table) return found;
@@ -48,16 +45,12 @@ Manager::Found Manager::resolve(const zelRtmQuery &query) {
 
 void Manager::answerLookup(std::uint8_t *message, int length) {
     zelRtmQuery query;
-    if (zelRtmParseQuery(message, length, 0, &query) != 0) return refuse(message, length, Status::badRequest);
+    if (zelRtmParseQuery(message, length, 0, &query) != 0) return refuse(message, length, ZEL_RTM_STATUS_BAD_REQUEST);
+    ++counts_[ZEL_RTM_COUNT_LOOKUPS];
     const Found found = resolve(query);
     zelRtmRoute route, asked;
     reply(message, zelRtmAnswerRequest(message, &query, parse(found.path, query.family, route), found.bits,
                                        parse(found.asked, query.family, asked)));
-}
-
-bool Manager::isSender(const zelRtmQuery &query, const std::uint8_t *message) {
-    return clients_.findSender(query.handle, zelIpcHdrGet32(message, sourceAddressWord),
-                               zelIpcHdrGet32(message, sourceQueueWord)) != nullptr;
 }
 
 void Manager::takePoll(const std::uint8_t *message, int length) {
@@ -67,8 +60,9 @@ void Manager::takePoll(const std::uint8_t *message, int length) {
             ++counts_[ZEL_RTM_COUNT_MALFORMED];
             return;
         }
-        const bool isValid = query.subcommand == ZEL_RTM_POLL_START || query.subcommand == ZEL_RTM_POLL_STOP;
-        if (!isValid || !isSender(query, message) || pollers_.size() >= mostPollers) {
+        const bool isStart = query.subcommand == ZEL_RTM_POLL_START;
+        const bool isValid = isStart ? pollers_.size() < mostPollers : query.subcommand == ZEL_RTM_POLL_STOP;
+        if (!isValid || !clients_.findSender(query.handle, message)) {
             ++counts_[ZEL_RTM_COUNT_REFUSED];
             return;
         }
@@ -78,7 +72,7 @@ void Manager::takePoll(const std::uint8_t *message, int length) {
                    other.family == query.family && other.bits == query.bits &&
                    std::memcmp(other.address, query.address, sizeof query.address) == 0;
         });
-        if (query.subcommand == ZEL_RTM_POLL_STOP) continue;
+        if (!isStart) continue;
         pollers_.push_back({query, {}});
         tell(pollers_.back(), true);
     }

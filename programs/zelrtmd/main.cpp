@@ -31,7 +31,7 @@ constexpr option longOptions[] = {
 bool parseOptions(int argc, char **argv, zelrtmd::Options &options) {
     for (int option; (option = getopt_long(argc, argv, "+h", longOptions, nullptr)) != -1;) switch (option) {
             case optionMaxClients:
-                options.mostClients = strtoul(optarg, nullptr, 10);
+                if (!zel::programs::readNumber<std::size_t>(optarg, 1, 255, options.mostClients)) return false;
                 break;
             case optionCountOnly:
                 options.onlyCounts = true;
@@ -42,27 +42,13 @@ bool parseOptions(int argc, char **argv, zelrtmd::Options &options) {
             default:
                 return false;
         }
-    return argc - optind == zel::programs::identityArguments;
-}
-
-int manageRoutes(int argc, char **argv) {
-    zelrtmd::Options options;
-    if (!parseOptions(argc, argv, options)) {
-        fputs(help, stderr);
-        return 2;
-    }
-    const int key = zelTaskStartup(argc, argv);
-    if (key < 0) return 1;
-    zel::programs::wakeOnStop(static_cast<std::uint32_t>(key));
-    zelrtmd::Manager manager(static_cast<std::uint32_t>(key), options);
-    if (zelTaskReady(static_cast<std::uint32_t>(key)) != 0) return 1;
-    const int status = manager.run();
-    zelIpcClose(static_cast<std::uint32_t>(key));
-    return status;
+    return true;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    return zel::programs::runProgram("tRtm", argc, argv, manageRoutes);
+    return zel::programs::runProgram("tRtm", argc, argv, [](int count, char **words) {
+        return zel::programs::runTask<zelrtmd::Manager>(count, words, parseOptions, help);
+    });
 }

@@ -7,9 +7,10 @@
 namespace zelrtmd {
 namespace {
 
+constexpr unsigned commandByte = 4;
 constexpr unsigned messageTypeWord = 12;
+constexpr unsigned packetTypeWord = 24;
 constexpr unsigned sourceAddressWord = 40;
-constexpr unsigned sourceQueueWord = 44;
 constexpr int requestQueue = 1;
 constexpr int receiveSeconds = 1;
 constexpr std::size_t mostBytes = 65536;
@@ -18,50 +19,14 @@ constexpr std::size_t mostTables = 1024;
 constexpr int receiveBuffer = 8 << 20;
 constexpr std::uint32_t acknowledgementInterval = ZEL_SWP_DEFAULT_WINDOW;
 
-bool isQueued(std::uint32_t type) {
-    switch (type) {
-        case ZEL_RTM_MSG_UPDATE:
-        case ZEL_RTM_MSG_UPDATE_MULTICAST:
-        case ZEL_RTM_MSG_POLL:
-        case ZEL_RTM_MSG_MULTI_POLL:
-        case ZEL_RTM_MSG_MULTI_POLL_STOP:
-        case ZEL_RTM_MSG_MULTI_POLL_V6:
-        case ZEL_RTM_MSG_MULTI_POLL_V6_STOP:
-        case ZEL_RTM_MSG_CLEAR_ACK:
-        case ZEL_RTM_MSG_CLEAR_ACK_AF:
-        case ZEL_RTM_MSG_FLUSH_QUEUED:
-        case ZEL_RTM_MSG_FLUSH_QUEUED_MULTICAST:
-        case ZEL_RTM_MSG_FLUSH_QUEUED_V6:
-        case ZEL_RTM_MSG_FLUSH_POLLER:
-        case ZEL_RTM_MSG_FLUSH_POLLER_MULTICAST:
-        case ZEL_RTM_MSG_FLUSH_POLLER_V6:
-        case ZEL_RTM_MSG_FLUSH_VRF:
-        case ZEL_RTM_MSG_FLUSH_VRF_MULTICAST:
-        case ZEL_RTM_MSG_FLUSH_VRF_V6:
-        case ZEL_RTM_MSG_DEFAULT_INFO:
-        case ZEL_RTM_MSG_DEFAULT_INFO_V6:
-        case ZEL_RTM_MSG_REDISTRIBUTE_DELETE:
-        case ZEL_RTM_MSG_REDISTRIBUTE_RESTART:
-        case ZEL_RTM_MSG_ISIS_TAG:
-        case ZEL_RTM_MSG_VRF_DELETE_ACK:
-            return true;
-        default:
-            return false;
-    }
-}
-
-bool isPoll(std::uint32_t type) {
-    return type == ZEL_RTM_MSG_POLL || type == ZEL_RTM_MSG_MULTI_POLL || type == ZEL_RTM_MSG_MULTI_POLL_STOP ||
-           type == ZEL_RTM_MSG_MULTI_POLL_V6 || type == ZEL_RTM_MSG_MULTI_POLL_V6_STOP;
-}
-
 }  // namespace
 
 Manager::Manager(std::uint32_t key, const Options &options)
     : key_(key),
       options_(options),
       receiver_(zelSwpReceiverCreate(key, 0, acknowledgementInterval)),
-      clients_(options.mostClients) {
+      clients_(options.mostClients),
+      redistribution_(key, clients_, tables_) {
     int error = 0;
     if (zelIpcSetRecvBufferLimit(key | requestQueue, receiveBuffer, &error) != 0)
         fprintf(stderr, "zelrtmd: the receive buffer stays small (error %d)\n", error);
@@ -74,44 +39,50 @@ Manager::~Manager() {
 int Manager::run() {
     if (!receiver_) return 1;
     std::vector<std::uint8_t> buffer(mostBytes);
+    int wait = receiveSeconds;
     while (!zel::programs::isStopping()) {
-        const int length =
-            zelIpcRecv(key_ | requestQueue, buffer.data(), static_cast<int>(buffer.size()), receiveSeconds, 0, 0);
+        const int length = zelIpcRecv(key_ | requestQueue, buffer.data(), static_cast<int>(buffer.size()), wait, 0, 0);
         if (length > 0)
             dispatch(buffer.data(), length);
         else
             zelSwpReceiverFlush(receiver_);  // what waited for more was followed by something that was no message
+        wait = followUp() ? ZEL_NO_WAIT : receiveSeconds;
     }
     return 0;
 }
 
+// Acknowledgements and answers are told apart first: nothing that we send is ever answered, so that nobody can make us
+// talk to ourselves by sending in our name.
 void Manager::dispatch(std::uint8_t *message, int length) {
     const std::uint32_t type = zelIpcHdrGet32(message, messageTypeWord);
-    if (type == zel::programs::wakeType) return;
-    if (!isQueued(type)) {
-        answer(type, message, length);
-        // The queued message before it may have left its acknowledgement to the one that it saw waiting.
-        zelSwpReceiverFlush(receiver_);
+    const bool isAcknowledgement = zelIpcHdrGet32(message, packetTypeWord) == ZEL_SWP_ACK_PACKET;
+    if (!isAcknowledgement && zelRtmIsQueued(type)) {
+        if (zelSwpReceiverCheck(receiver_, message, length) != ZEL_SWP_MATCHED) return;
+        takeQueued(type, message, length);
+        zelSwpReceiverAnswer(receiver_, message);
         return;
     }
-    if (zelSwpReceiverCheck(receiver_, message, length) != ZEL_SWP_MATCHED) return;
-    takeQueued(type, message, length);
-    zelSwpReceiverAnswer(receiver_, message);
+    if (isAcknowledgement)
+        redistribution_.takeAcknowledgement(message, length);
+    else if (type != zel::programs::wakeType && message[commandByte] != ZEL_IPC_RSP)
+        answer(type, message, length);
+    // The queued message before it may have left its acknowledgement to the one that it saw waiting.
+    zelSwpReceiverFlush(receiver_);
+}
+
+// What a message, or time, has brought about for others; true when there is more of that at once.
+bool Manager::followUp() {
     if (tablesChanged_ && !pollers_.empty()) tellPollers();
     tablesChanged_ = false;
+    if (!clears_.empty()) askAgain();
+    return redistribution_.serve();
 }
 
 void Manager::takeQueued(std::uint32_t type, const std::uint8_t *message, int length) {
-    if (type == ZEL_RTM_MSG_UPDATE || type == ZEL_RTM_MSG_UPDATE_MULTICAST) return takeBatch(message, length);
-    if (isPoll(type)) return takePoll(message, length);
     zelRtmRequest request;
-    if (zelRtmParseRequest(message, length, &request) != 0) {
-        ++counts_[ZEL_RTM_COUNT_MALFORMED];
-        return;
-    }
-    Client *client = clients_.findSender(request.handle, zelIpcHdrGet32(message, sourceAddressWord),
-                                         zelIpcHdrGet32(message, sourceQueueWord));
-    if (client)
+    if (type == ZEL_RTM_MSG_UPDATE || type == ZEL_RTM_MSG_UPDATE_MULTICAST) return takeBatch(message, length);
+    if (zelRtmParseRequest(message, length, &request) != 0) return takePoll(message, length);
+    if (Client *client = clients_.findSender(request.handle, message))
         takeQueuedRequest(request, *client);
     else
         ++counts_[ZEL_RTM_COUNT_REFUSED];
@@ -132,21 +103,31 @@ void Manager::answer(std::uint32_t type, std::uint8_t *message, int length) {
         case ZEL_RTM_MSG_RECURSIVE_LOOKUP_V6:
             return answerLookup(message, length);
         case ZEL_RTM_MSG_DUMP:
-            return dump(message, length);
+        case ZEL_RTM_MSG_CLIENTS:
         case ZEL_RTM_MSG_COUNTERS:
-            sumUp();
-            return reply(message, zelRtmAnswerCounters(message, counts_));
+            return answerQuestion(type, message, length);
         default:
             if (zelRtmParseRequest(message, length, &request) == 0) return answerRequest(request, message, length);
-            refuse(message, ZEL_IPC_HDR_LEN, Status::badRequest);
+            refuse(message, ZEL_IPC_HDR_LEN, ZEL_RTM_STATUS_BAD_REQUEST);
     }
+}
+
+// These answers are longer than their questions: strangers elsewhere get none, nor those in whose name they ask.
+void Manager::answerQuestion(std::uint32_t type, std::uint8_t *message, int length) {
+    const std::uint32_t from = zelIpcHdrGet32(message, sourceAddressWord);
+    if (from != zel_sysGetIpAddr() && !clients_.isAnyAt(from))
+        return refuse(message, ZEL_IPC_HDR_LEN, ZEL_RTM_STATUS_UNKNOWN_CLIENT);
+    if (type == ZEL_RTM_MSG_DUMP) return dump(message, length);
+    if (type == ZEL_RTM_MSG_CLIENTS) return showClient(message, length);
+    sumUp();
+    reply(message, zelRtmAnswerCounters(message, counts_));
 }
 
 void Manager::reply(std::uint8_t *message, int length) {
     zelIpcReply(key_, message, length);
 }
 
-void Manager::refuse(std::uint8_t *message, int length, Status status) {
+void Manager::refuse(std::uint8_t *message, int length, zelRtmStatus status) {
     ++counts_[ZEL_RTM_COUNT_REFUSED];
     zelRtmSetStatus(message, static_cast<std::uint32_t>(status));
     reply(message, length);
@@ -160,8 +141,7 @@ void Manager::takeBatch(const std::uint8_t *message, int length) {
         ++counts_[ZEL_RTM_COUNT_MALFORMED];
         return;
     }
-    const Client *client = clients_.findSender(batch.handle, zelIpcHdrGet32(message, sourceAddressWord),
-                                               zelIpcHdrGet32(message, sourceQueueWord));
+    const Client *client = clients_.findSender(batch.handle, message);
     if (!client) {
         ++counts_[ZEL_RTM_COUNT_REFUSED];
         return;
@@ -184,7 +164,6 @@ void Manager::apply(std::uint32_t operation, std::uint32_t handle, const zelRtmB
 }
 
 void Manager::count(Change change) {
-    tablesChanged_ = true;
     if (change == Change::replaced) ++counts_[ZEL_RTM_COUNT_REPLACED];
     if (change == Change::unknown) ++counts_[ZEL_RTM_COUNT_UNKNOWN_DELETES];
     if (change == Change::refused) ++counts_[ZEL_RTM_COUNT_REFUSED];
@@ -199,7 +178,11 @@ Table *Manager::find(int family, std::uint32_t vrf) {
 Table *Manager::findOrMake(int family, std::uint32_t vrf) {
     if (Table *table = find(family, vrf)) return table;
     if (tables_.size() >= mostTables) return nullptr;
-    auto &slot = tables_[{family, vrf}] = std::make_unique<Table>(family, vrf);
+    const auto watcher = [this](const Table &table, const std::uint8_t *key, std::uint32_t bits, std::uint32_t owner) {
+        tablesChanged_ = true;
+        redistribution_.note(table, key, bits, owner);
+    };
+    auto &slot = tables_[{family, vrf}] = std::make_unique<Table>(family, vrf, watcher);
     return lastTable_ = slot.get();
 }
 
@@ -218,6 +201,7 @@ void Manager::sumUp() {
     counts_[ZEL_RTM_COUNT_DUPLICATES] = streams.duplicates;
     counts_[ZEL_RTM_COUNT_GAPS] = streams.gaps + streams.unknown;
     counts_[ZEL_RTM_COUNT_DROPPED_BY_HOST] = queue.droppedByHost;
+    counts_[ZEL_RTM_COUNT_REDISTRIBUTED] = redistribution_.told();
 }
 
 }  // namespace zelrtmd

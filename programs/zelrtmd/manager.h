@@ -7,12 +7,12 @@
 
 #include <cstdint>
 #include <list>
-#include <map>
-#include <memory>
-#include <utility>
+#include <optional>
+#include <set>
 #include <vector>
 
 #include "clients.h"
+#include "redistribution.h"
 #include "table.h"
 #include "zel/ipc.h"
 #include "zel/rtm.h"
@@ -46,11 +46,21 @@ private:
         std::uint32_t bits = 0;
     };
 
+    // A clear request until it is acknowledged.
+    struct Clear {
+        std::uint32_t handle;
+        std::uint32_t vrf;
+        std::uint32_t sequence;
+        int sent = 0;  // times
+    };
+
     void dispatch(std::uint8_t *message, int length);
+    bool followUp();
     void takeQueued(std::uint32_t type, const std::uint8_t *message, int length);
     void answer(std::uint32_t type, std::uint8_t *message, int length);
+    void answerQuestion(std::uint32_t type, std::uint8_t *message, int length);
     void reply(std::uint8_t *message, int length);
-    void refuse(std::uint8_t *message, int length, Status status);
+    void refuse(std::uint8_t *message, int length, zelRtmStatus status);
 
     void takeBatch(const std::uint8_t *message, int length);
     void apply(std::uint32_t operation, std::uint32_t handle, const zelRtmBatch &batch, const zelRtmRoute &route);
@@ -62,13 +72,18 @@ private:
     // requests.cpp
     void registerClient(std::uint8_t *message, int length);
     void answerRequest(const zelRtmRequest &request, std::uint8_t *message, int length);
-    Status perform(const zelRtmRequest &request, Client &client);
+    zelRtmStatus perform(const zelRtmRequest &request, Client &client);
     void takeQueuedRequest(const zelRtmRequest &request, Client &client);
-    void flush(std::uint32_t handle, int family, const std::uint32_t *vrf);
+    std::set<std::uint32_t> withdraw(std::uint32_t handle, std::optional<int> family, std::optional<std::uint32_t> vrf);
+    void leaveFamily(Client &client, int family);
     void forget(Client &client);
-    void dropPollers(std::uint32_t handle, int family, const std::uint32_t *vrf);
+    void dropPollers(std::uint32_t handle, std::optional<int> family, std::optional<std::uint32_t> vrf);
     void clear(std::uint32_t vrf);
-    Status redistribute(const zelRtmRequest &request, Client &client);
+    void ask(Clear &clear);
+    void askAgain();
+    bool takeClearAck(const zelRtmRequest &request);
+    zelRtmStatus redistribute(const zelRtmRequest &request, Client &client);
+    void showClient(std::uint8_t *message, int length);
     void dump(std::uint8_t *message, int length);
 
     // lookup.cpp
@@ -77,17 +92,19 @@ private:
     Found resolve(const zelRtmQuery &query);
     bool tell(Poller &poller, bool always);
     void tellPollers();
-    bool isSender(const zelRtmQuery &query, const std::uint8_t *message);
 
     std::uint32_t key_;
     Options options_;
     zelSwpReceiver *receiver_;
     Clients clients_;
-    std::map<std::pair<int, std::uint32_t>, std::unique_ptr<Table>> tables_;
+    Tables tables_;
+    Redistribution redistribution_;
     Table *lastTable_ = nullptr;
     std::list<Poller> pollers_;
     bool tablesChanged_ = false;
+    std::list<Clear> clears_;
     std::uint32_t clearSequence_ = 0;
+    double lastAsked_ = 0;
     std::uint64_t counts_[ZEL_RTM_COUNTERS] = {};
 };
 

@@ -1,17 +1,17 @@
-// Registrations, flushes, clears, redistribution rules and table dumps.
+// Registrations, flushes, clears, redistribution rules, and what the manager tells about itself.
+#include <algorithm>
 #include <cstdio>
 
 #include "manager.h"
+#include "programs/support/program.h"
 
 namespace zelrtmd {
 namespace {
 
 constexpr int registrationLength = 168;
 constexpr unsigned commandByte = 4;
-
-bool isDeregistration(std::uint32_t type) {
-    return type == ZEL_RTM_MSG_DEREGISTER || type == ZEL_RTM_MSG_DEREGISTER_V4V6;
-}
+constexpr int mostClearsSent = 5;
+constexpr double secondsBetweenClears = 1;
 
 }  // namespace
 
@@ -22,11 +22,12 @@ void Manager::registerClient(std::uint8_t *message, int length) {
         return;
     }
     std::uint32_t handle = 0;
-    const Status status = clients_.enter(registration, handle);
-    if (status != Status::ok) return refuse(message, registrationLength, status);
-    zelRtmAnswerRegistration(message, handle, static_cast<std::uint32_t>(Status::ok));
+    const zelRtmStatus status = clients_.enter(registration, handle);
+    if (status != ZEL_RTM_STATUS_OK) return refuse(message, registrationLength, status);
+    zelRtmAnswerRegistration(message, handle, ZEL_RTM_STATUS_OK);
     if (message[commandByte] != ZEL_IPC_REQ) {
         // Nobody waits on the response queue: the answer goes where messages of the manager go.
+        zelIpcSetSourceHeader(message, 0, ZEL_RTM_SERVICE, 0);
         zelIpcSetTargetHeader(message, registration.sourceAddress, 0, static_cast<int>(registration.address.service),
                               static_cast<int>(registration.address.instance));
         zelIpcNonGuaranteedSend(key_, message, registrationLength);
@@ -36,41 +37,39 @@ void Manager::registerClient(std::uint8_t *message, int length) {
 }
 
 void Manager::answerRequest(const zelRtmRequest &request, std::uint8_t *message, int length) {
-    Client *client = clients_.find(request.handle);
-    if (!client) return refuse(message, length, Status::unknownClient);
-    const Status status = perform(request, *client);
-    if (status != Status::ok) return refuse(message, length, status);
-    zelRtmSetStatus(message, static_cast<std::uint32_t>(Status::ok));
+    Client *client = clients_.findSender(request.handle, message);
+    if (!client) return refuse(message, length, ZEL_RTM_STATUS_UNKNOWN_CLIENT);
+    const zelRtmStatus status = perform(request, *client);
+    if (status != ZEL_RTM_STATUS_OK) return refuse(message, length, status);
+    zelRtmSetStatus(message, status);
     reply(message, length);
 }
 
-Status Manager::perform(const zelRtmRequest &request, Client &client) {
-    if (isDeregistration(request.type)) {
-        forget(client);
-        return Status::ok;
-    }
+zelRtmStatus Manager::perform(const zelRtmRequest &request, Client &client) {
+    const Fact qualifier{ZEL_RTM_FACT_QUALIFIER, request.option, request.value};
     switch (request.type) {
+        case ZEL_RTM_MSG_DEREGISTER:
+        case ZEL_RTM_MSG_DEREGISTER_V4V6:
+            forget(client);
+            return ZEL_RTM_STATUS_OK;
         case ZEL_RTM_MSG_DEREGISTER_AF:
-            client.families.erase(static_cast<std::uint32_t>(request.family));
-            flush(client.handle, request.family, nullptr);
-            return Status::ok;
+            leaveFamily(client, request.family);
+            return ZEL_RTM_STATUS_OK;
         case ZEL_RTM_MSG_FLUSH:
-            for (int family = ZEL_RTM_IPV4_UNICAST; family <= ZEL_RTM_IPV6_UNICAST; ++family)
-                flush(client.handle, family, nullptr);
-            return Status::ok;
+            withdraw(client.handle, std::nullopt, std::nullopt);
+            return ZEL_RTM_STATUS_OK;
         case ZEL_RTM_MSG_REGISTER_QUALIFIER:
-            client.qualifiers.insert({request.option, request.value});
-            return Status::ok;
+            return client.note(qualifier) ? ZEL_RTM_STATUS_OK : ZEL_RTM_STATUS_TABLE_FULL;
         case ZEL_RTM_MSG_DEREGISTER_QUALIFIER:
-            return client.qualifiers.erase({request.option, request.value}) ? Status::ok : Status::badRequest;
+            return client.facts.erase(qualifier) ? ZEL_RTM_STATUS_OK : ZEL_RTM_STATUS_BAD_REQUEST;
         case ZEL_RTM_MSG_REDISTRIBUTE:
         case ZEL_RTM_MSG_REDISTRIBUTE_V6:
             return redistribute(request, client);
         case ZEL_RTM_MSG_FIB_CLEAR:
             clear(request.vrfId);
-            return Status::ok;
+            return ZEL_RTM_STATUS_OK;
         default:
-            return Status::badRequest;
+            return ZEL_RTM_STATUS_BAD_REQUEST;
     }
 }
 
@@ -79,83 +78,130 @@ void Manager::takeQueuedRequest(const zelRtmRequest &request, Client &client) {
         case ZEL_RTM_MSG_FLUSH_QUEUED:
         case ZEL_RTM_MSG_FLUSH_QUEUED_MULTICAST:
         case ZEL_RTM_MSG_FLUSH_QUEUED_V6:
-            return flush(client.handle, request.family, nullptr);
+            withdraw(client.handle, request.family, std::nullopt);
+            return;
         case ZEL_RTM_MSG_FLUSH_VRF:
         case ZEL_RTM_MSG_FLUSH_VRF_MULTICAST:
         case ZEL_RTM_MSG_FLUSH_VRF_V6:
-            return flush(client.handle, request.family, &request.vrfId);
+            withdraw(client.handle, request.family, request.vrfId);
+            return;
         case ZEL_RTM_MSG_FLUSH_POLLER:
         case ZEL_RTM_MSG_FLUSH_POLLER_MULTICAST:
         case ZEL_RTM_MSG_FLUSH_POLLER_V6:
-            return dropPollers(client.handle, request.family, request.vrfId ? &request.vrfId : nullptr);
+            return dropPollers(client.handle, request.family,
+                               request.vrfId ? std::optional(request.vrfId) : std::nullopt);
         case ZEL_RTM_MSG_CLEAR_ACK:
         case ZEL_RTM_MSG_CLEAR_ACK_AF:
-            if (client.clearSequence == 0 || client.clearSequence != request.sequenceWord) break;
-            client.clearSequence = 0;
-            ++counts_[ZEL_RTM_COUNT_CLEAR_ACKS];
+            ++counts_[takeClearAck(request) ? ZEL_RTM_COUNT_CLEAR_ACKS : ZEL_RTM_COUNT_REFUSED];
             return;
         case ZEL_RTM_MSG_REDISTRIBUTE_DELETE:
-            if (request.option == 0) client.accepted.clear();
-            std::erase_if(client.accepted, [&](const auto &rule) { return rule.second == request.option; });
-            return;
+            return redistribution_.dropRules(client, request.option);
+        case ZEL_RTM_MSG_REDISTRIBUTE_RESTART:
+            return redistribution_.restart(client, request.vrfId);
         case ZEL_RTM_MSG_VRF_DELETE_ACK:
-            client.vrfs.erase(request.vrfId);
+            client.facts.erase({ZEL_RTM_FACT_VRF, request.vrfId});
             return;
         default:
             return;  // what only other consumers of the table act upon
     }
-    ++counts_[ZEL_RTM_COUNT_REFUSED];
 }
 
-// ---- Withdrawals of whole clients -----------------------------------------------------------------------------------
+// ---- Withdrawals ----------------------------------------------------------------------------------------------------
 
-void Manager::flush(std::uint32_t handle, int family, const std::uint32_t *vrf) {
+// All routes of a client, of all clients for handle 0, in every table of that family and VRF: whose they were.
+std::set<std::uint32_t> Manager::withdraw(std::uint32_t handle, std::optional<int> family,
+                                          std::optional<std::uint32_t> vrf) {
     ++counts_[ZEL_RTM_COUNT_FLUSHES];
+    std::set<std::uint32_t> owners;
     for (auto &[id, table] : tables_)
-        if (id.first == family && (!vrf || id.second == *vrf)) table->removeOf(handle);
-    tablesChanged_ = true;
+        if (id.first == family.value_or(id.first) && id.second == vrf.value_or(id.second))
+            owners.merge(table->removeOf(handle));
+    return owners;
+}
+
+void Manager::leaveFamily(Client &client, int family) {
+    const auto number = static_cast<std::uint32_t>(family);
+    std::erase_if(client.facts, [=](const Fact &fact) {
+        return fact.first == number && (fact.what == ZEL_RTM_FACT_FAMILY || fact.what == ZEL_RTM_FACT_ACCEPTS);
+    });
+    withdraw(client.handle, family, std::nullopt);
+    dropPollers(client.handle, family, std::nullopt);
 }
 
 void Manager::forget(Client &client) {
-    for (int family = ZEL_RTM_IPV4_UNICAST; family <= ZEL_RTM_IPV6_UNICAST; ++family) {
-        flush(client.handle, family, nullptr);
-        dropPollers(client.handle, family, nullptr);
-    }
+    withdraw(client.handle, std::nullopt, std::nullopt);
+    dropPollers(client.handle, std::nullopt, std::nullopt);
+    redistribution_.forget(client.handle);
+    clears_.remove_if([&](const Clear &clear) { return clear.handle == client.handle; });
     clients_.remove(client);
 }
 
-void Manager::dropPollers(std::uint32_t handle, int family, const std::uint32_t *vrf) {
+void Manager::dropPollers(std::uint32_t handle, std::optional<int> family, std::optional<std::uint32_t> vrf) {
     pollers_.remove_if([&](const Poller &poller) {
-        return poller.query.handle == handle && poller.query.family == family && (!vrf || poller.query.vrfId == *vrf);
+        const zelRtmQuery &query = poller.query;
+        return query.handle == handle && query.family == family.value_or(query.family) &&
+               query.vrfId == vrf.value_or(query.vrfId);
     });
 }
+
+// ---- Clear requests -------------------------------------------------------------------------------------------------
 
 // Empties the tables of a VRF and asks those whose routes went to send them again.
 void Manager::clear(std::uint32_t vrf) {
-    clients_.each([&](Client &client) {
-        bool isAffected = false;
-        for (auto &[id, table] : tables_) isAffected |= id.second == vrf && table->holdsRouteOf(client.handle);
-        if (!isAffected) return;
-        client.clearSequence = ++clearSequence_;
-        std::uint8_t message[ZEL_IPC_HDR_LEN + 64];
-        const int length =
-            zelRtmBuildClear(message, client.handle, vrf, client.clearSequence, client.address, client.receiveQueue);
-        zelIpcNonGuaranteedSend(key_, message, length);
-    });
-    for (auto &[id, table] : tables_)
-        if (id.second == vrf) table->removeOf(0);
-    tablesChanged_ = true;
+    for (const std::uint32_t owner : withdraw(0, std::nullopt, vrf))
+        ask(clears_.emplace_back(Clear{owner, vrf, ++clearSequence_}));
+    lastAsked_ = zel::programs::monotonicSeconds();
 }
 
-// The rules are kept and answered for; a target reads what they select with table dumps and polls.
-Status Manager::redistribute(const zelRtmRequest &request, Client &client) {
-    const std::pair<int, std::uint32_t> rule{request.family, request.value};
-    if (request.option == ZEL_RTM_REDIST_ACCEPT) {
-        client.accepted.insert(rule);
-        return Status::ok;
+void Manager::ask(Clear &clear) {
+    const Client *client = clients_.find(clear.handle);
+    ++clear.sent;
+    if (!client) return;
+    std::uint8_t message[ZEL_IPC_HDR_LEN + 64];
+    const int length =
+        zelRtmBuildClear(message, clear.handle, clear.vrf, clear.sequence, client->address, client->receiveQueue);
+    zelIpcNonGuaranteedSend(key_, message, length);
+}
+
+// The requests are single datagrams, so those that nobody acknowledged may have been lost.
+void Manager::askAgain() {
+    const double now = zel::programs::monotonicSeconds();
+    if (now - lastAsked_ < secondsBetweenClears) return;
+    lastAsked_ = now;
+    clears_.remove_if([](const Clear &clear) { return clear.sent >= mostClearsSent; });
+    for (Clear &clear : clears_) ask(clear);
+}
+
+bool Manager::takeClearAck(const zelRtmRequest &request) {
+    return clears_.remove_if([&](const Clear &clear) {
+        return clear.handle == request.handle && clear.sequence == request.sequenceWord;
+    }) > 0;
+}
+
+// ---- Redistribution rules and clients -------------------------------------------------------------------------------
+
+zelRtmStatus Manager::redistribute(const zelRtmRequest &request, Client &client) {
+    if (request.option == ZEL_RTM_REDIST_ACCEPT) return redistribution_.accept(client, request.family, request.value);
+    if (request.option == ZEL_RTM_REDIST_REJECT) return redistribution_.reject(client, request.family, request.value);
+    return ZEL_RTM_STATUS_BAD_REQUEST;
+}
+
+void Manager::showClient(std::uint8_t *message, int length) {
+    zelRtmRequest request;
+    if (zelRtmParseRequest(message, length, &request) != 0)
+        return refuse(message, ZEL_IPC_HDR_LEN, ZEL_RTM_STATUS_BAD_REQUEST);
+    std::uint32_t slot = request.handle;
+    const Client *client = clients_.next(slot);
+    zelRtmClient shown{};
+    if (client) {
+        shown.handle = client->handle;
+        client->name.copy(shown.name, ZEL_RTM_NAME_LENGTH);
+        shown.clientType = client->type;
+        shown.address = client->address;
+        shown.receiveQueue = client->receiveQueue;
+        for (const Fact &fact : client->facts) shown.facts[shown.nFacts++] = {fact.what, fact.first, fact.second};
     }
-    if (request.option != ZEL_RTM_REDIST_REJECT) return Status::badRequest;
-    return client.accepted.erase(rule) ? Status::ok : Status::badRequest;
+    reply(message, zelRtmAnswerClient(message, slot + 1, client ? &shown : nullptr));
 }
 
 // ---- Dumps ----------------------------------------------------------------------------------------------------------
@@ -180,7 +226,7 @@ bool appendPrefix(std::uint8_t *message, zelRtmDumpPage &page, const Prefix &pre
 
 void Manager::dump(std::uint8_t *message, int length) {
     zelRtmDumpPage page;
-    if (zelRtmParseDump(message, length, &page) != 0) return refuse(message, length, Status::badRequest);
+    if (zelRtmParseDump(message, length, &page) != 0) return refuse(message, length, ZEL_RTM_STATUS_BAD_REQUEST);
     Table *table = find(page.family, page.vrfId);
     const Prefix *prefix = table ? table->behind(page.prefix, page.bits) : nullptr;
     while (prefix && appendPrefix(message, page, *prefix)) prefix = table->next(*prefix);

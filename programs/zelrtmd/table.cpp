@@ -61,32 +61,38 @@ void maskKey(std::uint8_t *key, std::uint32_t bits, std::uint32_t addressBits) {
 struct Removal {
     Table *table;
     std::uint32_t handle;
-    std::uint64_t removed;
+    std::set<std::uint32_t> owners;
 };
 
 }  // namespace
 
-Table::Table(int family, std::uint32_t vrf)
+Table::Table(int family, std::uint32_t vrf, Watcher watcher)
     : family_(family),
       vrf_(vrf),
       addressBits_(family == ZEL_RTM_IPV6_UNICAST ? 128 : 32),
+      watcher_(std::move(watcher)),
       tree_(zelRadixCreate("routes", static_cast<std::uint16_t>(addressBits_), nullptr, nullptr, nullptr)),
       spare_(makePrefix()) {
     if (!tree_) throw std::bad_alloc();
 }
 
 Table::~Table() {
+    watcher_ = {};
     removeOf(0);
     zelRadixDestroy(tree_);
     free(spare_);
 }
 
 Prefix *Table::makePrefix() const {
-    auto *prefix = static_cast<Prefix *>(allocate(sizeof(Prefix) + addressBits_ / 8));
+    auto *prefix = static_cast<Prefix *>(allocate(sizeof(Prefix) + addressSize()));
     prefix->entry = {};
     prefix->entry.rth_addr = prefix->key();
     prefix->paths = nullptr;
     return prefix;
+}
+
+void Table::watch(const Prefix &prefix, std::uint32_t owner) const {
+    if (watcher_) watcher_(*this, prefix.key(), prefix.bits, owner);
 }
 
 void Table::drop(Prefix *prefix) {
@@ -97,7 +103,7 @@ void Table::drop(Prefix *prefix) {
 
 Change Table::add(std::uint32_t handle, const zelRtmRoute &route, const std::uint8_t *record, std::uint32_t length) {
     const auto bits = static_cast<std::uint32_t>(rtm_mask2plen(family_, route.mask));
-    std::memcpy(spare_->key(), route.prefix, addressBits_ / 8);
+    std::memcpy(spare_->key(), route.prefix, addressSize());
     maskKey(spare_->key(), bits, addressBits_);
     spare_->bits = static_cast<std::uint8_t>(bits);
     zelRadixEntry *entry = zelRadixInsert(tree_, &spare_->entry, bits);
@@ -111,6 +117,7 @@ Change Table::add(std::uint32_t handle, const zelRtmRoute &route, const std::uin
     insertPath(&prefix->paths, makePath(handle, route, record, length));
     free(old);
     routes_ += !old;
+    watch(*prefix, handle);
     return old ? Change::replaced : Change::added;
 }
 
@@ -123,28 +130,31 @@ Change Table::remove(std::uint32_t handle, const zelRtmRoute &route) {
     if (!path) return Change::unknown;
     free(path);
     --routes_;
+    watch(*prefix, handle);
     if (!prefix->paths) drop(prefix);
     return Change::removed;
 }
 
 int Table::dropPathsOf(zelRadixEntry *entry, void *context) {
     auto *removal = static_cast<Removal *>(context);
+    Table &table = *removal->table;
     Prefix *prefix = prefixOf(entry);
     while (prefix->paths) {
         Path *path = takePath(&prefix->paths, removal->handle ? removal->handle : prefix->paths->handle);
         if (!path) return 0;
+        removal->owners.insert(path->handle);
+        --table.routes_;
+        table.watch(*prefix, path->handle);
         free(path);
-        ++removal->removed;
     }
-    removal->table->drop(prefix);
+    table.drop(prefix);
     return 0;
 }
 
-std::uint64_t Table::removeOf(std::uint32_t handle) {
-    Removal removal{this, handle, 0};
+std::set<std::uint32_t> Table::removeOf(std::uint32_t handle) {
+    Removal removal{this, handle, {}};
     zelRadixWalk(tree_, dropPathsOf, &removal);
-    routes_ -= removal.removed;
-    return removal.removed;
+    return removal.owners;
 }
 
 const Prefix *Table::longestMatch(const void *address) const {
@@ -155,15 +165,11 @@ const Prefix *Table::exactMatch(const void *address, std::uint32_t bits) const {
     return prefixOf(zelRadixGetExact(tree_, address, bits));
 }
 
-const Prefix *Table::shorter(const Prefix &than) const {
-    return prefixOf(zelRadixGetParent(tree_, const_cast<zelRadixEntry *>(&than.entry)));
-}
-
 const Prefix *Table::behind(const void *address, std::uint32_t bits) {
     if (bits > addressBits_) return prefixOf(zelRadixGetNext(tree_, nullptr));
     if (zelRadixEntry *here = zelRadixGetExact(tree_, address, bits)) return prefixOf(zelRadixGetNext(tree_, here));
     // It went meanwhile: the spare stands in its place for a moment.
-    std::memcpy(spare_->key(), address, addressBits_ / 8);
+    std::memcpy(spare_->key(), address, addressSize());
     if (!zelRadixInsert(tree_, &spare_->entry, bits)) return nullptr;
     zelRadixEntry *following = zelRadixGetNext(tree_, &spare_->entry);
     zelRadixRemove(tree_, &spare_->entry);
@@ -172,21 +178,6 @@ const Prefix *Table::behind(const void *address, std::uint32_t bits) {
 
 const Prefix *Table::next(const Prefix &prefix) const {
     return prefixOf(zelRadixGetNext(tree_, const_cast<zelRadixEntry *>(&prefix.entry)));
-}
-
-bool Table::holdsRouteOf(std::uint32_t handle) const {
-    const auto visit = [](zelRadixEntry *entry, void *context) {
-        auto *wanted = static_cast<std::uint32_t *>(context);
-        for (const Path *path = prefixOf(entry)->paths; path; path = path->next)
-            if (path->handle == *wanted) {
-                *wanted = 0;
-                return 1;
-            }
-        return 0;
-    };
-    std::uint32_t wanted = handle;
-    zelRadixWalk(tree_, visit, &wanted);
-    return wanted == 0;
 }
 
 }  // namespace zelrtmd

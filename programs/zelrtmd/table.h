@@ -4,6 +4,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
 
 #include "zel/containers.h"
 #include "zel/rtm.h"
@@ -36,7 +41,11 @@ enum class Change { added, replaced, removed, unknown, refused };
 
 class Table {
 public:
-    Table(int family, std::uint32_t vrf);
+    // Hears of every route that came or went: its prefix, and whose it is.
+    using Watcher =
+        std::function<void(const Table &, const std::uint8_t *key, std::uint32_t bits, std::uint32_t owner)>;
+
+    Table(int family, std::uint32_t vrf, Watcher watcher = {});
     ~Table();
     Table(const Table &) = delete;
     Table &operator=(const Table &) = delete;
@@ -44,35 +53,37 @@ public:
     // The client's route for a prefix; a later one replaces the earlier. `record` is the route as it came.
     Change add(std::uint32_t handle, const zelRtmRoute &route, const std::uint8_t *record, std::uint32_t length);
     Change remove(std::uint32_t handle, const zelRtmRoute &route);
-    // Every route of a client, of all clients for handle 0; how many they were.
-    std::uint64_t removeOf(std::uint32_t handle);
+    // Every route of a client, of all clients for handle 0: the handles of those that had any.
+    std::set<std::uint32_t> removeOf(std::uint32_t handle);
 
     const Prefix *longestMatch(const void *address) const;
     const Prefix *exactMatch(const void *address, std::uint32_t bits) const;
-    // The next shorter prefix that covers this one.
-    const Prefix *shorter(const Prefix &than) const;
     // The first prefix behind (address, bits) in the order of keys; more bits than an address has begin.
     const Prefix *behind(const void *address, std::uint32_t bits);
     const Prefix *next(const Prefix &prefix) const;
-    bool holdsRouteOf(std::uint32_t handle) const;
 
     int family() const { return family_; }
     std::uint32_t vrf() const { return vrf_; }
+    std::size_t addressSize() const { return addressBits_ / 8; }
     std::uint64_t prefixes() const { return prefixes_; }
     std::uint64_t routes() const { return routes_; }
 
 private:
     Prefix *makePrefix() const;
     void drop(Prefix *prefix);
+    void watch(const Prefix &prefix, std::uint32_t owner) const;
     static int dropPathsOf(zelRadixEntry *entry, void *removal);
 
     int family_;
     std::uint32_t vrf_;
     std::uint32_t addressBits_;
+    Watcher watcher_;
     zelRadix *tree_;
     Prefix *spare_;  // the next prefix to be inserted, so that one descent both finds and inserts
     std::uint64_t prefixes_ = 0;
     std::uint64_t routes_ = 0;
 };
+
+using Tables = std::map<std::pair<int, std::uint32_t>, std::unique_ptr<Table>>;  // by family and VRF
 
 }  // namespace zelrtmd
