@@ -39,11 +39,6 @@ struct OwnKey {
 thread_local OwnKey ownKey;
 std::atomic<std::uint32_t> ownershipEpoch{1};
 
-bool belongsTo(const zelIpcEndpoint *record, std::uint32_t taskId) {
-    return record && loadWord(record->magic) == ZEL_IPC_ENDPOINT_MAGIC && loadWord(record->ownerTaskId) == taskId &&
-           isOwnedByThisProcess(*record);
-}
-
 int scanForKey(std::uint32_t taskId) {
     for (int service = 0; service < serviceCount; ++service) {
         // Only this process's own endpoints can belong to its tasks.
@@ -115,6 +110,11 @@ bool isOwned(const zelIpcEndpoint &record) {
 
 bool isOwnedByThisProcess(const zelIpcEndpoint &record) {
     return ownerOf(record) == platform::thisProcess();
+}
+
+bool belongsTo(const zelIpcEndpoint *record, std::uint32_t taskId) {
+    return record && loadWord(record->magic) == ZEL_IPC_ENDPOINT_MAGIC && loadWord(record->ownerTaskId) == taskId &&
+           isOwnedByThisProcess(*record);
 }
 
 void claim(zelIpcEndpoint &record, int service, int instance) {

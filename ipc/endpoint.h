@@ -48,6 +48,8 @@ zelIpcEndpoint *sharedRecord(std::uint32_t key);
 bool isOwned(const zelIpcEndpoint &record);
 bool isOwnedByThisProcess(const zelIpcEndpoint &record);
 platform::ProcessId ownerOf(const zelIpcEndpoint &record);
+// Whether the record is that of a task of this process.
+bool belongsTo(const zelIpcEndpoint *record, std::uint32_t taskId);
 // Records this process as the owner's, and the endpoint as claimed.
 void setProcess(zelIpcEndpoint &record);
 // Makes the calling task the owner of the record.
@@ -71,6 +73,7 @@ struct Queue {
     std::uint32_t queueId = 0;
     std::atomic<int> receivers{0};
     int receiveTimeout = 0;        // set on the socket, whole seconds; belongs to the one receiver
+    std::uint64_t roomSeenAt = 0;  // when makeRoom looked; belongs to whoever has the turn
     zelIpcQueueDesc descriptor{};  // guarded by endpointLock
     Counters counters{};
 };

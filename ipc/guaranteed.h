@@ -23,6 +23,9 @@ constexpr bool isGuaranteedAck(std::uint8_t command) {
     return command == ZEL_IPC_GACK || command == ZEL_IPC_GACK_FIRST;
 }
 
+// False when the target is new and the table of targets is full.
+bool hasRoomFor(std::uint32_t key, std::uint32_t queueId, std::uint32_t address);
+
 // The last message of each source, so that a repetition is acknowledged again but not delivered again.
 //
 // A first send starts a source's numbers afresh. Repeated with the same number it is a duplicate only as long as its
@@ -53,10 +56,12 @@ private:
 bool openFilter(Endpoint &endpoint);
 void closeFilter(Endpoint &endpoint);
 
-// Answers a guaranteed message on the queue it came in by; true when it was delivered before.
-bool acknowledgeGuaranteed(Endpoint &endpoint, Queue &queue, const void *message);
-// Whether the message was answered by acknowledgeGuaranteed.
-bool wasAcknowledged(Endpoint &endpoint, const void *message);
+// Notes a guaranteed message; true when it was delivered before.
+bool noteGuaranteed(Endpoint &endpoint, const void *message);
+// Whether it is the last that was noted from its source.
+bool wasNoted(Endpoint &endpoint, const void *message);
+// Answers a guaranteed message on the queue it came in by.
+void acknowledgeGuaranteed(Queue &queue, const void *message);
 
 // Sends back the header alone: type, transaction and sequence repeated, source and target exchanged.
 bool sendAnswer(Queue &queue, const void *message, std::uint8_t command, bool repeatSequence);

@@ -66,26 +66,24 @@ void closeFilter(Endpoint &endpoint) {
     if (filter) zelMC_free("zelIpcLib", __LINE__, filter);
 }
 
-bool acknowledgeGuaranteed(Endpoint &endpoint, Queue &queue, const void *message) {
-    const std::uint8_t command = IpcHeader::CommandType::get(message);
+bool noteGuaranteed(Endpoint &endpoint, const void *message) {
     const std::uint64_t now = platform::now();
-    bool isDuplicate = false;
-    {
-        Lock lock(guaranteedLock);
-        if (endpoint.filter)
-            isDuplicate = endpoint.filter->isDuplicate(IpcHeader::SourceAddress::get(message),
-                                                       IpcHeader::SourceQueue::get(message), command,
-                                                       IpcHeader::Sequence::get(message), now);
-    }
-    sendAnswer(queue, message, command == ZEL_IPC_GSEND_FIRST ? ZEL_IPC_GACK_FIRST : ZEL_IPC_GACK, true);
-    return isDuplicate;
+    Lock lock(guaranteedLock);
+    return endpoint.filter &&
+           endpoint.filter->isDuplicate(IpcHeader::SourceAddress::get(message), IpcHeader::SourceQueue::get(message),
+                                        IpcHeader::CommandType::get(message), IpcHeader::Sequence::get(message), now);
 }
 
-bool wasAcknowledged(Endpoint &endpoint, const void *message) {
+bool wasNoted(Endpoint &endpoint, const void *message) {
     Lock lock(guaranteedLock);
     return endpoint.filter &&
            endpoint.filter->wasNoted(IpcHeader::SourceAddress::get(message), IpcHeader::SourceQueue::get(message),
                                      IpcHeader::Sequence::get(message));
+}
+
+void acknowledgeGuaranteed(Queue &queue, const void *message) {
+    const bool isFirst = IpcHeader::CommandType::get(message) == ZEL_IPC_GSEND_FIRST;
+    sendAnswer(queue, message, isFirst ? ZEL_IPC_GACK_FIRST : ZEL_IPC_GACK, true);
 }
 
 void swapEnds(void *header) {

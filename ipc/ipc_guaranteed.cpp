@@ -49,11 +49,13 @@ std::atomic<int> isEnabled{0};
 std::array<Target, maxTargets> targets;
 std::size_t targetCount = 0;
 
-// Any address matches when `isAnyAddress`.
-Target *findTarget(std::uint32_t key, std::uint32_t queueId, std::uint32_t address, bool isAnyAddress) {
+constexpr std::uint32_t anyAddress = 0;
+
+Target *findTarget(std::uint32_t key, std::uint32_t queueId, std::uint32_t address) {
     for (std::size_t i = 0; i < targetCount; ++i) {
         Target &target = targets[i];
-        if (target.sender == taskOf(key) && target.queueId == queueId && (isAnyAddress || target.address == address))
+        if (target.sender == taskOf(key) && target.queueId == queueId &&
+            (address == anyAddress || target.address == address))
             return &target;
     }
     return nullptr;
@@ -66,8 +68,8 @@ std::uint8_t *addTarget(std::uint32_t key, std::uint32_t queueId, std::uint32_t 
 }
 
 std::uint8_t *targetRecord(std::uint32_t key, std::uint32_t queueId, std::uint32_t address) {
-    zel::Lock lock(guaranteedLock);
-    Target *known = findTarget(key, queueId, address, false);
+    Lock lock(guaranteedLock);
+    Target *known = findTarget(key, queueId, address);
     return known ? known->record : addTarget(key, queueId, address);
 }
 
@@ -125,7 +127,7 @@ bool sendOnce(const Delivery &delivery) {
     return false;
 }
 
-void reportNoAck(const Delivery &delivery, int attempt) {
+void reportNoAck(const Delivery &delivery, int attempt, bool hasWaitFailed) {
     if (errno == ETIMEDOUT)
         zelErrorPrintf(traceModule,
                        "%s recv NO ACK for Sendcmd %s, type %d mPktType %d, seqNo %d try %d to task %s. Will retry.",
@@ -133,8 +135,10 @@ void reportNoAck(const Delivery &delivery, int attempt) {
                        attempt, delivery.peer());
     else
         zelErrorPrintf(traceModule,
-                       "%s: recvfrom failed on RSP Q errno: %d when wait for ACK cmd %s type %d , mPktType %d, seqNo "
-                       "%d to %s",
+                       hasWaitFailed ? "%s select failed on RSP Q errno: %dwhen wait for ACK, Sendcmd %s, type %d, "
+                                       "mPktType %d, seqNo %d to %s"
+                                     : "%s: recvfrom failed on RSP Q errno: %d when wait for ACK cmd %s type %d , "
+                                       "mPktType %d, seqNo %d to %s",
                        selfName(), errno, delivery.command(), delivery.type(), delivery.packetType(),
                        delivery.sequence(), delivery.peer());
 }
@@ -149,7 +153,7 @@ bool awaitAcknowledgement(const Delivery &delivery, int attempt) {
     for (int drained = 0; drained < maxDrained; ++drained) {
         const ssize_t length = wait.next(datagram, sizeof datagram);
         if (length < 0) {
-            reportNoAck(delivery, attempt);
+            reportNoAck(delivery, attempt, wait.hasWaitFailed());
             return false;
         }
         if (isAcknowledgement(delivery, datagram, static_cast<std::size_t>(length))) {
@@ -179,6 +183,7 @@ int giveUp(const Delivery &delivery, std::uint8_t *record) {
 }
 
 int deliverGuaranteed(const Delivery &delivery, std::uint8_t *record) {
+    makeRoom(delivery.endpoint.queues[responseQueue]);
     for (int attempt = 0; attempt < guaranteedAttempts; ++attempt) {
         zelGuaranteedIpcUpdRetryAttemptCntr(record, attempt);
         const std::uint64_t sentAt = platform::now();
@@ -188,6 +193,12 @@ int deliverGuaranteed(const Delivery &delivery, std::uint8_t *record) {
 }
 
 }  // namespace
+
+bool hasRoomFor(std::uint32_t key, std::uint32_t queueId, std::uint32_t address) {
+    Lock lock(guaranteedLock);
+    return targetCount < maxTargets || findTarget(key, queueId, address) != nullptr;
+}
+
 }  // namespace zel::ipc
 
 using namespace zel::ipc;
@@ -201,15 +212,14 @@ void zelIpcGuaranteedEnDis(int flag) {
 }
 
 int zelIsIpcGDbUpdPossible(uint32_t key, uint32_t targetQueueId) {
-    zel::Lock lock(guaranteedLock);
-    return targetCount < maxTargets || findTarget(key, targetQueueId, 0, true) ? 1 : 0;
+    return hasRoomFor(key, targetQueueId, anyAddress) ? 1 : 0;
 }
 
 uint8_t *zelGuaranteedIpcGetTargetDBPtr(uint32_t key, uint32_t targetQueueId) {
     const uint32_t own = zel_sysGetIpAddr();
     zel::Lock lock(guaranteedLock);
-    Target *known = findTarget(key, targetQueueId, own, false);
-    if (!known) known = findTarget(key, targetQueueId, 0, true);
+    Target *known = findTarget(key, targetQueueId, own);
+    if (!known) known = findTarget(key, targetQueueId, anyAddress);
     return known ? known->record : addTarget(key, targetQueueId, own);
 }
 
@@ -243,8 +253,7 @@ int zelIpcGrnteedSetTimeout(struct timeval *wait, int) {
 
 int zelIpcGuaranteedSend(uint32_t key, void *message, int length, int) {
     Endpoint *endpoint = findOpenExchange(key);
-    if (!endpoint || !message || length < ZEL_IPC_HDR_LEN) {
-        if (endpoint) errno = EINVAL;
+    if (!endpoint || !isMessage(message, length)) {
         zelErrorPrintf(traceModule, "zelIpcGuaranteedSend: Invalid input");
         return ZEL_ERROR;
     }

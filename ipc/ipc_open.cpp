@@ -52,8 +52,12 @@ std::uint32_t localAddress(bool isSecondary) {
 }
 
 bool bindWithRetries(int socket, std::uint32_t address, int port) {
+    const int before = errno;
     for (int retries = 0;; ++retries) {
-        if (platform::bindDatagramSocket(socket, address, static_cast<std::uint16_t>(port))) return true;
+        if (platform::bindDatagramSocket(socket, address, static_cast<std::uint16_t>(port))) {
+            errno = before;
+            return true;
+        }
         if (errno != EADDRINUSE || retries == bindRetries) return false;
         zelErrorPrintf(traceModule, "%s: errno: %d,PORT IN USE - Will retry bind() after a delay", selfName(), errno);
         taskDelay(bindRetryTicks);
@@ -251,11 +255,13 @@ int zelIpcOpen(int service, int instance) {
     if (!endpoint) return fail(ENOMEM);
     const int key = static_cast<int>(endpoint->key());
     if (isExchangeOpen(*endpoint)) return key;
-    const int error = errno;
+    const int before = errno;
     // Another task of this process may have opened the endpoint while this one waited for the ports.
-    if (!openExchange(*endpoint)) return isExchangeOpen(*endpoint) ? key : ZEL_ERROR;
-    recordOwner(*endpoint);
-    errno = error;
+    if (openExchange(*endpoint))
+        recordOwner(*endpoint);
+    else if (!isExchangeOpen(*endpoint))
+        return ZEL_ERROR;
+    errno = before;
     return key;
 }
 
@@ -275,7 +281,7 @@ int zelIpcClose(uint32_t key) {
     if (!isValidKey(key)) return fail(EINVAL);
     Endpoint *endpoint = findEndpoint(key);
     if (!endpoint || endpoint->openMask.load() == 0) return fail(EBADF);
-    if (isExchangeOpen(*endpoint) && !closeExchange(*endpoint)) return ZEL_ERROR;
+    if (isExchangeOpen(*endpoint) && !closeExchange(*endpoint)) return fail(EBADF);
     if (endpoint->isOpen(timerQueue)) removeQueue(*endpoint, timerQueue);
     return ZEL_OK;
 }
@@ -301,6 +307,6 @@ uint32_t Key_getAllQueue(uint32_t key) {
 }
 
 int Key_getSocketFd(uint32_t key) {
-    const Endpoint *endpoint = findEndpoint(key);
-    return endpoint ? endpoint->queues[queueNamedBy(key)].socket.load(std::memory_order_acquire) : -1;
+    const Queue *queue = findOpenQueue(key);
+    return queue ? queue->socket.load(std::memory_order_acquire) : ZEL_ERROR;
 }

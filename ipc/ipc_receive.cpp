@@ -15,6 +15,9 @@
 
 namespace zel::ipc {
 
+// More small datagrams than a buffer of the default size holds; a bound against senders that go on.
+constexpr int mostDropped = 512;
+
 Form formOf(const void *datagram, std::size_t length) {
     if (length < IpcHeader::size) return Form::tooShort;
     return IpcHeader::Magic::get(datagram) == IpcHeader::magic ? Form::message : Form::wrongMagic;
@@ -32,6 +35,19 @@ int deliver(Queue &queue, const void *message, std::size_t length, int size) {
     Counters::add(queue.counters.truncated);
     zelWarningPrintf(traceModule, "recv msg on sock %d len %zu: cut to %d bytes", queue.socket.load(), length, size);
     return size;
+}
+
+void makeRoom(Queue &queue) {
+    const std::uint64_t now = platform::now();
+    if (now - queue.roomSeenAt < platform::nanosecondsPerTick) return;
+    queue.roomSeenAt = now;
+    const int socket = queue.socket.load(std::memory_order_acquire);
+    if (!platform::isHalfFull(socket)) return;
+    const int before = errno;
+    std::uint8_t byte;
+    for (int i = 0; i < mostDropped && platform::receiveWaiting(socket, &byte, 1) >= 0; ++i)
+        Counters::add(queue.counters.droppedMismatch);
+    errno = before;
 }
 
 namespace {
@@ -66,9 +82,10 @@ void acknowledgeIfAsked(Queue &queue, const void *message) {
 
 bool isDeliveredAlready(Endpoint &endpoint, Queue &queue, const void *message) {
     if (!isGuaranteedSend(IpcHeader::CommandType::get(message))) return false;
-    if (!acknowledgeGuaranteed(endpoint, queue, message)) return false;
-    Counters::add(queue.counters.droppedDuplicate);
-    return true;
+    const bool isDuplicate = noteGuaranteed(endpoint, message);
+    acknowledgeGuaranteed(queue, message);
+    if (isDuplicate) Counters::add(queue.counters.droppedDuplicate);
+    return isDuplicate;
 }
 
 bool isLateAck(Queue &queue, const void *message, const Wanted &wanted) {
@@ -93,11 +110,14 @@ bool isForCaller(Endpoint &endpoint, Queue &queue, const void *datagram, std::si
            !isMismatch(queue, datagram, wanted);
 }
 
-int reportFailure(Queue &queue, int timeoutSec) {
+int reportFailure(Queue &queue, int timeoutSec, bool hasWaitFailed) {
     if (errno == ETIMEDOUT) {
         if (timeoutSec > 0) zelTracePrintf(traceModule, "GrtRecv: select timeout for %d sec", timeoutSec);
     } else {
-        zelErrorPrintf(traceModule, "GrtRecv: recvfrom failed on sock %d, errno %d", queue.socket.load(), errno);
+        zelErrorPrintf(traceModule,
+                       hasWaitFailed ? "GrtRecv: select failed on sock %d errno %d"
+                                     : "GrtRecv: recvfrom failed on sock %d, errno %d",
+                       queue.socket.load(), errno);
     }
     return ZEL_ERROR;
 }
@@ -123,7 +143,7 @@ int zelIpcRecv(uint32_t key, void *buffer, int size, int timeoutSec, uint32_t ms
     Wait wait(*queue, timeoutSec);
     for (;;) {
         const ssize_t length = wait.next(buffer, static_cast<size_t>(size));
-        if (length < 0) return reportFailure(*queue, timeoutSec);
+        if (length < 0) return reportFailure(*queue, timeoutSec, wait.hasWaitFailed());
         const auto bytes = static_cast<size_t>(length);
         if (isForCaller(endpoint, *queue, buffer, bytes, wanted)) return deliver(*queue, buffer, bytes, size);
     }

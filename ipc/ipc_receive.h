@@ -21,6 +21,10 @@ enum class Form { tooShort, wrongMagic, message };
 Form formOf(const void *datagram, std::size_t length);
 bool isWanted(const void *message, const Wanted &wanted);
 
+// Before an answer is asked for: drops what has piled up in its queue, unread, where that could push the answer out.
+// Looks at most once a tick, so a quick succession of requests does not pay for it. Call with the turn to read.
+void makeRoom(Queue &queue);
+
 // Counts a message that is handed to the caller, reports one that did not fit; the bytes copied.
 int deliver(Queue &queue, const void *message, std::size_t length, int size);
 

@@ -9,6 +9,7 @@
 #include "ipc/guaranteed.h"
 #include "ipc/ipc_header.h"
 #include "ipc/ipc_receive.h"
+#include "ipc/ipc_send.h"
 #include "ipc/ipc_transport.h"
 #include "ipc/response_turn.h"
 #include "kernel/task.h"
@@ -19,6 +20,7 @@ ResponseTurn::ResponseTurn(const Endpoint &endpoint)
     : semaphore_(endpoint.responseSemaphore.load(std::memory_order_acquire)) {
     isTaken_ = semTake(semaphore_, WAIT_FOREVER) == ZEL_OK;
     zelAssert(isTaken_, "zelIpcLib");
+    if (!isTaken_) errno = EBADF;  // the endpoint was closed
 }
 
 int ResponseTurn::done(int result) {
@@ -59,7 +61,7 @@ void stampRequest(Exchange &exchange, std::uint32_t callersType, std::uint32_t c
     if (callersType == 0 && callersTransaction == 0) exchange.wanted = {};
 }
 
-bool sendRequest(Exchange &exchange) {
+bool sendRequest(const Exchange &exchange) {
     const void *header = exchange.header;
     if (sendMessage(exchange.endpoint.queues[requestQueue], header, exchange.payload, exchange.payloadLength,
                     IpcHeader::TargetAddress::get(header), IpcHeader::TargetPort::get(header)))
@@ -139,7 +141,8 @@ int receiveResponse(const Exchange &exchange) {
 }
 
 int makeExchange(const Exchange &exchange) {
-    return sendRequest(const_cast<Exchange &>(exchange)) ? receiveResponse(exchange) : ZEL_ERROR;
+    makeRoom(exchange.endpoint.queues[responseQueue]);
+    return sendRequest(exchange) ? receiveResponse(exchange) : ZEL_ERROR;
 }
 
 // The endpoint of a checked request; null with errno, after the refusal was printed.
@@ -151,10 +154,7 @@ Endpoint *checkRequest(std::uint32_t key, const void *request, int sendLen, cons
         errno = EINVAL;
         return nullptr;
     }
-    if (!request || sendLen < ZEL_IPC_HDR_LEN || !isValidWait(response, recvLen, timeoutSec)) {
-        errno = EINVAL;
-        return nullptr;
-    }
+    if (!isMessage(request, sendLen) || !isValidWait(response, recvLen, timeoutSec)) return nullptr;
     return findOpenExchange(key);
 }
 
@@ -213,15 +213,13 @@ int zelIpcRecvOnRspQ(uint32_t key, void *buffer, int size, int timeoutSec, uint3
 
 int zelIpcReply(uint32_t key, void *message, int length) {
     Queue *queue = findOpenQueue(key);
-    if (!queue || !message || length < ZEL_IPC_HDR_LEN) {
-        if (queue) errno = EINVAL;
+    if (!queue || !isMessage(message, length)) {
         zelErrorPrintf(traceModule, "Reply: Task: %s, Invalid IPC keypassed, errno: %d", selfName(), errno);
         return ZEL_ERROR;
     }
     // A request that was not read by zelIpcRecv has not been acknowledged yet.
-    Endpoint &endpoint = *findEndpoint(key);
-    if (isGuaranteedSend(IpcHeader::CommandType::get(message)) && !wasAcknowledged(endpoint, message))
-        acknowledgeGuaranteed(endpoint, *queue, message);
+    if (isGuaranteedSend(IpcHeader::CommandType::get(message)) && !wasNoted(*findEndpoint(key), message))
+        acknowledgeGuaranteed(*queue, message);
     uint8_t header[IpcHeader::size];
     memcpy(header, message, sizeof header);
     swapEnds(header);

@@ -38,9 +38,28 @@ bool shouldBeGuaranteed(std::uint32_t key, const void *message) {
     if (zelIsIpcGuaranteedEnabled() == 0) return false;
     const std::uint32_t source = IpcHeader::SourceQueue::get(message);
     const std::uint32_t target = IpcHeader::TargetQueue::get(message);
-    return isOwnKey(key) && taskOf(source) == taskOf(key) && zelIsIpcGDbUpdPossible(key, target) != 0 &&
+    const std::uint32_t targetAddress = IpcHeader::TargetAddress::get(message);
+    return isOwnKey(key) && taskOf(source) == taskOf(key) && hasRoomFor(key, target, targetAddress) &&
            doServicesTakePart(source, target) && isLoopback(IpcHeader::SourceAddress::get(message)) &&
-           isLoopback(IpcHeader::TargetAddress::get(message)) && taskOf(source) != taskOf(target);
+           isLoopback(targetAddress) && taskOf(source) != taskOf(target);
+}
+
+// The queue of a checked send; null with errno, after the refusal was printed.
+Queue *checkSend(std::uint32_t key, const void *message, int length) {
+    Queue *queue = findOpenQueue(key);
+    if (queue && isMessage(message, length)) return queue;
+    const int error = errno;
+    const char *reason = strerror(error);
+    if (!queue)
+        zelErrorPrintf(traceModule, "Send: Task: %s, Invalid IPC key passed %d, errno: %d, errmsg: %s", selfName(),
+                       static_cast<int>(key), error, reason);
+    else if (!message)
+        zelErrorPrintf(traceModule, "Send: Task: %s, payload is NULL, errno: %d, errmsg: %s", selfName(), error,
+                       reason);
+    else
+        zelErrorPrintf(traceModule, "Send: Task: %s, len: %d, errno: %d, errmsg: %s", selfName(), length, error,
+                       reason);
+    return nullptr;
 }
 
 }  // namespace
@@ -51,22 +70,10 @@ void completeHeader(std::uint32_t key, void *message) {
     zelIpcSetSourceHeader(message, zelSysGetSlotId(), serviceOf(key), instanceOf(key));
 }
 
-Queue *checkSend(std::uint32_t key, const void *message, int length) {
-    if (!message) errno = EINVAL;
-    Queue *queue = message ? findOpenQueue(key) : nullptr;
-    if (queue && length >= static_cast<int>(IpcHeader::size)) return queue;
-    if (queue) errno = EMSGSIZE;
-    const int error = errno;
-    if (!message)
-        zelErrorPrintf(traceModule, "Send: Task: %s, payload is NULL, errno: %d, errmsg: %s", selfName(), error,
-                       strerror(error));
-    else if (!queue)
-        zelErrorPrintf(traceModule, "Send: Task: %s, Invalid IPC key passed %d, errno: %d, errmsg: %s", selfName(),
-                       static_cast<int>(key), error, strerror(error));
-    else
-        zelErrorPrintf(traceModule, "Send: Task: %s, len: %d, errno: %d, errmsg: %s", selfName(), length, error,
-                       strerror(error));
-    return nullptr;
+bool isMessage(const void *message, int length) {
+    if (message && length >= static_cast<int>(IpcHeader::size)) return true;
+    errno = message ? EMSGSIZE : EINVAL;
+    return false;
 }
 
 }  // namespace zel::ipc

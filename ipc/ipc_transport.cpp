@@ -94,7 +94,8 @@ ssize_t Wait::nextByClock(void *buffer, std::size_t size) {
         if (length >= 0 || (errno != EAGAIN && errno != EINTR)) return length;
         if (platform::now() >= deadline_) return kernel::fail(ETIMEDOUT);
         const auto &seam = platform::seam();
-        if (seam.waitReadable(seam.context, socket_, deadline_) < 0 && errno != EINTR) return -1;
+        hasWaitFailed_ = seam.waitReadable(seam.context, socket_, deadline_) < 0 && errno != EINTR;
+        if (hasWaitFailed_) return -1;
     }
 }
 

@@ -101,6 +101,12 @@ bool isGoodKey(std::uint32_t key) {
     return false;
 }
 
+// The key's record if the endpoint has ever been opened, else null.
+const zelIpcEndpoint *openedRecord(std::uint32_t key) {
+    const zelIpcEndpoint *record = sharedRecord(key);
+    return record && loadWord(record->magic) == ZEL_IPC_ENDPOINT_MAGIC ? record : nullptr;
+}
+
 // The owned record of (service, instance), else null.
 const zelIpcEndpoint *ownedRecord(int service, int instance) {
     const zelIpcEndpoint *record = sharedRecord(service, instance);
@@ -186,13 +192,12 @@ int zelTaskIdSelf(uint32_t key) {
         zelErrorPrintf(taskManagerModule, "Invalid service / inst\r\n");
         return ZEL_ERROR;
     }
-    const zelIpcEndpoint *record = sharedRecord(key);
-    const bool wasOpened = record && loadWord(record->magic) == ZEL_IPC_ENDPOINT_MAGIC;
-    return wasOpened ? static_cast<int>(loadWord(record->ownerTaskId)) : ZEL_ERROR;
+    const zelIpcEndpoint *record = openedRecord(key);
+    return record ? static_cast<int>(loadWord(record->ownerTaskId)) : ZEL_ERROR;
 }
 
 int zelProcIdByKey(uint32_t key) {
-    const zelIpcEndpoint *record = isGoodKey(key) ? sharedRecord(key) : nullptr;
+    const zelIpcEndpoint *record = isGoodKey(key) ? openedRecord(key) : nullptr;
     return record ? static_cast<int>(loadWord(record->pid)) : ZEL_ERROR;
 }
 
@@ -215,9 +220,7 @@ const struct zelIpcEndpoint *zelTaskAlreadyExists(int taskId) {
     for (int service = 0; service < serviceCount; ++service)
         for (int instance = 0; instance < scannedInstances(service); ++instance) {
             const zelIpcEndpoint *record = sharedRecord(service, instance);
-            if (record && loadWord(record->magic) == ZEL_IPC_ENDPOINT_MAGIC && isOwnedByThisProcess(*record) &&
-                loadWord(record->ownerTaskId) == static_cast<uint32_t>(taskId))
-                return record;
+            if (belongsTo(record, static_cast<uint32_t>(taskId))) return record;
         }
     return nullptr;
 }

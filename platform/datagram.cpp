@@ -8,6 +8,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <bit>
 #include <cerrno>
@@ -35,6 +36,16 @@ int optionOf(SocketBuffer which) {
 
 bool setOption(int socket, int option, int value) {
     return setsockopt(socket, SOL_SOCKET, option, &value, sizeof value) == 0;
+}
+
+using Memory = std::array<std::uint32_t, SK_MEMINFO_VARS>;
+
+// What the host knows of the socket's buffers; all zero when it does not tell.
+Memory memoryOf(int socket) {
+    Memory memory{};
+    socklen_t size = sizeof memory;
+    getsockopt(socket, SOL_SOCKET, SO_MEMINFO, memory.data(), &size);
+    return memory;
 }
 
 // ---- Many datagrams in one call -------------------------------------------------------------------------------------
@@ -122,9 +133,12 @@ bool setBroadcast(int socket, bool isOn) {
 
 std::uint64_t droppedByHost(int socket) {
     // The same counter as SO_RXQ_OVFL, asked for when it is wanted instead of carried by every datagram.
-    std::uint32_t memory[SK_MEMINFO_VARS] = {};
-    socklen_t size = sizeof memory;
-    return getsockopt(socket, SOL_SOCKET, SO_MEMINFO, memory, &size) == 0 ? memory[SK_MEMINFO_DROPS] : 0;
+    return memoryOf(socket)[SK_MEMINFO_DROPS];
+}
+
+bool isHalfFull(int socket) {
+    const Memory memory = memoryOf(socket);
+    return memory[SK_MEMINFO_RMEM_ALLOC] > memory[SK_MEMINFO_RCVBUF] / 2;
 }
 
 int countWaitingDatagrams(int socket) {

@@ -33,6 +33,8 @@ bool setBroadcast(int socket, bool isOn);
 
 // Datagrams that the host dropped because the receive buffer was full, since the socket was opened.
 std::uint64_t droppedByHost(int socket);
+// Whether what waits to be read takes more than half of the receive buffer.
+bool isHalfFull(int socket);
 // How many datagrams wait to be read.
 int countWaitingDatagrams(int socket);
 

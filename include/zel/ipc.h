@@ -166,8 +166,8 @@ int zel_ipcCreateLink(struct zelIpcQueueDesc *descriptor, uint32_t queueId);
  * Times are whole seconds: -1 waits without limit, 0 not at all; anything below is refused. A wait ends at its deadline
  * whatever arrives meanwhile, and is a cancellation point. Sends return 0 or -1, receives the bytes copied (60 or more)
  * or -1; errno tells why: EINVAL (a service outside 13..363, a null pointer, a buffer below 60 bytes, a bad time),
- * EBADF (the queue is not open, or was closed during the wait), EMSGSIZE (no message's length), ETIMEDOUT, or the
- * host's reason.
+ * EBADF (the queue is not open, or was closed during the wait), EMSGSIZE (a message below 60 bytes, or longer than a
+ * datagram), ETIMEDOUT, or the host's reason.
  *
  * Headers are believed: replies and acknowledgements go where a message says it comes from. Keep the IPC network
  * private.
@@ -216,9 +216,10 @@ int zelIsIpcGuaranteedEnabled(void);
 void zelIpcGuaranteedEnDis(int flag);
 /* 0 when the target is new and the table of 1024 is full. */
 int zelIsIpcGDbUpdPossible(uint32_t key, uint32_t targetQueueId);
-/* The record of a target, created when it is new; null when the table is full. 23 bytes, most significant byte first:
- * acknowledged sends, second attempts, third attempts, failed sends, average milliseconds (4 each), next sequence
- * number (2), flags (bit 0x40: the next is a first send). It lives as long as the process. */
+/* The record of a target, created when it is new; null when the table is full. Of a queue id that was sent to at
+ * several addresses it is the one at this CPU's. 23 bytes, most significant byte first: acknowledged sends, second
+ * attempts, third attempts, failed sends, average milliseconds (4 each), next sequence number (2), flags (bit 0x40: the
+ * next is a first send). It lives as long as the process. */
 uint8_t *zelGuaranteedIpcGetTargetDBPtr(uint32_t key, uint32_t targetQueueId);
 /* Book-keeping of a send in its record; the caller serialises. */
 void zelGuaranteedIpcUpdRetryAttemptCntr(uint8_t *record, int attempt);

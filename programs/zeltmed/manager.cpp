@@ -157,8 +157,8 @@ bool Manager::start() {
                 dotted(zelPlatformIpcAddress()).c_str(), pid);
         return false;
     }
-    publishGlobals();
     if (!openEndpoint()) return false;
+    publishGlobals();
     clearRemoteEntries();
     const Role self{ZEL_IPC_MIN_SERVICE, static_cast<int>(zel_sysGetInstance())};
     zelTmeSetTaskEntry(self.service, self.instance, ZEL_TME_HERE, zel_sysGetIpAddr());
