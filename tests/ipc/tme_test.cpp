@@ -24,26 +24,19 @@ zelTmeEndpoint find(int service, int instance) {
 
 // A task as its spawner starts it: `what it does`, then the eight identity arguments.
 ZEL_CHILD(spawned) {
-    const std::string role = argv[0];
-    if (role == "die") raise(SIGKILL);
-    static int taskArgc;
-    static char **taskArgv;
-    taskArgc = argc;
-    taskArgv = argv;
-    Task task([] {
-        const int key = zelTaskStartup(taskArgc, taskArgv);
-        return key == -1 || zelTaskReady(static_cast<std::uint32_t>(key)) != 0 || zelGetMyTaskKey() != key ? -1 : key;
+    if (argv[0] == std::string("die")) raise(SIGKILL);
+    // Service, instance and parent service stay in the listing; the last five arguments go.
+    std::string kept;
+    for (int i = argc - 8; i < argc - 5; ++i) kept += argv[i] + std::string(1, '\0');
+    Task task([=] {
+        const int key = zelTaskStartup(argc, argv);
+        return key == -1 || zelGetMyTaskKey() != key ? -1 : zelTaskReady(static_cast<std::uint32_t>(key));
     });
     if (task.result() == -1) return 1;
     std::ifstream file("/proc/self/cmdline", std::ios::binary);
     const std::string line{std::istreambuf_iterator<char>(file), {}};
-    if (role == "stay")
-        for (;;) pause();
-    // Service, instance and parent service stay; the last five arguments are gone from the listing.
-    const std::string kept = std::string("spawned") + '\0' + role + '\0' + "61" + '\0' + "0" + '\0' + "13" + '\0';
-    const auto at = line.find(kept);
-    if (at == std::string::npos || line.find_first_not_of('\0', at + kept.size()) != std::string::npos) return 2;
-    return 0;
+    if (line.find_last_not_of('\0') + 2 != line.rfind(kept) + kept.size()) return 2;
+    for (;;) pause();
 }
 
 pid_t spawn(const char *role, int service, int instance) {
@@ -59,91 +52,72 @@ int waitFor(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 256 + WTERMSIG(status);
 }
 
-TEST(Spawn, TaskTakesItsPlaceAndReports) {
-    ASSERT_NE(zelIpcOpen(13, 0), -1);
-    const pid_t pid = spawn("check", 61, 0);
-    ASSERT_GT(pid, 0);
-    Bytes report(100);
-    ASSERT_EQ(receive(13 << 7, report, 30, 0, 0), 72);
-    EXPECT_EQ(zelIpcHdrGet32(report.data(), 12), 1601u);
-    EXPECT_EQ(zelIpcHdrGet32(report.data(), 60), 1u) << "its first task";
-    EXPECT_EQ(zelIpcHdrGet32(report.data(), 64), static_cast<unsigned>(pid));
-    EXPECT_EQ(zelIpcHdrGet32(report.data(), 68), 61u);
-    EXPECT_EQ(waitFor(pid), 0);
-    // The lock is free again: taking it does not wait for a dead owner.
-    EXPECT_EQ(ZEL_ShmWriteLock(5), 0);
-    EXPECT_EQ(zelShmLockWasAbandoned(5), 0);
-    EXPECT_EQ(ZEL_ShmWriteUnLock(5), 0);
-}
-
 TEST(Spawn, OneTaskAtATimeIsBetweenStartAndEndpointEvenIfItDiesThere) {
-    constexpr int count = 6;
-    pid_t pids[count];
-    for (int instance = 0; instance < count; ++instance) {
-        const pid_t dead = spawn("die", 13, instance);
+    ASSERT_NE(zelIpcOpen(13, 0), -1);
+    pid_t pids[4];
+    for (int instance = 0; instance < 4; ++instance) {
+        const pid_t dead = spawn("die", 152, instance);
         EXPECT_EQ(waitFor(dead), 256 + SIGKILL);
         EXPECT_EQ(zelTmeForget(dead), 0);
-        pids[instance] = spawn("stay", 13, instance);
+        pids[instance] = spawn("stay", 152, instance);
     }
-    for (int instance = 0; instance < count; ++instance) {
-        ASSERT_TRUE(eventually(30, [&] { return (find(13, instance).flags & ZEL_IPC_FLAG_STARTED) != 0; }));
-        EXPECT_EQ(find(13, instance).pid, pids[instance]);
-        EXPECT_EQ(find(13, instance).flags & ZEL_IPC_FLAG_LOCK5_HELD, 0u);
-        EXPECT_STREQ(find(13, instance).name, "tTest");
+    for (int instance = 0; instance < 4; ++instance) {
+        Bytes report(100);
+        ASSERT_EQ(receive(13 << 7, report, 30), 72);
+        EXPECT_EQ(zelIpcHdrGet32(report.data(), 60), 1u) << "its first task";
+        EXPECT_EQ(zelIpcHdrGet32(report.data(), 64), static_cast<unsigned>(pids[instance])) << "one after the other";
+        const zelTmeEndpoint endpoint = find(152, instance);
+        EXPECT_EQ(endpoint.pid, pids[instance]);
+        EXPECT_EQ(endpoint.flags & (ZEL_IPC_FLAG_STARTED | ZEL_IPC_FLAG_LOCK5_HELD), ZEL_IPC_FLAG_STARTED);
+        EXPECT_STREQ(endpoint.name, "tTest");
     }
+    // The lock is free although they live. A start that fails does not leave it behind either.
+    EXPECT_EQ(ZEL_ShmWriteLock(5), 0);
+    EXPECT_EQ(ZEL_ShmWriteUnLock(5), 0);
+    EXPECT_EQ(zelTmeSpawn("/no/such/program", nullptr, 61, 0, 13, 0), -1);
+    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(zelTmeSpawn("/proc/self/exe", nullptr, 61, 32, 13, 0), -1);
+    EXPECT_EQ(ZEL_ShmWriteLock(5), 0);
     for (const pid_t pid : pids) {
         kill(pid, SIGKILL);
         EXPECT_EQ(waitFor(pid), 256 + SIGKILL);
         EXPECT_EQ(zelTmeForget(pid), 1);
     }
-    EXPECT_EQ(zelTmeSpawn("/no/such/program", nullptr, 61, 0, 13, 0), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(zelTmeSpawn("/proc/self/exe", nullptr, 61, 32, 13, 0), -1);
-    EXPECT_EQ(ZEL_ShmWriteLock(5), 0) << "not left behind";
 }
 
-// Arguments may be literals, which cannot be written.
-struct StartupArguments {
-    const char *literals[8] = {"61", "0", "13", "0", "1", "a", "b", "c"};
+// Arguments may be literals, which cannot be written. A failure leaves them, and releases the spawner's lock.
+TEST(Startup, BlanksItsArgumentsOnlyOnSuccess) {
     char *arguments[8];
-    int start(int count = 8) {
+    const auto start = [&](const char *service, const char *instance, int count = 8) {
+        const char *const literals[] = {service, instance, "13", "0", "1", "a", "b", "c"};
         for (int i = 0; i < 8; ++i) arguments[i] = const_cast<char *>(literals[i]);
         return zelTaskStartup(count, arguments);
-    }
-};
-
-TEST(Startup, BlanksItsArgumentsOnlyOnSuccess) {
-    StartupArguments call;
-    EXPECT_EQ(call.start(7), -1);
-    call.literals[1] = "32";
-    EXPECT_EQ(call.start(), -1);
-    call.literals[1] = "0";
-    call.literals[0] = "6x";
-    EXPECT_EQ(call.start(), -1);
-    EXPECT_STREQ(call.arguments[7], "c");
-    call.literals[0] = "61";
-    EXPECT_EQ(call.start(), static_cast<int>(bgp));
-    EXPECT_STREQ(call.arguments[2], "13");
-    for (int i = 3; i < 8; ++i) EXPECT_STREQ(call.arguments[i], "");
-    EXPECT_STREQ(call.literals[7], "c");
-}
-
-TEST(Startup, FailureReleasesTheSpawnersLock) {
+    };
     FakeNetwork network;
-    const Peer taken(bgp | 1);
-    ASSERT_EQ(ZEL_ShmWriteLock(5), 0);
-    ASSERT_NE(zelIpcOpen(62, 0), -1);  // attaches the table, so that the mark below is the spawner's
-    auto *record = const_cast<zelIpcEndpoint *>(zelTaskAlreadyExists(0)) + (61 - 62) * 32;
-    record->flags |= ZEL_IPC_FLAG_LOCK5_HELD;
-    EXPECT_EQ(StartupArguments{}.start(), -1);
-    EXPECT_EQ(record->flags & ZEL_IPC_FLAG_LOCK5_HELD, 0u);
-    EXPECT_EQ(ZEL_ShmWriteUnLock(5), -1) << "released already";
+    EXPECT_EQ(start("61", "0", 7), -1);
+    EXPECT_EQ(start("61", "32"), -1);
+    EXPECT_EQ(start("6x", "0"), -1);
+    {
+        const Peer taken(bgp | 1);
+        ASSERT_EQ(ZEL_ShmWriteLock(5), 0);
+        ASSERT_NE(zelIpcOpen(62, 0), -1);  // so that its neighbour's record can be found
+        auto *record = const_cast<zelIpcEndpoint *>(zelTaskAlreadyExists(0)) + (61 - 62) * 32;
+        record->flags |= ZEL_IPC_FLAG_LOCK5_HELD;
+        EXPECT_EQ(start("61", "0"), -1);
+        EXPECT_EQ(record->flags & ZEL_IPC_FLAG_LOCK5_HELD, 0u);
+        EXPECT_EQ(ZEL_ShmWriteUnLock(5), -1) << "released already";
+    }
+    EXPECT_STREQ(arguments[7], "c");
+    EXPECT_EQ(start("61", "0"), static_cast<int>(bgp));
+    EXPECT_STREQ(arguments[2], "13");
+    for (int i = 3; i < 8; ++i) EXPECT_STREQ(arguments[i], "");
 }
 
 TEST(ByKey, FindsTheOwner) {
     int taskId = 7;
     EXPECT_EQ(zelTaskIsDuplicate(76, 0, &taskId), 0);
     EXPECT_EQ(taskId, 0);
+    EXPECT_EQ(zelProcIdByKey(rtm), -1);
     Task owner([] { return zelIpcOpen(76, 0); });
     ASSERT_EQ(owner.result(), static_cast<int>(rtm));
     EXPECT_EQ(zelTaskIsDuplicate(76, 0, &taskId), 1);
@@ -152,7 +126,6 @@ TEST(ByKey, FindsTheOwner) {
     EXPECT_EQ(zelTaskIdSelf(rtm), 1);
     ASSERT_NE(zelTaskAlreadyExists(1), nullptr);
     EXPECT_EQ(zelTaskAlreadyExists(1)->service, 76u);
-    EXPECT_EQ(zelTaskIsDuplicate(76, 40, &taskId), 0);
     for (const std::uint32_t key : {12u << 7, 364u << 7}) {
         EXPECT_EQ(zelTaskGetServiceByKey(key), -1);
         EXPECT_EQ(zelTaskGetInstanceByKey(key), -1);
@@ -162,11 +135,14 @@ TEST(ByKey, FindsTheOwner) {
     }
     EXPECT_EQ(zelGetTaskKeyFromServiceAndInst(13, 31), 0x6fc);
     EXPECT_EQ(zelGetTaskKeyFromServiceAndInst(13, 32), -1);
-    EXPECT_EQ(zelGetTaskKeyFromServiceAndInst(13, -1), -1);
 }
 
 TEST(Peers, AreFoundByTheTaskTable) {
+    const zelTmeGlobals values{0, 3, {0x0a000001, 0x0a000002}};
+    ASSERT_EQ(zelTmeSetGlobals(&values), 0);
+    EXPECT_EQ(getMasterRpmIpAddr(1), 0x0a000002u);
     const std::uint32_t own = zel_sysGetIpAddr(), none = ZEL_IPC_NO_ADDRESS;
+    for (const int which : {-1, 2}) EXPECT_EQ(getMasterRpmIpAddr(which), none);
     const struct {
         std::uint32_t state, address, expected;
     } rows[] = {
@@ -195,38 +171,24 @@ TEST(Peers, AreFoundByTheTaskTable) {
     EXPECT_EQ(zel_tmeGetPeerIpAddrByName(76, 4145, &error), none);
 }
 
-ZEL_CHILD(lookUp) {
-    int error = 0;
-    return zel_tmeGetTaskIpAddrByName(61, 1, &error) == 0x0a000007 && zel_sysGetInstance() == 3 &&
-                   getMasterRpmIpAddr(1) == 0x0a000002 && getMasterRpmIpAddr(2) == ZEL_IPC_NO_ADDRESS &&
-                   getMasterRpmIpAddr(-1) == ZEL_IPC_NO_ADDRESS
-               ? 0
-               : 1;
-}
-
-TEST(Peers, AreSeenByEveryProcessOfTheCpu) {
-    const zelTmeGlobals values{0, 3, {0x0a000001, 0x0a000002}};
-    ASSERT_EQ(zelTmeSetGlobals(&values), 0);
-    Child early = Child::start("lookUp");  // waits until the peer comes up
-    ASSERT_EQ(zelTmeSetTaskEntry(61, 1, ZEL_TME_REMOTE, 0x0a000007), 0);
-    EXPECT_EQ(early.wait(), 0);
-}
-
 ZEL_CHILD(owner) {
     if (zelIpcOpen(61, 0) == -1 || zelIpcOpen(76, 0) == -1) return 1;
     for (;;) pause();
 }
 
-TEST(Forget, ClearsOnlyTheDead) {
+TEST(DeadOwner, LosesWhatItHadToWhoeverOpensOrForgetsIt) {
     ASSERT_NE(zelIpcOpen(62, 0), -1);
     const Child child = Child::start("owner");
     ASSERT_TRUE(eventually(20, [] { return zelTaskIsDuplicate(76, 0, nullptr) == 1; }));
-    zelTmeSetTaskEntry(61, 0, ZEL_TME_HERE, 1);
-    zelTmeSetTaskEntry(62, 0, ZEL_TME_HERE, 1);
+    for (const int service : {61, 62}) zelTmeSetTaskEntry(service, 0, ZEL_TME_HERE, 1);
+    EXPECT_EQ(zelProcIdByKey(rtm), child.pid());
+    EXPECT_EQ(zelGetMyTaskKey(), 62 << 7) << "same task id, other process";
     EXPECT_EQ(zelTmeForget(child.pid()), 0) << "it lives";
     child.signal(SIGKILL);
-    ASSERT_TRUE(eventually(20, [] { return zelTaskIsDuplicate(76, 0, nullptr) == 0; }));
-    EXPECT_EQ(zelTmeForget(child.pid()), 2);
+    ASSERT_TRUE(eventually(20, [] { return zelTaskGetByServiceAndInstance(76, 0) == -1; }));
+    ASSERT_EQ(zelIpcOpen(76, 0), static_cast<int>(rtm));
+    EXPECT_EQ(zelProcIdByKey(rtm), getpid());
+    EXPECT_EQ(zelTmeForget(child.pid()), 1);
     EXPECT_EQ(zelTmeForget(child.pid()), 0);
     zelTmeTaskEntry entry{};
     zelTmeGetTaskEntry(61, 0, &entry);
