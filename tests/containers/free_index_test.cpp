@@ -139,19 +139,17 @@ TEST_F(FreeIndex, printsWhatIsFreeAndWhatIsRefused) {
 
 TEST_F(FreeIndex, refusesWhatIsMissing) {
     zelFreeIndexList other{};
-    const auto init = [](uint32_t minimum, zelAllocFn allocate, zelFreeFn giveBack, zelFreeIndexList *where) {
-        return zelFreeIndexListInit(minimum, 9, allocate, giveBack, where);
-    };
-    EXPECT_EQ(init(0, nullptr, zelFreeIndexFree, &other), -1);
-    EXPECT_EQ(init(0, zelFreeIndexMalloc, nullptr, &other), -1);
-    EXPECT_EQ(init(0, zelFreeIndexMalloc, zelFreeIndexFree, nullptr), -1);
-    EXPECT_EQ(init(10, zelFreeIndexMalloc, zelFreeIndexFree, &other), -1);
+    const auto take = zelFreeIndexMalloc;
+    const auto drop = zelFreeIndexFree;
+    EXPECT_EQ(zelFreeIndexListInit(0, 9, nullptr, drop, &other), -1);
+    EXPECT_EQ(zelFreeIndexListInit(0, 9, take, nullptr, &other), -1);
+    EXPECT_EQ(zelFreeIndexListInit(0, 9, take, drop, nullptr), -1);
+    EXPECT_EQ(zelFreeIndexListInit(10, 9, take, drop, &other), -1);
     FailingAllocator::failAt(1);
-    EXPECT_EQ(init(0, zelFreeIndexMalloc, zelFreeIndexFree, &other), -1);
-    const int before = reportedAssertions();
+    EXPECT_EQ(zelFreeIndexListInit(0, 9, take, drop, &other), -1);
     EXPECT_EQ(zelFreeIndexGet(&other, &sink), -1);
     EXPECT_EQ(zelFreeIndexRelease(nullptr, 1), -1);
-    EXPECT_EQ(reportedAssertions(), before + 2);
+    EXPECT_EQ(reportedAssertions(), 2);
     EXPECT_EQ(lastAssertion(), "(head)->dll_magic == zelDLL_MAGIC");
     start({0, UINT32_MAX});
     EXPECT_EQ(list.free_total, 0u);

@@ -57,32 +57,21 @@ protected:
         model[clean(key)] = {1, data};
     }
 
-    int expectedDrop(const Words &key) {
-        const auto at = model.find(clean(key));
-        if (at == model.end()) return -1;
-        const int left = --at->second.references;
-        if (left == 0) model.erase(at);
-        return left;
-    }
-
     void drop(const Words &key) {
         const auto at = model.find(clean(key));
-        const intptr_t data = at == model.end() ? 77 : at->second.data;
-        const auto position = std::distance(model.begin(), at);
-        intptr_t found = 77;
-        const int left = expectedDrop(key);
-        switch (left < 0 ? 0 : random() % 3) {
-            case 0:
-                ASSERT_EQ(zelLargeKeyDataDelete(&head, key.data(), &found), left);
-                break;
-            case 1:
-                ASSERT_EQ(zelLargeKeyDataRemove(&head, static_cast<int>(position)), left);
-                return;
-            default:
-                ASSERT_EQ(largeKeyDataDelRef(&head, key.data()), left);
-                return;
+        if (at == model.end()) {
+            ASSERT_EQ(zelLargeKeyDataDelete(&head, key.data(), nullptr), -1);
+            return;
         }
-        ASSERT_EQ(found, data);
+        const auto position = static_cast<int>(std::distance(model.begin(), at));
+        const uint32_t way = random() % 3;
+        intptr_t data = 0;
+        const int left = way == 0   ? zelLargeKeyDataDelete(&head, key.data(), &data)
+                         : way == 1 ? zelLargeKeyDataRemove(&head, position)
+                                    : largeKeyDataDelRef(&head, key.data());
+        ASSERT_EQ(left, --at->second.references);
+        ASSERT_EQ(data, way == 0 ? at->second.data : 0);
+        if (left == 0) model.erase(at);
     }
 
     void refer(const Words &key) {
@@ -179,13 +168,11 @@ TEST(LargeKeyTable, tracesWhatItDoes) {
     zelLargeKeyDataDestroy(&head);
 }
 
-TEST(LargeKeyTable, reportsWhatIsMissing) {
+TEST(LargeKeyTable, refusesWhatIsMissing) {
     zelLargeKeyHead head;
     ASSERT_EQ(zelLargeKeyDataCreate(&head, 32, 2, nullptr, nullptr), 0);
     const uint32_t key = 5;
-    const int before = reportedAssertions();
     EXPECT_EQ(zelLargeKeyDataAdd(&head, &key, 0), -1);
-    EXPECT_EQ(zelLargeKeyDataAdd(&head, nullptr, 1), -1);
     EXPECT_EQ(lastAssertion(), "((key) && (userData))");
     EXPECT_EQ(zelLargeKeyDataRemove(&head, 0), -1);
     EXPECT_EQ(lastAssertion(), "dataHead->numElems > 0");
@@ -194,7 +181,7 @@ TEST(LargeKeyTable, reportsWhatIsMissing) {
     EXPECT_EQ(lastAssertion(), "((deletePos >= 0) && (deletePos < dataHead->numElems))");
     EXPECT_EQ(zelLargeKeyDataDelete(&head, nullptr, nullptr), -1);
     EXPECT_EQ(zelLargeKeyDataCount(nullptr), 0);
-    EXPECT_EQ(reportedAssertions(), before + 7);
+    EXPECT_EQ(reportedAssertions(), 6);
     for (const int position : {-2, 0, INT32_MAX})
         EXPECT_EQ(zelLargeKeyDataGetNext(&head, position, nullptr, nullptr), -1);
     head.elemInfo[0].refCount = INT32_MAX;
