@@ -6,304 +6,339 @@
 //
 // Nothing recurses: keys may have 1,120 bits. Insertion is one descent by the bits of the new key alone, one comparison
 // of whole keys at the bottom, and a climb to where they part. A descent never compares what lies between the tested
-// bits, so look-ups verify the key of the node they settle on. At nodes that are at least as long as the key, a descent
-// goes on without reading key bits, which the key may not have.
+// bits, so look-ups compare the key of the node they settle on: once, since the first bit that differs also says how
+// short a prefix must be to cover the key. At nodes that are at least as long as the key, a descent goes on without
+// reading key bits, which the key may not have.
 //
 // A marked entry hides the shorter prefixes from best match on purpose: readers of the old version must not see a route
 // change its meaning before the version passes.
-#include <bit>
+//
+// A tree in shared memory may lose its writer at any moment. Each change is therefore visible to readers, which descend
+// and climb, through one store (see `publish`); what is stored before and after it makes no difference to them.
+#include <atomic>
 #include <cstring>
 
-#include "base/assertion.h"
-#include "zel/containers.h"
+#include "containers/zelRadixTree.h"
 #include "zel/platform.h"
 
+namespace zel::containers {
 namespace {
 
-constexpr char source[] = "zelRadix";
-constexpr uint32_t longestKey = 0xffff;
+constexpr std::uint32_t longestKey = 0xffff;
 
-bool isTree(const zelRadix *tree, int line = __builtin_LINE()) {
-    return zel::asserted(tree, "rtt", source, line) &&
-           zel::asserted(tree->rtt_magic == ZEL_RADIX_MAGIC, "rtt->rtt_magic == 0xdeadbeef", source, line);
-}
-
-// A null argument is a miss in any case; it is reported while the tree is strict.
-bool isGiven(const zelRadix *tree, const void *argument, const char *text, int line = __builtin_LINE()) {
-    return argument || (tree->rtt_strict && zel::asserted(false, text, source, line));
-}
-
-bool isTooLong(const zelRadix *tree, uint32_t bitlen) {
+bool isTooLong(const zelRadix *tree, std::uint32_t bitlen) {
     return bitlen > longestKey || (tree->rtt_strict && bitlen > tree->rtt_maxbits);
 }
 
-bool isMarked(const zelRadixNode *node) {
-    return node->rtn_flags & ZEL_RADIX_DELETED;
+bool isProbe(const zelRadix *tree, const void *key, std::uint32_t bitlen, int line = __builtin_LINE()) {
+    return isTree(tree, radixSource, line) && key && !isTooLong(tree, bitlen);
 }
 
-bool isLive(const zelRadixNode *node) {
-    return node->rtn_entry && !isMarked(node);
+// ---- Insertion ------------------------------------------------------------------------------------------------------
+
+// Everything written before is in memory before the one store that lets readers see it, and that before what follows.
+void publish(std::uint32_t &link, std::uint32_t number) {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    __atomic_store_n(&link, number, __ATOMIC_RELEASE);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
-const uint8_t *keyOf(const zelRadixNode *node) {
-    return node->rtn_entry->rth_key;
-}
-
-bool goesRight(const zelRadixNode *node, const uint8_t *key) {
-    return key[node->rtn_bit >> 3] & node->rtn_mask;
-}
-
-zelRadixNode *childToward(const zelRadixNode *node, const uint8_t *key) {
-    return goesRight(node, key) ? node->rtn_right : node->rtn_left;
-}
-
-zelRadixNode *anyChild(const zelRadixNode *node) {
-    return node->rtn_left ? node->rtn_left : node->rtn_right;
-}
-
-// Whether two keys agree in their first `bits` bits; no byte behind those is read.
-bool agree(const uint8_t *a, const uint8_t *b, uint32_t bits) {
-    const uint32_t whole = bits >> 3, rest = bits & 7;
-    for (uint32_t i = 0; i < whole; ++i)
-        if (a[i] != b[i]) return false;
-    return rest == 0 || ((a[whole] ^ b[whole]) >> (8 - rest)) == 0;
-}
-
-// The first bit in which two keys differ, `limit` when they agree up to there.
-uint32_t firstDifference(const uint8_t *a, const uint8_t *b, uint32_t limit) {
-    for (uint32_t at = 0; at * 8 < limit; ++at) {
-        const auto difference = static_cast<uint8_t>(a[at] ^ b[at]);
-        if (difference) {
-            const uint32_t bit = at * 8 + static_cast<uint32_t>(std::countl_zero(difference));
-            return bit < limit ? bit : limit;
-        }
-    }
-    return limit;
-}
-
-zelRadixNode *makeNode(zelRadix *tree, uint32_t bit) {
-    auto *node = static_cast<zelRadixNode *>(tree->rtt_alloc(sizeof(zelRadixNode)));
-    if (!node) return nullptr;
-    memset(node, 0, sizeof *node);
-    node->rtn_bit = static_cast<uint16_t>(bit);
-    node->rtn_mask = static_cast<uint8_t>(0x80u >> (bit & 7));
-    ++tree->rtt_nodes;
-    return node;
-}
-
-void dropNode(zelRadix *tree, zelRadixNode *node) {
-    --tree->rtt_nodes;
-    tree->rtt_free(node);
-}
-
-void settle(zelRadixNode *node, zelRadixEntry *entry) {
-    node->rtn_entry = entry;
+void settle(zelRadix *tree, std::uint32_t number, zelRadixEntry *entry) {
+    zelRadixNode *node = at(tree, number);
     entry->rtn = node;
+    entry->rth_key = entry->rth_addr;
+    entry->rth_change = {};
+    __atomic_store_n(&node->rtn_entry, entry, __ATOMIC_RELEASE);
 }
 
-// Puts `replacement`, which may be null, where `node` hangs.
-void replaceInParent(zelRadix *tree, zelRadixNode *node, zelRadixNode *replacement) {
-    zelRadixNode *parent = node->rtn_parent;
-    if (!parent)
-        tree->rtt_root = replacement;
-    else if (parent->rtn_right == node)
-        parent->rtn_right = replacement;
-    else if (zel::asserted(parent->rtn_left == node, "rtn_prev->rtn_left == rtn", source))
-        parent->rtn_left = replacement;
-    if (replacement) replacement->rtn_parent = parent;
+// The link that leads to the node.
+std::uint32_t *linkTo(zelRadix *tree, std::uint32_t number) {
+    const std::uint32_t above = at(tree, number)->rtn_parent;
+    if (!above) return &tree->rtt_root;
+    zelRadixNode *parent = at(tree, above);
+    if (parent->rtn_right == number) return &parent->rtn_right;
+    return asserted(parent->rtn_left == number, "rtn_prev->rtn_left == rtn", radixSource) ? &parent->rtn_left : nullptr;
 }
 
-void hang(zelRadixNode *parent, zelRadixNode *child, bool onTheRight) {
-    (onTheRight ? parent->rtn_right : parent->rtn_left) = child;
-    child->rtn_parent = parent;
-}
-
-bool hasRoomOn(const zelRadixNode *node, bool theRight) {
-    return theRight ? zel::asserted(!node->rtn_right, "!(rtn->rtn_right)", source)
-                    : zel::asserted(!node->rtn_left, "!(rtn->rtn_left)", source);
+// Links `upper`, which has its other child already, in between `number` and its parent.
+bool linkAbove(zelRadix *tree, std::uint32_t number, std::uint32_t upper, bool onItsRight) {
+    std::uint32_t *link = linkTo(tree, number);
+    if (!link) return false;
+    zelRadixNode *node = at(tree, number), *above = at(tree, upper);
+    (onItsRight ? above->rtn_right : above->rtn_left) = number;
+    above->rtn_parent = node->rtn_parent;
+    inheritNewest(tree, upper, number);
+    publish(*link, upper);
+    node->rtn_parent = upper;
+    return true;
 }
 
 // The node, always with an entry, whose key the new key is compared with.
-zelRadixNode *comparand(zelRadixNode *node, const uint8_t *key, uint32_t bitlen) {
-    while (node->rtn_bit < bitlen || !node->rtn_entry) {
-        zelRadixNode *next = node->rtn_bit < bitlen ? childToward(node, key) : anyChild(node);
-        if (!next) break;
-        node = next;
+std::uint32_t comparand(const zelRadix *tree, const std::uint8_t *key, std::uint32_t bitlen) {
+    std::uint32_t number = isIndexed(tree, bitlen) ? tree->rtt_index[slotOf(key, tree->rtt_index_bits)] : 0;
+    if (!number) number = tree->rtt_root;
+    for (;;) {
+        const zelRadixNode *node = at(tree, number);
+        if (node->rtn_bit >= bitlen && node->rtn_entry) return number;
+        const std::uint32_t next = node->rtn_bit < bitlen ? childToward(node, key) : anyChild(node);
+        if (!next) return number;
+        number = next;
     }
-    return node;
 }
 
 // The node for this very prefix exists: it has a live entry, a marked one, or only forks.
-zelRadixEntry *takeNode(zelRadix *tree, zelRadixNode *node, zelRadixEntry *entry) {
+zelRadixEntry *takeNode(zelRadix *tree, std::uint32_t number, zelRadixEntry *entry) {
+    zelRadixNode *node = at(tree, number);
     zelRadixEntry *old = node->rtn_entry;
-    if (isLive(node)) {
-        old->rtn = node;  // `entry` may be this very one, its links just cleared
-        return old;
+    if (isLive(node)) return old;
+    if (old != entry) {
+        if (old) forgetChange(tree, old);
+        settle(tree, number, entry);
+        if (!old) indexNode(tree, number, entry->rth_key);
     }
-    if (old && old != entry) {
-        old->rtn = nullptr;
-        old->rth_key = nullptr;
-        ++tree->rtt_released;
-        if (tree->rtt_deleted) tree->rtt_deleted(old);
-    }
-    node->rtn_flags &= static_cast<uint8_t>(~ZEL_RADIX_DELETED);
-    settle(node, entry);
+    node->rtn_flags &= static_cast<std::uint8_t>(~ZEL_RADIX_DELETED);
+    if (old && old != entry) handOver(tree, old);
     return entry;
 }
 
-zelRadixEntry *addBelow(zelRadix *tree, zelRadixNode *node, zelRadixEntry *entry, uint32_t bitlen) {
-    const bool right = goesRight(node, entry->rth_key);
-    if (!hasRoomOn(node, right)) return nullptr;
-    zelRadixNode *leaf = makeNode(tree, bitlen);
+zelRadixEntry *addBelow(zelRadix *tree, std::uint32_t number, zelRadixEntry *entry, std::uint32_t bitlen) {
+    zelRadixNode *node = at(tree, number);
+    const bool right = goesRight(node, entry->rth_addr);
+    if (right ? !asserted(!node->rtn_right, "!(rtn->rtn_right)", radixSource)
+              : !asserted(!node->rtn_left, "!(rtn->rtn_left)", radixSource))
+        return nullptr;
+    const std::uint32_t leaf = makeNode(tree, bitlen);
     if (!leaf) return nullptr;
-    hang(node, leaf, right);
-    settle(leaf, entry);
+    at(tree, leaf)->rtn_parent = number;
+    settle(tree, leaf, entry);
+    publish(right ? node->rtn_right : node->rtn_left, leaf);
+    indexNode(tree, leaf, entry->rth_key);
     return entry;
 }
 
-zelRadixEntry *addAbove(zelRadix *tree, zelRadixNode *node, const uint8_t *keyBelow, zelRadixEntry *entry,
-                        uint32_t bitlen) {
-    zelRadixNode *above = makeNode(tree, bitlen);
+zelRadixEntry *addAbove(zelRadix *tree, std::uint32_t number, const std::uint8_t *keyBelow, zelRadixEntry *entry,
+                        std::uint32_t bitlen) {
+    const std::uint32_t above = makeNode(tree, bitlen);
     if (!above) return nullptr;
-    replaceInParent(tree, node, above);
-    hang(above, node, goesRight(above, keyBelow));
-    settle(above, entry);
+    settle(tree, above, entry);
+    if (!linkAbove(tree, number, above, goesRight(at(tree, above), keyBelow))) return nullptr;
+    indexNode(tree, above, entry->rth_key);
     return entry;
 }
 
-zelRadixEntry *addFork(zelRadix *tree, zelRadixNode *node, uint32_t fork, zelRadixEntry *entry, uint32_t bitlen) {
-    if (!zel::asserted(fork < bitlen, "dbit < bitlen", source)) return nullptr;
-    zelRadixNode *leaf = makeNode(tree, bitlen);
+zelRadixEntry *addFork(zelRadix *tree, std::uint32_t number, std::uint32_t fork, zelRadixEntry *entry,
+                       std::uint32_t bitlen) {
+    if (!asserted(fork < bitlen, "dbit < bitlen", radixSource)) return nullptr;
+    const std::uint32_t leaf = makeNode(tree, bitlen);
     if (!leaf) return nullptr;
-    zelRadixNode *glue = makeNode(tree, fork);
+    const std::uint32_t glue = makeNode(tree, fork);
     if (!glue) {
         dropNode(tree, leaf);
         return nullptr;
     }
-    const bool right = goesRight(glue, entry->rth_key);
-    replaceInParent(tree, node, glue);
-    hang(glue, leaf, right);
-    hang(glue, node, !right);
-    settle(leaf, entry);
+    zelRadixNode *node = at(tree, glue);
+    const bool right = goesRight(node, entry->rth_addr);
+    (right ? node->rtn_right : node->rtn_left) = leaf;
+    at(tree, leaf)->rtn_parent = glue;
+    settle(tree, leaf, entry);
+    if (!linkAbove(tree, number, glue, !right)) return nullptr;
+    indexNode(tree, leaf, entry->rth_key);
+    indexNode(tree, glue, entry->rth_key);
     return entry;
 }
 
-zelRadixEntry *addRoot(zelRadix *tree, zelRadixEntry *entry, uint32_t bitlen) {
-    zelRadixNode *root = makeNode(tree, bitlen);
+zelRadixEntry *addRoot(zelRadix *tree, zelRadixEntry *entry, std::uint32_t bitlen) {
+    const std::uint32_t root = makeNode(tree, bitlen);
     if (!root) return nullptr;
-    tree->rtt_root = root;
-    settle(root, entry);
+    settle(tree, root, entry);
+    publish(tree->rtt_root, root);
+    indexNode(tree, root, entry->rth_key);
     return entry;
 }
 
-// Removes a node that lost its entry, and the fork above it that thereby lost a branch.
-void collapse(zelRadix *tree, zelRadixNode *node) {
-    while (node && !node->rtn_entry && !(node->rtn_left && node->rtn_right)) {
-        zelRadixNode *parent = node->rtn_parent;
-        replaceInParent(tree, node, anyChild(node));
-        dropNode(tree, node);
-        node = parent;
+// The entry that now stands for the prefix.
+zelRadixEntry *place(zelRadix *tree, zelRadixEntry *entry, std::uint32_t bitlen) {
+    if (!tree->rtt_root) return addRoot(tree, entry, bitlen);
+    const std::uint8_t *key = entry->rth_addr;
+    std::uint32_t number = comparand(tree, key, bitlen);
+    const zelRadixNode *node = at(tree, number);
+    const std::uint8_t *met = keyOf(node);
+    const std::uint32_t fork = firstDifference(met, key, node->rtn_bit < bitlen ? node->rtn_bit : bitlen);
+    while (node->rtn_parent && at(tree, node->rtn_parent)->rtn_bit >= fork) {
+        number = node->rtn_parent;
+        node = at(tree, number);
+    }
+    if (node->rtn_bit == fork)
+        return fork == bitlen ? takeNode(tree, number, entry) : addBelow(tree, number, entry, bitlen);
+    if (fork == bitlen) return addAbove(tree, number, met, entry, bitlen);
+    return addFork(tree, number, fork, entry, bitlen);
+}
+
+// ---- Removal --------------------------------------------------------------------------------------------------------
+
+// Removes a node that lost its entry, and the fork above it that thereby lost a branch. `key` led to both.
+void collapse(zelRadix *tree, std::uint32_t number, const std::uint8_t *key) {
+    while (number) {
+        zelRadixNode *node = at(tree, number);
+        if (node->rtn_entry || (node->rtn_left && node->rtn_right)) return;
+        std::uint32_t *link = linkTo(tree, number);
+        if (!link) return;
+        const std::uint32_t parent = node->rtn_parent, child = anyChild(node);
+        unindexNode(tree, number, key);
+        if (child) at(tree, child)->rtn_parent = parent;
+        publish(*link, child);
+        dropNode(tree, number);
+        number = parent;
     }
 }
 
-// The next node of the walk in which a node comes before its left, and that before its right sub-tree.
-zelRadixNode *nextNode(zelRadixNode *node) {
-    if (zelRadixNode *child = anyChild(node)) return child;
-    for (; node->rtn_parent; node = node->rtn_parent) {
-        zelRadixNode *parent = node->rtn_parent;
-        if (parent->rtn_left == node && parent->rtn_right) return parent->rtn_right;
+// ---- Best match -----------------------------------------------------------------------------------------------------
+
+// The node with an entry, at or above `node`, that stands for at most `bits` bits.
+const zelRadixNode *shorterThan(const zelRadix *tree, const zelRadixNode *node, std::uint32_t bits) {
+    while (node && !(node->rtn_entry && node->rtn_bit <= bits)) node = zelRadixNodeAt(tree, node->rtn_parent);
+    return node;
+}
+
+// The longest prefix with an entry, live or marked, that covers the key. The way down remembers the last entry it met
+// and has its key fetched.
+const zelRadixNode *bestNode(const zelRadix *tree, const std::uint8_t *key, std::uint32_t bitlen) {
+    std::uint32_t number = tree->rtt_root, known = 0;
+    if (isIndexed(tree, bitlen)) {
+        known = tree->rtt_index_bits;
+        number = tree->rtt_index[slotOf(key, known)];
+        if (number && at(tree, number)->rtn_bit < known) return at(tree, number);
     }
-    return nullptr;
+    if (!number) return nullptr;
+    const zelRadixNode *node = at(tree, number), *top = node, *best = nullptr;
+    while (node->rtn_bit <= bitlen) {
+        if (node->rtn_entry) {
+            best = node;
+            __builtin_prefetch(node->rtn_entry);
+        }
+        if (node->rtn_bit == bitlen) break;
+        const std::uint32_t next = childToward(node, key);
+        if (!next) break;
+        node = at(tree, next);
+    }
+    if (!best) return shorterThan(tree, top, known);
+    if (best->rtn_bit <= known) return best;
+    const std::uint32_t same = firstDifference(keyOf(best), key, best->rtn_bit);
+    return shorterThan(tree, best, same);
 }
 
-zelRadixEntry *firstLiveFrom(zelRadixNode *node) {
-    while (node && !isLive(node)) node = nextNode(node);
-    return node ? node->rtn_entry : nullptr;
-}
-
-zelRadixEntry *entryAbove(const zelRadixNode *node) {
-    do node = node->rtn_parent;
-    while (node && !node->rtn_entry);
-    return node ? node->rtn_entry : nullptr;
+zelRadixEntry *entryUnlessMarked(const zelRadixNode *node) {
+    return node && !isMarked(node) ? node->rtn_entry : nullptr;
 }
 
 }  // namespace
 
+void takeOut(zelRadix *tree, zelRadixEntry *entry) {
+    zelRadixNode *node = entry->rtn;
+    const std::uint8_t *key = entry->rth_key;
+    const std::uint32_t number = numberOf(tree, node);
+    forgetChange(tree, entry);
+    unindexEntry(tree, number, key);
+    __atomic_store_n(&node->rtn_entry, nullptr, __ATOMIC_RELEASE);
+    node->rtn_flags &= static_cast<std::uint8_t>(~ZEL_RADIX_DELETED);
+    entry->rtn = nullptr;
+    entry->rth_key = nullptr;
+    collapse(tree, number, key);
+}
+
+}  // namespace zel::containers
+
+using namespace zel::containers;
+
 zelRadix *zelRadixCreate(const char *name, uint16_t maxbits, zelAllocFn allocFn, zelFreeFn freeFn,
                          zelRadixDeletedFn deletedFn) {
-    if (!zel::asserted(name, "rtt_name", source)) return nullptr;
-    auto *tree = static_cast<zelRadix *>(zelMC_calloc(source, __LINE__, 1, sizeof(zelRadix)));
-    if (!tree) return nullptr;
+    if (!zel::asserted(name, "rtt_name", radixSource)) return nullptr;
+    auto *tree = static_cast<zelRadix *>(zelMC_calloc(radixSource, __LINE__, 1, sizeof(zelRadix)));
+    if (tree) zelRadixInit(tree, name, maxbits, allocFn, freeFn, deletedFn);
+    return tree;
+}
+
+void zelRadixDestroy(zelRadix *tree) {
+    if (!isTree(tree)) return;
+    zelRadixUninit(tree);
+    zelMC_free(radixSource, __LINE__, tree);
+}
+
+int zelRadixInit(zelRadix *tree, const char *name, uint16_t maxbits, zelAllocFn allocFn, zelFreeFn freeFn,
+                 zelRadixDeletedFn deletedFn) {
+    if (!zel::asserted(tree, "rtt", radixSource) || !zel::asserted(name, "rtt_name", radixSource)) return -1;
+    memset(tree, 0, sizeof *tree);
     strncpy(tree->rtt_name, name, ZEL_RADIX_NAME_LENGTH);
     tree->rtt_maxbits = maxbits;
     tree->rtt_strict = 1;
     tree->rtt_alloc = allocFn ? allocFn : zelRadixMalloc;
     tree->rtt_free = freeFn ? freeFn : zelRadixFree;
     tree->rtt_deleted = deletedFn;
+    tree->rtt_version = 1;
+    tree->rtt_fresh = 1;
     zelDLLInit(&tree->rtt_changes);
     tree->rtt_magic = ZEL_RADIX_MAGIC;
-    return tree;
+    return 0;
+}
+
+void zelRadixUninit(zelRadix *tree) {
+    if (!isTree(tree)) return;
+    tree->rtt_magic = 0;
+    dropIndex(tree);
+    releaseSlabs(tree, 0);
+    if (tree->rtt_slabs) tree->rtt_free(tree->rtt_slabs);
 }
 
 zelRadixEntry *zelRadixInsert(zelRadix *tree, zelRadixEntry *entry, uint32_t bitlen) {
     if (!isTree(tree) || !isGiven(tree, entry, "rth")) return nullptr;
-    if (!zel::asserted(entry->rth_addr, "rth->rth_addr", source)) return nullptr;
+    if (!zel::asserted(entry->rth_addr, "rth->rth_addr", radixSource)) return nullptr;
     ++tree->rtt_inserts;
     if (isTooLong(tree, bitlen)) return nullptr;
-    if (tree->rtt_strict) {
+    zelRadixEntry *stands = place(tree, entry, bitlen);
+    if (stands == entry) {
+        noteChange(tree, entry);
+        indexWhenLarge(tree);
+    } else if (tree->rtt_strict) {
         entry->rtn = nullptr;
-        entry->rth_link = nullptr;
+        entry->rth_change = {};
     }
-    entry->rth_key = entry->rth_addr;
-    if (!tree->rtt_root) return addRoot(tree, entry, bitlen);
-
-    zelRadixNode *node = comparand(tree->rtt_root, entry->rth_key, bitlen);
-    const uint8_t *met = keyOf(node);
-    const uint32_t fork = firstDifference(met, entry->rth_key, node->rtn_bit < bitlen ? node->rtn_bit : bitlen);
-    while (node->rtn_parent && node->rtn_parent->rtn_bit >= fork) node = node->rtn_parent;
-    if (node->rtn_bit == fork)
-        return fork == bitlen ? takeNode(tree, node, entry) : addBelow(tree, node, entry, bitlen);
-    if (fork == bitlen) return addAbove(tree, node, met, entry, bitlen);
-    return addFork(tree, node, fork, entry, bitlen);
+    return stands;
 }
 
 void zelRadixRemove(zelRadix *tree, zelRadixEntry *entry) {
     if (!isTree(tree) || !isGiven(tree, entry, "rth")) return;
     zelRadixNode *node = entry->rtn;
     if (!isGiven(tree, node, "rtn") || node->rtn_entry != entry) return;
-    if (tree->rtt_versioning) {
-        node->rtn_flags |= ZEL_RADIX_DELETED;
-        return;
-    }
-    entry->rtn = nullptr;
-    entry->rth_key = nullptr;
-    node->rtn_entry = nullptr;
-    node->rtn_flags &= static_cast<uint8_t>(~ZEL_RADIX_DELETED);
-    collapse(tree, node);
+    if (!tree->rtt_versioning) return takeOut(tree, entry);
+    if (isMarked(node)) return;
+    node->rtn_flags |= ZEL_RADIX_DELETED;
+    noteChange(tree, entry);
 }
 
 zelRadixEntry *zelRadixGetExact(zelRadix *tree, const void *key, uint32_t bitlen) {
-    if (!isTree(tree) || isTooLong(tree, bitlen)) return nullptr;
+    if (!isProbe(tree, key, bitlen)) return nullptr;
     const auto *bytes = static_cast<const uint8_t *>(key);
-    zelRadixNode *node = tree->rtt_root;
-    while (node && node->rtn_bit < bitlen) node = childToward(node, bytes);
+    uint32_t number = isIndexed(tree, bitlen) ? tree->rtt_index[slotOf(bytes, tree->rtt_index_bits)] : tree->rtt_root;
+    while (number && at(tree, number)->rtn_bit < bitlen) number = childToward(at(tree, number), bytes);
+    const zelRadixNode *node = zelRadixNodeAt(tree, number);
     if (!node || node->rtn_bit != bitlen || !isLive(node)) return nullptr;
     return agree(keyOf(node), bytes, bitlen) ? node->rtn_entry : nullptr;
 }
 
 zelRadixEntry *zelRadixGetBest(zelRadix *tree, const void *key, uint32_t bitlen) {
-    if (!isTree(tree) || isTooLong(tree, bitlen) || !tree->rtt_root) return nullptr;
-    const auto *bytes = static_cast<const uint8_t *>(key);
-    zelRadixNode *node = tree->rtt_root;
-    while (node->rtn_bit < bitlen) {
-        zelRadixNode *next = childToward(node, bytes);
-        if (!next) break;
-        node = next;
-    }
-    for (; node; node = node->rtn_parent)
-        if (node->rtn_entry && node->rtn_bit <= bitlen && agree(keyOf(node), bytes, node->rtn_bit))
-            return isMarked(node) ? nullptr : node->rtn_entry;
-    return nullptr;
+    if (!isProbe(tree, key, bitlen)) return nullptr;
+    return entryUnlessMarked(bestNode(tree, static_cast<const uint8_t *>(key), bitlen));
+}
+
+zelRadixEntry *zelRadixGetNextBest(zelRadix *tree, zelRadixEntry *entry) {
+    if (!isTree(tree) || !isGiven(tree, entry, "rth") || !isGiven(tree, entry->rtn, "rtn")) return nullptr;
+    return entryUnlessMarked(zelRadixNodeAt(tree, numberAbove(tree, entry->rtn)));
+}
+
+zelRadixEntry *zelRadixGetBestAndPrev(zelRadix *tree, const void *key, uint32_t bitlen, zelRadixEntry **prev) {
+    zelRadixEntry *best = zelRadixGetBest(tree, key, bitlen);
+    if (prev) *prev = best ? zelRadixGetNextBest(tree, best) : nullptr;
+    return best;
 }
 
 zelRadixEntry *zelRadixGetLessSpecific(zelRadix *tree, zelRadixEntry *entryHead, zelRadixNode *node) {
@@ -312,56 +347,19 @@ zelRadixEntry *zelRadixGetLessSpecific(zelRadix *tree, zelRadixEntry *entryHead,
         if (!isGiven(tree, entryHead, "rth")) return nullptr;
         node = entryHead->rtn;
     }
-    return isGiven(tree, node, "rtn") ? entryAbove(node) : nullptr;
+    if (!isGiven(tree, node, "rtn")) return nullptr;
+    const uint32_t number = numberAbove(tree, node);
+    return number ? at(tree, number)->rtn_entry : nullptr;
 }
 
 zelRadixEntry *zelRadixGetParent(zelRadix *tree, zelRadixEntry *entry) {
     return zelRadixGetLessSpecific(tree, entry, nullptr);
 }
 
-zelRadixEntry *zelRadixGetNext(zelRadix *tree, zelRadixEntry *entry) {
-    if (!isTree(tree)) return nullptr;
-    if (!entry) return firstLiveFrom(tree->rtt_root);
-    return isGiven(tree, entry->rtn, "rtn") ? firstLiveFrom(nextNode(entry->rtn)) : nullptr;
-}
-
-void zelRadixWalk(zelRadix *tree, int (*visit)(zelRadixEntry *entry, void *context), void *context) {
-    if (!isTree(tree)) return;
-    zelRadixEntry *entry = firstLiveFrom(tree->rtt_root);
-    while (entry) {
-        // Taken first: the visitor may remove `entry`, and only nodes without an entry go with it.
-        zelRadixEntry *next = firstLiveFrom(nextNode(entry->rtn));
-        if (visit(entry, context) != 0) return;
-        entry = next;
-    }
-}
-
-int zelRadixNodeIsLeaf(zelRadix *tree, zelRadixNode *node) {
-    if (!isTree(tree) || !isGiven(tree, node, "rtn")) return 0;
-    return !anyChild(node);
-}
-
-void zelRadixDestroy(zelRadix *tree) {
-    if (!isTree(tree)) return;
-    zelRadixNode *node = tree->rtt_root;
-    while (node) {
-        if (zelRadixNode *child = anyChild(node)) {
-            node = child;
-            continue;
-        }
-        zelRadixNode *parent = node->rtn_parent;
-        if (parent) (parent->rtn_left == node ? parent->rtn_left : parent->rtn_right) = nullptr;
-        dropNode(tree, node);
-        node = parent;
-    }
-    tree->rtt_magic = 0;
-    zelMC_free(source, __LINE__, tree);
-}
-
 void *zelRadixMalloc(size_t bytes) {
-    return zelMC_malloc(source, __LINE__, bytes);
+    return zelMC_malloc(radixSource, __LINE__, bytes);
 }
 
 void zelRadixFree(void *node) {
-    zelMC_free(source, __LINE__, node);
+    zelMC_free(radixSource, __LINE__, node);
 }

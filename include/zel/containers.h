@@ -185,85 +185,176 @@ int listFindLong(zelListNode *list, int32_t value, int length);
  * caller's record that begins with a zelRadixEntry; the tree reads its key in place, so the key bytes stay unchanged
  * and alive while the entry is in the tree. A key of n bits is read no further than its (n + 7) / 8 bytes.
  *
- * An entry marked deleted (rtn_flags of its node has ZEL_RADIX_DELETED) stays in its node until another insert of the
- * same prefix hands it to the deleted-entry callback. Removal marks only while rtt_versioning is non-zero.
+ * Nodes refer to each other by number: they are half as large as with pointers. A node stays where it is while it is in
+ * the tree. They come from the tree's allocator in blocks of ZEL_RADIX_SLAB and are reused; blocks go back when the
+ * tree is empty again (but for one) or destroyed. All memory of a tree but its header comes from its allocator.
+ *
+ * Versions, while rtt_versioning is non-zero: every change carries the number of the open version, rtt_version. Removal
+ * only marks the entry deleted (ZEL_RADIX_DELETED in its node) and it hides the shorter prefixes; it leaves the tree,
+ * and is handed to the deleted-entry callback, when its version is closed and every walk of the change list has passed
+ * it, or earlier, when its prefix is inserted again. That callback and the callbacks of walks change the tree only
+ * where it is said that they may.
  */
 
 #define ZEL_RADIX_MAGIC 0xdeadbeefu
 #define ZEL_RADIX_NAME_LENGTH 50
 #define ZEL_RADIX_DELETED 2
+#define ZEL_RADIX_SLAB 128
 
 typedef struct zelRadix zelRadix;
 typedef struct zelRadixNode zelRadixNode;
+typedef struct zelRadicalWalk zelRadicalWalk;
+
+/* A place in the list of changes: an entry's, or a walk's. */
+typedef struct {
+    zelDLLNode link; /* both null while it is not in the list */
+    uint32_t version;
+    uint32_t isWalk;
+} zelRadixChange;
 
 /* Stands first in the caller's record. The caller sets rth_addr before inserting; the rest belongs to the tree. */
 typedef struct zelRadixEntry {
-    zelRadixNode *rtn;       /* its node, null while it is in no tree */
-    const uint8_t *rth_addr; /* the key */
-    struct zelRadixEntry *rth_link;
-    uint32_t rth_version;
-    uint32_t rth_flags;
-    const uint8_t *rth_key; /* the key as comparisons read it */
+    zelRadixNode *rtn;         /* its node, null while it is in no tree */
+    const uint8_t *rth_addr;   /* the key */
+    zelRadixChange rth_change; /* the version of its last change, 0 without versions */
+    const uint8_t *rth_key;    /* the key as comparisons read it */
 } zelRadixEntry;
 
+/* The links are node numbers, 0 for none; zelRadixNodeAt gives the node. */
 struct zelRadixNode {
-    zelRadixNode *rtn_left;   /* next key bit 0 */
-    zelRadixNode *rtn_right;  /* next key bit 1 */
-    zelRadixNode *rtn_parent; /* null at the root */
+    uint32_t rtn_left;        /* next key bit 0 */
+    uint32_t rtn_right;       /* next key bit 1 */
+    uint32_t rtn_parent;      /* 0 at the root */
     uint16_t rtn_bit;         /* length of the node's prefix, and index of the key bit it tests */
     uint8_t rtn_mask;         /* 0x80 >> (rtn_bit % 8) */
-    uint8_t rtn_flags;
-    uint32_t rtn_walk[2];
+    uint8_t rtn_flags;        /* ZEL_RADIX_DELETED */
     zelRadixEntry *rtn_entry; /* null in a node that only forks; such a node has both children */
 };
 
 typedef void (*zelRadixDeletedFn)(zelRadixEntry *entry);
+/* What a walk calls for an entry; non-zero ends the walk. */
+typedef int (*zelRadixVisitFn)(zelRadixEntry *entry, void *context);
+/* How an entry is printed; the text is used before the next call. */
+typedef const char *(*zelRadixTextFn)(zelRadixEntry *entry);
 
 /* Callers may read everything and set rtt_strict and rtt_versioning. */
 struct zelRadix {
     uint32_t rtt_magic;
     char rtt_name[ZEL_RADIX_NAME_LENGTH + 1];
-    zelRadixNode *rtt_root;
+    uint32_t rtt_root;     /* number of the root, 0 when empty */
     uint32_t rtt_inserts;  /* insert calls */
     uint32_t rtt_nodes;    /* nodes now in the tree */
     uint32_t rtt_released; /* entries handed to the deleted-entry callback */
     uint16_t rtt_maxbits;
-    uint8_t rtt_strict; /* 1 from creation: keys longer than rtt_maxbits are refused, and a new entry's links cleared */
+    uint8_t
+        rtt_strict; /* 1 from creation: keys longer than rtt_maxbits are refused, and a refused entry's links cleared */
+    uint8_t rtt_index_bits;   /* key bits of the side index */
+    uint8_t rtt_index_chosen; /* the creator decided about the side index */
+    uint8_t rtt_newest_lost;  /* rtt_newest is not complete */
     zelAllocFn rtt_alloc;
     zelFreeFn rtt_free;
     zelRadixDeletedFn rtt_deleted;
     uint32_t rtt_versioning;
-    zelDLL rtt_changes;
+    uint32_t rtt_version; /* the open version, 1 at first */
+    zelDLL rtt_changes;   /* entries by their last change, oldest first, and the walks where they have come to */
+
+    zelRadixNode **rtt_slabs; /* blocks of nodes, by number / ZEL_RADIX_SLAB */
+    uint32_t **rtt_newest;    /* likewise, the newest version at or below each node; null: none */
+    uint32_t rtt_slab_count;
+    uint32_t rtt_slab_room;
+    uint32_t rtt_fresh;  /* the first number never used */
+    uint32_t rtt_spare;  /* the first unused node, linked through rtn_parent */
+    uint32_t *rtt_index; /* by the first rtt_index_bits bits of a key: where look-ups begin */
 };
+
+/* The node of a number, null for 0. */
+static inline zelRadixNode *zelRadixNodeAt(const zelRadix *tree, uint32_t number) {
+    return number ? &tree->rtt_slabs[number / ZEL_RADIX_SLAB][number % ZEL_RADIX_SLAB] : NULL;
+}
+
+/* ---- Life */
 
 /* Creates an empty tree for keys of up to `maxbits` bits. Nodes come from `allocFn` and return to `freeFn`; null takes
  * zelRadixMalloc and zelRadixFree. `deletedFn` may be null. The header comes from zelMC_calloc. Null: no memory, or no
  * name. */
 zelRadix *zelRadixCreate(const char *name, uint16_t maxbits, zelAllocFn allocFn, zelFreeFn freeFn,
                          zelRadixDeletedFn deletedFn);
+/* Releases the tree's memory; entries are not touched, so they may have been freed before. Walks of the change list are
+ * destructed first. */
+void zelRadixDestroy(zelRadix *tree);
+/* The same for a header that the caller provides, in shared memory for one, and keeps where it is. 0, or -1 without a
+ * name. */
+int zelRadixInit(zelRadix *tree, const char *name, uint16_t maxbits, zelAllocFn allocFn, zelFreeFn freeFn,
+                 zelRadixDeletedFn deletedFn);
+void zelRadixUninit(zelRadix *tree);
+/* Gives the tree a side index over the first `bits` key bits, 16 to 24: 4 << bits bytes from its allocator, by which
+ * look-ups of at least as many bits skip that part of the way. 0 does without. Where this was not called, a tree with
+ * the default allocator indexes 16 bits by itself once it is large. With 24 bits a look-up in a table of 32-bit keys
+ * takes two steps, and inserting or removing a short prefix writes 4 bytes for every 24-bit prefix below. 0, or -1: no
+ * memory, or other `bits`; then the tree is as before. */
+int zelRadixSetIndex(zelRadix *tree, uint32_t bits);
+
+/* ---- Change */
+
 /* Returns the entry now in the tree for this prefix: `entry`, or the live one that was there first, in which case
- * `entry` was not inserted. Null: no memory, or the key is too long. */
+ * `entry` was not inserted. Null: no memory, or the key is too long. An entry marked deleted that was there is handed
+ * to the deleted-entry callback, which leaves the tree alone. */
 zelRadixEntry *zelRadixInsert(zelRadix *tree, zelRadixEntry *entry, uint32_t bitlen);
 /* Takes the entry out, or marks it deleted while rtt_versioning is set. An entry of no tree is left alone. */
 void zelRadixRemove(zelRadix *tree, zelRadixEntry *entry);
+
+/* ---- Look up. A null key is a miss. */
+
 /* The live entry of exactly this prefix, or null. */
 zelRadixEntry *zelRadixGetExact(zelRadix *tree, const void *key, uint32_t bitlen);
 /* The longest stored prefix that covers the key's first `bitlen` bits, or null; also null when that one is marked
  * deleted, though shorter ones may cover the key. */
 zelRadixEntry *zelRadixGetBest(zelRadix *tree, const void *key, uint32_t bitlen);
+/* What best match would answer if `entry` were not there; may be asked again with the answer. */
+zelRadixEntry *zelRadixGetNextBest(zelRadix *tree, zelRadixEntry *entry);
+/* The best match, and in `*prev` the next best; both null when there is none. */
+zelRadixEntry *zelRadixGetBestAndPrev(zelRadix *tree, const void *key, uint32_t bitlen, zelRadixEntry **prev);
 /* The entry, live or marked, of the nearest ancestor of `node` that has one: the next shorter covering prefix. A null
  * `node` means the node of `entryHead`. */
 zelRadixEntry *zelRadixGetLessSpecific(zelRadix *tree, zelRadixEntry *entryHead, zelRadixNode *node);
 zelRadixEntry *zelRadixGetParent(zelRadix *tree, zelRadixEntry *entry);
-/* The live entry behind `entry` in the order of keys, a prefix before the longer ones it covers; null starts at the
- * first. Null at the end. */
+
+/* ---- Iterate, in the order of keys, a prefix before the longer ones it covers */
+
+/* The live entry behind `entry`; null starts at the first. Null at the end. */
 zelRadixEntry *zelRadixGetNext(zelRadix *tree, zelRadixEntry *entry);
-/* Visits the live entries in that order until `visit` returns non-zero. `visit` may remove the entry it is given. */
-void zelRadixWalk(zelRadix *tree, int (*visit)(zelRadixEntry *entry, void *context), void *context);
+/* Visits the live entries. `visit` may remove the entry it is given. */
+void zelRadixWalk(zelRadix *tree, zelRadixVisitFn visit, void *context);
+/* The top of the sub-tree that holds all entries of this prefix and longer ones it covers; null when there are none. */
+zelRadixNode *_zelRadixGetSubTree(zelRadix *tree, const void *key, uint32_t bitlen);
+/* Visits the live entries at and below `node`. `visit` may remove the entry it is given. */
+void zelRadixWalkSubTree(zelRadix *tree, zelRadixNode *node, zelRadixVisitFn visit, void *context);
 /* 1 when the node has no children. */
 int zelRadixNodeIsLeaf(zelRadix *tree, zelRadixNode *node);
-/* Releases nodes and header; entries are not touched, so they may have been freed before. */
-void zelRadixDestroy(zelRadix *tree);
+
+/* ---- Versions */
+
+/* Visits the entries, live and marked, that changed after the version `since`, and passes over unchanged sub-trees. Of
+ * two versions the one less than 2^31 ahead is the later. `visit` may remove the entry it is given. */
+void zelRadixVersionWalk(zelRadix *tree, uint32_t since, zelRadixVisitFn visit, void *context);
+/* Gives an entry of the tree a version of the caller's choice, for the walk above. */
+void zelRadixSetVersion(zelRadix *tree, zelRadixEntry *entry, uint32_t version);
+/* Notes that an entry of the tree changed in the open version. Insertion and removal do so themselves. */
+void zelRadicalAppendToChangeList(zelRadix *tree, zelRadixEntry *entry);
+/* Closes the open version, and lets go of marked entries that every walk has passed. The new open version. */
+uint32_t zelRadicalNextVersion(zelRadix *tree);
+/* A walk that sees the changes from now on. Null: no memory. It holds back marked entries until it has passed them. */
+zelRadicalWalk *zelRadicalWalkConstructor(zelRadix *tree);
+void zelRadicalWalkDestructor(zelRadicalWalk *walk);
+/* Goes on through the changes of closed versions, each entry as it now is and once for all its changes so far; visits
+ * at most `max` entries (0: no limit). `visit` may change the tree. How many were visited. */
+uint32_t zelRadicalWalkChangeList(zelRadicalWalk *walk, zelRadixVisitFn visit, void *context, uint32_t max);
+
+/* ---- Print to standard output: the header, then the entries, indented below the prefixes that cover them, as `text`
+ * gives them or, when that is null, the key in hexadecimal; marked ones with "deleted" behind */
+void zelRadixPrint(zelRadix *tree, zelRadixTextFn text);
+/* At most `max` entries, and how many more there are. */
+void zelRadixMaxPrint(zelRadix *tree, zelRadixTextFn text, uint32_t max);
 
 /* The default node allocation, on the checking allocator. */
 void *zelRadixMalloc(size_t bytes);
