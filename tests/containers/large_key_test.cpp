@@ -1,6 +1,7 @@
 // The table of large keys against a std::map, and what it prints.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <map>
 #include <memory>
@@ -23,6 +24,13 @@ protected:
         intptr_t data;
     };
     using Words = std::vector<uint32_t>;
+    // The vector's own order is wrong on big-endian hosts with some versions of the C++ library.
+    struct InOrder {
+        bool operator()(const Words &a, const Words &b) const {
+            const auto [x, y] = std::mismatch(a.begin(), a.end(), b.begin());
+            return x != a.end() && *x < *y;
+        }
+    };
 
     LargeKey() { EXPECT_EQ(zelLargeKeyDataCreate(&head, GetParam(), slots, nullptr, nullptr), 0); }
     ~LargeKey() override {
@@ -105,7 +113,7 @@ protected:
 
     Random random = seeded();
     zelLargeKeyHead head;
-    std::map<Words, Entry> model;
+    std::map<Words, Entry, InOrder> model;
 };
 
 TEST_P(LargeKey, agreesWithAMap) {
