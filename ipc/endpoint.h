@@ -52,6 +52,8 @@ platform::ProcessId ownerOf(const zelIpcEndpoint &record);
 bool belongsTo(const zelIpcEndpoint *record, std::uint32_t taskId);
 // Records this process as the owner's, and the endpoint as claimed.
 void setProcess(zelIpcEndpoint &record);
+// The address that sliding-window queues of this sender name as their source: the secondary one where it is asked for.
+std::uint32_t sourceAddressOf(int service, int instance);
 // Makes the calling task the owner of the record.
 void claim(zelIpcEndpoint &record, int service, int instance);
 void setName(zelIpcEndpoint &record, const char *name);

@@ -180,7 +180,7 @@ void recordOwner(Endpoint &endpoint) {
                            zelTaskGetServiceName(endpoint.service), static_cast<int>(thisTaskId()), selfName());
         claim(*record, endpoint.service, endpoint.instance);
         endpoint.row = services[static_cast<std::size_t>(endpoint.service)];
-        clearBits(record->flags, ZEL_IPC_FLAG_CLEARED_ON_OPEN);
+        clearBits(record->flags, ZEL_IPC_FLAG_SECONDARY);
     }
     mirrorOpenState(record, endpoint.openMask.load(std::memory_order_acquire));
 }
@@ -198,6 +198,14 @@ bool closeExchange(Endpoint &endpoint) {
 }
 
 }  // namespace
+
+std::uint32_t sourceAddressOf(int service, int instance) {
+    const zelIpcEndpoint *record = sharedRecord(service, instance);
+    const bool asksForSecondary = record && (loadWord(record->flags) & ZEL_IPC_FLAG_SECONDARY) != 0;
+    const std::uint32_t secondary = asksForSecondary ? secondaryAddress.load() : ZEL_IPC_NO_ADDRESS;
+    return secondary != ZEL_IPC_NO_ADDRESS ? secondary : zel_sysGetIpAddr();
+}
+
 }  // namespace zel::ipc
 
 using namespace zel::ipc;
@@ -207,6 +215,16 @@ int zelIpcSetSecondaryAddress(const char *text) {
     in_addr address{};
     const bool isAddress = text && inet_aton(text, &address) != 0;
     secondaryAddress.store(isAddress ? ntohl(address.s_addr) : ZEL_IPC_NO_ADDRESS);
+    return ZEL_OK;
+}
+
+int zelIpcUseSecondaryAddress(uint32_t key, int isUsed) {
+    zelIpcEndpoint *record = isValidKey(key) ? sharedRecord(key) : nullptr;
+    if (!record) return fail(EINVAL);
+    if (isUsed)
+        setBits(record->flags, ZEL_IPC_FLAG_SECONDARY);
+    else
+        clearBits(record->flags, ZEL_IPC_FLAG_SECONDARY);
     return ZEL_OK;
 }
 

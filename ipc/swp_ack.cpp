@@ -53,7 +53,7 @@ void answerHeader(const std::uint8_t *asked, std::uint8_t *answer, Sequence expe
 }
 
 int answerOnIcl(const void *message, const zelSwpSeq &expected, int result) {
-    // The longest header the link's own length can describe.
+    // More than a link's header takes.
     static constexpr std::size_t maxLinkHeader = iclFixedLength + 512;
     std::uint8_t answer[maxLinkHeader + SwpHeader::size] = {};
     const std::size_t offset = iclFixedLength + IclLength::get(message);

@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "ipc/swp_ack.h"
+#include "ipc/swp_send.h"
 #include "ipc/swp_table.h"
 
 namespace zel::ipc::swp {
@@ -156,4 +157,5 @@ void zelSwpPrintAllq(void) {
     printf("creations refused for want of a queue: %u; seen here: duplicates %llu, gaps %llu\n",
            table->failedCreations.load(), static_cast<unsigned long long>(duplicateCount()),
            static_cast<unsigned long long>(gapCount()));
+    printf("inter-chassis link of this process: %s, interface %u\n", icl_isLinkUp() ? "up" : "down", iclInterface());
 }

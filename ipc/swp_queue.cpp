@@ -15,6 +15,7 @@
 #include <cstring>
 #include <new>
 
+#include "ipc/endpoint.h"
 #include "ipc/swp_send.h"
 #include "platform/seam.h"
 
@@ -60,6 +61,7 @@ std::uint32_t firstFree(SharedTable &table) {
 }
 
 std::uint32_t reserve(SharedTable &table) {
+    const kernel::Uninterrupted uninterrupted;
     if (ZEL_ShmWriteLock(tableLock) != 0) return 0;
     const std::uint32_t queue = firstFree(table);
     if (queue != 0) {
@@ -84,6 +86,7 @@ public:
 
     std::uint32_t queue() const { return queue_; }
     void publish() {
+        const kernel::Uninterrupted uninterrupted;
         const bool isLocked = ZEL_ShmWriteLock(tableLock) == 0;
         state().store(blockInUse, std::memory_order_release);
         isPublished_ = true;
@@ -122,7 +125,7 @@ bool address(SharedQueue &shared, const Creation &wanted) {
     const auto orElse = [](std::uint32_t given, const Creation::Name &end, int type) {
         return given != 0 ? given : zel_getQueueId(end.service, end.instance, type);
     };
-    shared.sender.address = zel_sysGetIpAddr();
+    shared.sender.address = sourceAddressOf(wanted.sender.service, wanted.sender.instance);
     shared.sender.requestQueue = orElse(wanted.sender.requestQueue, wanted.sender, ZEL_IPC_QUEUE_REQUEST);
     shared.sender.timerQueue = orElse(wanted.sender.timerQueue, wanted.sender, ZEL_IPC_QUEUE_TIMER);
     shared.receiver.requestQueue = orElse(wanted.receiver.requestQueue, wanted.receiver, ZEL_IPC_QUEUE_REQUEST);
@@ -326,6 +329,47 @@ std::uint32_t capacityOf(std::uint32_t queue) {
     return held ? held.shared().capacity : 0;
 }
 
+// Runs `action` on the held queue with a ring as large as its own, which is made before the lock is taken; what the
+// action leaves in `discarded` is released after it. Fails when there is no memory or no such queue, or no longer.
+template <typename Action>
+int withSpareRing(std::uint32_t queue, Action action) {
+    const std::uint32_t capacity = capacityOf(queue);
+    if (capacity == 0) return ZEL_SWP_FAILURE;
+    auto *slots = static_cast<Slot *>(zelMC_calloc(sourceTag, __LINE__, capacity, sizeof(Slot)));
+    if (slots == nullptr) return ZEL_SWP_FAILURE;
+    Discarded discarded;
+    discarded.take(queue, slots, capacity, 0, 0);
+    int result = ZEL_SWP_FAILURE;
+    if (HeldQueue held(queue); held && held.shared().capacity == capacity) {
+        action(held, slots, discarded);
+        result = ZEL_SWP_SUCCESS;
+    }
+    discarded.release();
+    return result;
+}
+
+// Takes the waiting messages that are to be dropped into `dropped`, and returns how many; the others move up.
+std::uint32_t takeWaiting(HeldQueue &queue, IsDropped isDropped, std::uint32_t group, Slot *dropped) {
+    Window &window = queue.window();
+    std::uint32_t count = 0;
+    Sequence kept = window.sent;
+    for (Sequence sequence = window.sent; sequence < window.next; ++sequence) {
+        const Slot slot = queue.slotOf(sequence);
+        if (isDropped(slot.message, slot.length, group)) {
+            dropped[count++] = slot;
+            queue.counters().memory -= slot.length;
+            continue;
+        }
+        queue.slotOf(kept) = slot;
+        stamp(queue, kept++);
+    }
+    window.next = kept;
+    for (Sequence sequence = window.sent > queue.shared().head ? window.sent - 1 : window.sent; sequence < kept;
+         ++sequence)
+        setLink(queue, sequence, sequence + 1 < kept);
+    return count;
+}
+
 }  // namespace
 
 int create(const Creation &wanted) {
@@ -340,36 +384,11 @@ int create(const Creation &wanted) {
     return ZEL_SWP_SUCCESS;
 }
 
-int dropUnsent(std::uint32_t queue, bool (*isDropped)(const void *message, std::uint32_t group), std::uint32_t group) {
-    const std::uint32_t capacity = capacityOf(queue);
-    if (capacity == 0) return ZEL_SWP_FAILURE;
-    auto *dropped = static_cast<Slot *>(zelMC_calloc(sourceTag, __LINE__, capacity, sizeof(Slot)));
-    if (dropped == nullptr) return ZEL_SWP_FAILURE;
-    Discarded discarded;
-    if (HeldQueue held(queue); held) {
-        Window &window = held.window();
-        std::uint32_t count = 0;
-        Sequence kept = window.sent;
-        for (Sequence sequence = window.sent; sequence < window.next; ++sequence) {
-            const Slot slot = held.slotOf(sequence);
-            if (isDropped(slot.message, group)) {
-                dropped[count++] = slot;
-                held.counters().memory -= slot.length;
-                continue;
-            }
-            held.slotOf(kept) = slot;
-            stamp(held, kept++);
-        }
-        window.next = kept;
-        for (Sequence sequence = window.sent > held.shared().head ? window.sent - 1 : window.sent; sequence < kept;
-             ++sequence)
-            setLink(held, sequence, sequence + 1 < kept);
-        discarded.take(queue, dropped, capacity, 0, count);
-    } else {
-        discarded.take(queue, dropped, capacity, 0, 0);
-    }
-    discarded.release();
-    return ZEL_SWP_SUCCESS;
+int dropUnsent(std::uint32_t queue, IsDropped isDropped, std::uint32_t group) {
+    return withSpareRing(queue, [&](HeldQueue &held, Slot *dropped, Discarded &discarded) {
+        const std::uint32_t count = takeWaiting(held, isDropped, group, dropped);
+        discarded.take(queue, dropped, held.shared().capacity, 0, count);
+    });
 }
 
 }  // namespace zel::ipc::swp
@@ -433,6 +452,7 @@ int zelMwpIclQueueCreate(int senderService, int senderInstance, int receiverServ
 }
 
 int zelSwpEnqueue(uint32_t queue, void *message, int length) {
+    zel::kernel::cancellationPoint();
     if (message == nullptr || length < 0) return ZEL_SWP_FAILURE;
     Notice notice;
     int result = ZEL_SWP_FAILURE;
@@ -452,20 +472,11 @@ int zelSwpDequeue(uint32_t queue, void **message) {
 }
 
 int zelSwpQueueFlush(uint32_t queue) {
-    const uint32_t capacity = capacityOf(queue);
-    if (capacity == 0) return ZEL_SWP_FAILURE;
-    auto *slots = static_cast<Slot *>(zelMC_calloc(sourceTag, __LINE__, capacity, sizeof(Slot)));
-    if (slots == nullptr) return ZEL_SWP_FAILURE;
-    Discarded discarded;
-    if (HeldQueue held(queue); held) {
+    return withSpareRing(queue, [](HeldQueue &held, Slot *slots, Discarded &discarded) {
         empty(held, slots, discarded);
         held.shared().stream = newStream(*sharedTable());
         held.shared().budget = held.shared().budgetInitial;
-    } else {
-        discarded.take(queue, slots, capacity, 0, 0);
-    }
-    discarded.release();
-    return ZEL_SWP_SUCCESS;
+    });
 }
 
 int zelSwpQueueRemove(uint32_t queue) {

@@ -29,8 +29,9 @@ struct Creation {
 };
 int create(const Creation &wanted);
 
-// Drops the messages that never left and that `isDropped` names; those behind them move up and are numbered anew, so
-// that the receiver sees no gap. The dropped ones go to the queue's free hook.
-int dropUnsent(std::uint32_t queue, bool (*isDropped)(const void *message, std::uint32_t group), std::uint32_t group);
+// Drops the messages that never left and that `isDropped` names for `group`; those behind them move up and are numbered
+// anew, so that the receiver sees no gap. The dropped ones go to the queue's free hook.
+using IsDropped = bool (*)(const void *message, std::uint32_t length, std::uint32_t group);
+int dropUnsent(std::uint32_t queue, IsDropped isDropped, std::uint32_t group);
 
 }  // namespace zel::ipc::swp

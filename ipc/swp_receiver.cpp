@@ -10,6 +10,7 @@
 // Acknowledgements may be held back: with an interval of n, the answer to an in-order message waits while fewer than n
 // are unanswered and another datagram is in the socket, or on its way as the message says. Whoever would find the
 // socket empty sends what is held, so a sender with a full window does not wait for an answer that nobody thinks of.
+#include <algorithm>
 #include <cstring>
 
 #include "ipc/swp_ack.h"
@@ -214,7 +215,7 @@ uint32_t powerOfTwoFrom(uint32_t value) {
 }  // namespace
 
 zelSwpReceiver *zelSwpReceiverCreate(uint32_t key, uint32_t maxSources, uint32_t ackInterval) {
-    const uint32_t capacity = maxSources != 0 && maxSources <= mostSources ? maxSources : defaultSources;
+    const uint32_t capacity = maxSources == 0 ? defaultSources : std::min(maxSources, mostSources);
     const uint32_t buckets = powerOfTwoFrom(capacity);
     auto *receiver = static_cast<zelSwpReceiver *>(zelMC_calloc(tag, __LINE__, 1, sizeof(zelSwpReceiver)));
     if (receiver == nullptr) return nullptr;

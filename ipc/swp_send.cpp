@@ -105,8 +105,7 @@ int resendHead(HeldQueue &queue) {
     if (transmit(queue, head, head + 1) == 0) return ZEL_SWP_SEND_FAILED;
     ++queue.counters().retransmitted;
     ++queue.counters().passes;
-    restartTimer(queue);
-    return ZEL_SWP_SUCCESS;
+    return restartTimer(queue) ? ZEL_SWP_SUCCESS : ZEL_SWP_SEND_FAILED;
 }
 
 int resendAll(HeldQueue &queue, Notice &notice) {
@@ -212,11 +211,15 @@ void onTimer(zelIntervalTimerId timer, intptr_t number) {
     notice.deliver();
 }
 
+std::uint32_t iclInterface() {
+    return iclIfIndex.load();
+}
+
 bool sendOnIcl(const void *message, std::size_t length) {
     if (!icl_isLinkUp()) return false;
     ssize_t sent;
     do {
-        sent = send(iclSocket.load(), message, length, MSG_NOSIGNAL);
+        sent = send(iclSocket.load(), message, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     } while (sent < 0 && errno == EINTR);
     return sent == static_cast<ssize_t>(length);
 }

@@ -31,5 +31,6 @@ void onTimer(zelIntervalTimerId timer, intptr_t queue);
 
 // Sends on the inter-chassis link; false while it is down or when the send fails.
 bool sendOnIcl(const void *message, std::size_t length);
+std::uint32_t iclInterface();
 
 }  // namespace zel::ipc::swp

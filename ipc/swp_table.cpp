@@ -20,7 +20,7 @@ bool isInUse(const SharedQueue &shared) {
 }
 
 bool isOurs(const SharedQueue &shared) {
-    return shared.owner.pid == platform::thisProcess().pid;
+    return shared.owner == platform::thisProcess();
 }
 
 }  // namespace
@@ -85,7 +85,7 @@ Slot &HeldQueue::slotOf(Sequence sequence) const {
 }
 
 void reportSystemError(Event event, const char *text, std::uint32_t queue) {
-    zelSysErr(0, 0, event, 1, static_cast<intptr_t>(queue));
+    zelSysErr(0, 0, event, 1, static_cast<intptr_t>(queue), reinterpret_cast<intptr_t>(text));
     zelErrorPrintf(moduleIpc, "%s\r\n", text);
 }
 

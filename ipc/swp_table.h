@@ -14,7 +14,7 @@
 
 #include "base/lock.h"
 #include "ipc/swp_core.h"
-#include "kernel/task.h"
+#include "kernel/uninterrupted.h"
 #include "platform/process.h"
 #include "platform/segment.h"
 #include "zel/ipc.h"
@@ -112,7 +112,7 @@ std::uint32_t newStream(SharedTable &table);
 enum class Named { byCaller, byMessage };
 
 // A queue of this process with its lock held, or nothing: no such queue, or another process's. Only one may be held at
-// a time. A task that is suspended meanwhile stops when it lets go.
+// a time. A task that is suspended or deleted meanwhile stops when it lets go, so that no queue is left half changed.
 class HeldQueue {
 public:
     explicit HeldQueue(std::uint32_t queue, Named named = Named::byCaller);
@@ -129,7 +129,7 @@ public:
     Slot &slotOf(Sequence sequence) const;
 
 private:
-    kernel::KernelSection section_;
+    kernel::Uninterrupted uninterrupted_;
     std::optional<Lock> lock_;
     std::uint32_t number_;
     SharedQueue *shared_ = nullptr;
@@ -145,6 +145,8 @@ enum Event : std::uint32_t {
     eventNoRetransmissions = 0x8014,
     eventListMemory = 0x8015,
 };
+// Behind the one word that counts, the queue, a reporter of the host's own finds the text; it lasts as long as the
+// call.
 void reportSystemError(Event event, const char *text, std::uint32_t queue = 0);
 
 // What is said once the queue's lock is released: a system error, and a call of the user's routine.

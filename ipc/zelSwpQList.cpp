@@ -42,8 +42,9 @@ __attribute__((format(printf, 2, 3))) void complain(std::uint32_t moduleId, cons
     zelErrorPrintf(moduleId, "%s", text);
 }
 
-bool isOfGroup(const void *message, std::uint32_t group) {
-    return ListHeader::Group::get(message) == group;
+// Whoever asked for a queue's number may have enqueued shorter messages beside the list.
+bool isOfGroup(const void *message, std::uint32_t length, std::uint32_t group) {
+    return length >= ListHeader::end && ListHeader::Group::get(message) == group;
 }
 
 }  // namespace

@@ -110,6 +110,10 @@ int zelIpcOpenTmrQueue(uint32_t key);
 int zelIpcClose(uint32_t key);
 /* Sets this process's secondary address from dotted text; a null or bad text makes it invalid. Returns 0. */
 int zelIpcSetSecondaryAddress(const char *text);
+/* Whether the sliding-window queues that this endpoint creates from now on name the secondary address as their source
+ * while it is valid. Acknowledgements then go there, and the task reads them from a socket of its own: zel_ipcSOpen for
+ * the request queue's id with `secondary` 1. 0, or -1 with EINVAL. */
+int zelIpcUseSecondaryAddress(uint32_t key, int isUsed);
 /* Stores the calling task's key, -1 when it has none, and reports a service that differs from `service` unless that is
  * 0. Returns 0. */
 int getIpcKey(int service, int unused, int *key);
@@ -148,7 +152,7 @@ struct zelIpcEndpoint {
 #define ZEL_IPC_FLAG_NAMED 0x4u
 #define ZEL_IPC_FLAG_STARTED 0x8u
 #define ZEL_IPC_FLAG_LOCK5_HELD 0x20000u /* the spawner took shared lock 5 for this task */
-#define ZEL_IPC_FLAG_CLEARED_ON_OPEN 0x80000u
+#define ZEL_IPC_FLAG_SECONDARY 0x80000u  /* see zelIpcUseSecondaryAddress; a new owner starts without */
 
 /* A socket of protocol 17 (UDP) bound to `port` of this CPU's address, or of the secondary one when `secondary` is 1;
  * the caller closes it. -1 with errno as zelIpcOpen. */
@@ -393,7 +397,8 @@ int zelTmeNextEndpoint(uint32_t *cursor, zelTmeEndpoint *endpoint);
  * An acknowledgement names the last message received in order (all ones: none), and so acknowledges all before it.
  *
  * A queue belongs to the process that created it; others may look at it. Any task of that process may use it, and the
- * callback and hooks run with no lock held and may use it too. Calls do not block, except creation.
+ * callback and hooks run with no lock held and may use it too. Calls do not block, except creation; a deleted task
+ * leaves them before zelSwpEnqueue took the message, or when the call is done.
  */
 
 #define ZEL_SWP_MAX_QUEUES 900
@@ -514,8 +519,9 @@ int zelSwpDequeue(uint32_t queue, void **message);
 int zelSwpProcAck(const void *ack, int length, uint32_t *queue);
 /* Drops all messages, tells no callback, and begins a new stream at 0. 0 or 4. */
 int zelSwpQueueFlush(uint32_t queue);
-/* Resends the oldest message, or all in flight: 0; 4 without retransmissions left; 10 when sending failed, and then
- * the timer is stopped until the next message or acknowledgement. */
+/* Resends the oldest message (with `headOnly`, and while it is message 0), or all in flight: 0; 4 without
+ * retransmissions left; 10 when sending failed, and when it was all in flight, then the timer is stopped until the next
+ * message or acknowledgement. */
 int swpRetrans(uint32_t queue, int headOnly);
 /* Ends the queue with its timer and drops its messages. 0 or 4. */
 int zelSwpQueueRemove(uint32_t queue);
@@ -523,10 +529,12 @@ int zelSwpQueueRemove(uint32_t queue);
 /* ---- Receive, the plain parts ---- */
 
 /* Checks the sequence number of a message against the count, and advances it: 1, 2 or 4. Message 0 always restarts the
- * count. A length of -1: the sliding-window header stands at byte 26 (inter-chassis link). */
+ * count. A length of -1: the sliding-window header stands at byte 26, so a message of the inter-chassis link is named
+ * by its address + L. */
 int zelSwpCkSeqNo(const void *message, zelSwpSeq *expected, int length);
 /* Answers a message with the count after the check and its result (1, 2 or 4), from the endpoint `key` (ignored when
- * length is -1: over the link). 0; 11 when it could not be sent; 4 for bad arguments. */
+ * length is -1: over the link, `message` being the whole message, with up to 512 bytes of link header). 0; 11 when it
+ * could not be sent; 4 for bad arguments. */
 int zelSwpReceiverAck(uint32_t key, const void *message, int length, const zelSwpSeq *expected, int result);
 /* (high, low) + 1, and the order of two: 1 when b is greater than a, 2 when less, 0 when equal. */
 void swp64BitIncr(uint32_t *high, uint32_t *low);
@@ -592,7 +600,7 @@ const char *zelSwpGetErr(int code);
 
 void zelSwpSetIclLink(int isUp);
 void zelSwpSetIclifIndex(uint32_t ifIndex);
-/* The socket that messages over the link are sent on, one by one; it stays the caller's. */
+/* The socket that messages over the link are sent on, one by one and without waiting; it stays the caller's. */
 void zelSwpSetIclRawSocket(int fd);
 int icl_isLinkUp(void);
 
