@@ -112,6 +112,7 @@ bool isForCaller(Endpoint &endpoint, Queue &queue, const void *datagram, std::si
 
 int reportFailure(Queue &queue, int timeoutSec, bool hasWaitFailed) {
     if (errno == ETIMEDOUT) {
+        // Whoever only looks expects to find nothing.
         if (timeoutSec > 0) zelTracePrintf(traceModule, "GrtRecv: select timeout for %d sec", timeoutSec);
     } else {
         zelErrorPrintf(traceModule,

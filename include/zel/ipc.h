@@ -200,8 +200,10 @@ int zelIpcReply(uint32_t key, void *message, int length);
 
 /* Sends a request and waits for the response of the same type and transaction (byte 32), which overwrites `buffer`:
  * `sendLen` bytes go, up to `recvLen` come. `msgType` 0 keeps the type in the header; with transaction 0 as well the
- * first message is the response. Source address and queue are stamped. Tasks that share an endpoint take turns, without
- * limit of time. On -1 the buffer may hold a datagram that was dropped. Safe to delete: the turn is given back. */
+ * first message is the response. Source address and queue are stamped. Unread datagrams that fill more than half of the
+ * response queue are dropped first, so that they cannot push the response out. Tasks that share an endpoint take turns,
+ * without limit of time. On -1 the buffer may hold a datagram that was dropped. Safe to delete: the turn is given back.
+ */
 int zelIpcSendWait(uint32_t key, void *buffer, int sendLen, int recvLen, int timeoutSec, uint32_t msgType);
 /* The same from one buffer to another, with type and transaction given, made up to retries + 1 times within one turn
  * until it succeeds; each time waits `timeoutSec`. */

@@ -45,6 +45,26 @@ TEST(QueueId, FollowsServiceInstanceAndType) {
     EXPECT_EQ(zel_getQueueId(54, 2, 2), 0x1b0au) << "the relay itself talks to the folded services";
 }
 
+TEST(Key, IsTakenApartAndKnownToItsTask) {
+    EXPECT_EQ(zelIpcGetService(0x1260d), 0x24cu) << "not masked";
+    EXPECT_EQ(zelIpcGetServiceFromSvce(0x1260d), 76u);
+    EXPECT_EQ(zelIpcGetInstance(0x1260d), 3u);
+    int key = 0;
+    EXPECT_EQ(getSrvcId(), 255);
+    EXPECT_EQ(getIpcKey(76, 0, &key), 0);
+    EXPECT_EQ(key, -1);
+    ASSERT_NE(zelIpcOpen(76, 0), -1);
+    EXPECT_EQ(getIpcKey(77, 0, &key), 0) << "only reported";
+    EXPECT_EQ(key, static_cast<int>(rtm));
+    EXPECT_EQ(getSrvcId(), 76);
+    Bytes header = Message{.sourceQueue = rtm | 2}.bytes();
+    std::uint32_t slot = 1, queueId = 1;
+    EXPECT_EQ(zelIpcGetSourceHeader(header.data(), &slot, &queueId), 0);
+    EXPECT_EQ(queueId, rtm | 2);
+    header[3] ^= 1;
+    EXPECT_EQ(zelIpcGetSourceHeader(header.data(), &slot, &queueId), -1);
+}
+
 TEST(Endpoint, OpensOnceAndClosesOnce) {
     const int before = openDescriptors();
     ASSERT_EQ(zelIpcOpen(76, 0), static_cast<int>(rtm));

@@ -74,6 +74,8 @@ TEST_F(Exchange, SkipsAcknowledgementsJunkAndOtherAnswers) {
     };
     EXPECT_EQ(sendWait(4, 0), 100) << "cut to the buffer";
     EXPECT_EQ(zelIpcHdrGet32(request.data(), 32), 8u);
+    for (const Message &message : {other, response}) arrive(message.bytes());
+    EXPECT_EQ(zelIpcRecvOnRspQ(bgp, request.data(), 100, 0, 5, 7), 64) << "the receiving half";
 }
 
 TEST_F(Exchange, TimeOutsOfZeroBelowZeroAndNone) {

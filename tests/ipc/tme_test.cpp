@@ -126,6 +126,9 @@ TEST(ByKey, FindsTheOwner) {
     EXPECT_EQ(zelTaskIdSelf(rtm), 1);
     ASSERT_NE(zelTaskAlreadyExists(1), nullptr);
     EXPECT_EQ(zelTaskAlreadyExists(1)->service, 76u);
+    char name[4] = "abc";
+    EXPECT_STREQ(zelTaskGetName(99, name, 3), "Unknown");
+    EXPECT_STREQ(name, "Un");
     for (const std::uint32_t key : {12u << 7, 364u << 7}) {
         EXPECT_EQ(zelTaskGetServiceByKey(key), -1);
         EXPECT_EQ(zelTaskGetInstanceByKey(key), -1);
