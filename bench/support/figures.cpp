@@ -40,7 +40,7 @@ double ratio(const Figure &figure) {
 
 bool meets(const Figure &figure, double bar) {
     if (bar == noBar) return true;
-    return figure.kind == Kind::time ? ratio(figure) <= bar : ratio(figure) >= bar;
+    return figure.kind == Kind::rate ? ratio(figure) >= bar : ratio(figure) <= bar;
 }
 
 const char *verdict(const Figure &figure) {
@@ -68,7 +68,7 @@ std::string jsonLine(const Figure &figure) {
     std::string line = "{\"name\": " + quoted(figure.name) + ", \"unit\": " + quoted(figure.unit) +
                        ", \"ours\": " + number("%.6g", figure.ours) + ", \"peer\": " + number("%.6g", figure.peer) +
                        ", \"peer_name\": " + quoted(figure.peerName) + ", \"ratio\": " + number("%.4f", ratio(figure)) +
-                       ", \"better\": " + (figure.kind == Kind::time ? "\"lower\"" : "\"higher\"");
+                       ", \"better\": " + (figure.kind == Kind::rate ? "\"higher\"" : "\"lower\"");
     if (figure.bar != noBar) line += ", \"bar\": " + number("%g", figure.bar);
     if (figure.stretch != noBar) line += ", \"stretch\": " + number("%g", figure.stretch);
     return line + "}";

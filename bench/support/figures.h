@@ -6,9 +6,9 @@
 
 namespace zel::bench {
 
-// What a row compares: seconds per operation (ratio ours/peer, lower is better) or operations per second (ratio with an
-// "x" behind it, higher is better).
-enum class Kind { time, rate };
+// What a row compares: seconds per operation (ratio ours/peer, lower is better), operations per second (ratio with an
+// "x" behind it, higher is better), or a size (lower is better).
+enum class Kind { time, rate, size };
 
 constexpr double noBar = 0;
 

@@ -99,6 +99,7 @@ std::optional<double> measure(std::size_t index, std::size_t contender) {
                 run && run->error_occurred ? run->error_message.c_str() : "nothing was measured");
         return std::nullopt;
     }
+    if (row.kind() == Kind::size) return run->counters.at("size").value;
     double perSecond = static_cast<double>(run->iterations) / run->real_accumulated_time;
     for (const char *counter : {"items_per_second", "bytes_per_second"})
         if (const auto found = run->counters.find(counter); found != run->counters.end())

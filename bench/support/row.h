@@ -17,7 +17,8 @@
 //     ZEL_ROW("byte ring, two tasks", "bytes/s", rate).ours(ring).peer("boost::lockfree::spsc_queue", spsc, 1.0);
 //
 // Kind `time`: seconds per operation in the unit given (s, ms, us, ns), ratio ours/peer, lower is better. Kind `rate`:
-// operations per second, higher is better. An iteration is one operation unless the function calls
+// operations per second, higher is better. Kind `size`: what the function leaves in state.counters["size"], in the unit
+// given, lower is better. An iteration is one operation unless the function calls
 // state.SetItemsProcessed(operations) or, for the unit "bytes/s", state.SetBytesProcessed(bytes) after its loop.
 // A function that cannot measure calls state.SkipWithError(why) and leaves; the row is reported as failed.
 //

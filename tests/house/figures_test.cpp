@@ -15,13 +15,15 @@ TEST(Figures, MedianIsTheMiddleOrTheMeanOfTheTwoInTheMiddle) {
     EXPECT_EQ(median({8, 1, 2, 100}), 5);
 }
 
-TEST(Figures, TimesMeetABarFromBelowAndRatesFromAbove) {
+TEST(Figures, TimesAndSizesMeetABarFromBelowAndRatesFromAbove) {
     EXPECT_STREQ(verdict(figure(Kind::time, 20, 10, 2.0)), "met");
     EXPECT_STREQ(verdict(figure(Kind::time, 21, 10, 2.0)), "short");
     EXPECT_STREQ(verdict(figure(Kind::time, 9, 10, 2.0, 1.0)), "stretch");
     EXPECT_STREQ(verdict(figure(Kind::rate, 20, 10, 2.0, 3.0)), "met");
     EXPECT_STREQ(verdict(figure(Kind::rate, 19, 10, 2.0)), "short");
     EXPECT_STREQ(verdict(figure(Kind::rate, 1, 10, noBar)), "-");
+    EXPECT_STREQ(verdict(figure(Kind::size, 2, 10, 0.2)), "met");
+    EXPECT_STREQ(verdict(figure(Kind::size, 3, 10, 0.2)), "short");
 }
 
 TEST(Figures, JsonHasTheFieldsOfAReportAndEscapesNames) {
