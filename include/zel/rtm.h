@@ -151,6 +151,8 @@ extern uint32_t rtm_api_bad_route_counter;
  * The answer's status word (byte 20) is 0 when the client was accepted; otherwise the call fails and *handle is left
  * as it was. A null name fails without sending. Registering again under the same name from the same queue returns the
  * handle that the client had.
+ * A stream that begins with a handle which the manager does not know is not acknowledged, so that a client of a manager
+ * that was started anew learns of it: from its queue's callback, with code 6 in mid-stream and 9 at the beginning.
  */
 int zelRtmRegister(uint32_t clientType, uint32_t addressFamily, const char *name, uint32_t *handle,
                    const zelIpcAddr *ipc);

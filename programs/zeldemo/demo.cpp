@@ -145,7 +145,8 @@ bool Demo::awaitRoutes() {
         if (done != before) lastProgress = monotonicSeconds();
         before = done;
         progress.show(done);
-        if (mustKill && done >= total / 2) {
+        // Every source has registered, and so has something to recover from; we are a client, too.
+        if (mustKill && done >= total / 2 && counters[ZEL_RTM_COUNT_CLIENTS] > options_.peers) {
             mustKill = false;
             if (!killManager(progress)) return false;
         }

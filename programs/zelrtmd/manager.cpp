@@ -11,6 +11,8 @@ constexpr unsigned commandByte = 4;
 constexpr unsigned messageTypeWord = 12;
 constexpr unsigned packetTypeWord = 24;
 constexpr unsigned sourceAddressWord = 40;
+constexpr unsigned sequenceWord = 64;  // two words
+constexpr unsigned handleWord = 132;   // of queued messages
 constexpr int requestQueue = 1;
 constexpr int receiveSeconds = 1;
 constexpr std::size_t mostBytes = 65536;
@@ -57,6 +59,7 @@ void Manager::dispatch(std::uint8_t *message, int length) {
     const std::uint32_t type = zelIpcHdrGet32(message, messageTypeWord);
     const bool isAcknowledgement = zelIpcHdrGet32(message, packetTypeWord) == ZEL_SWP_ACK_PACKET;
     if (!isAcknowledgement && zelRtmIsQueued(type)) {
+        if (beginsForNobody(message, length)) return;
         if (zelSwpReceiverCheck(receiver_, message, length) != ZEL_SWP_MATCHED) return;
         takeQueued(type, message, length);
         zelSwpReceiverAnswer(receiver_, message);
@@ -68,6 +71,16 @@ void Manager::dispatch(std::uint8_t *message, int length) {
         answer(type, message, length);
     // The queued message before it may have left its acknowledgement to the one that it saw waiting.
     zelSwpReceiverFlush(receiver_);
+}
+
+// The first message of a stream whose client is unknown: it registered with a manager that is gone, and would believe
+// that this one has its routes if we acknowledged them. Without an answer it will register again.
+bool Manager::beginsForNobody(const std::uint8_t *message, int length) {
+    const auto least = static_cast<int>(handleWord + sizeof(std::uint32_t));
+    if (length < least || clients_.findSender(zelIpcHdrGet32(message, handleWord), message)) return false;
+    if (zelIpcHdrGet32(message, sequenceWord) != 0 || zelIpcHdrGet32(message, sequenceWord + 4) != 0) return false;
+    ++counts_[ZEL_RTM_COUNT_REFUSED];
+    return true;
 }
 
 // What a message, or time, has brought about for others; true when there is more of that at once.

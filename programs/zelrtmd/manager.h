@@ -55,6 +55,7 @@ private:
     };
 
     void dispatch(std::uint8_t *message, int length);
+    bool beginsForNobody(const std::uint8_t *message, int length);
     bool followUp();
     void takeQueued(std::uint32_t type, const std::uint8_t *message, int length);
     void answer(std::uint32_t type, std::uint8_t *message, int length);

@@ -257,6 +257,15 @@ TEST_F(Zelrtmd, prefersTheNearerOfSeveralClientsAndForgetsWithThem) {
     EXPECT_EQ(a->lookUp("10.1.2.3"), "1.1.1.1/8");
 }
 
+TEST_F(Zelrtmd, doesNotAcknowledgeAStreamOfAClientOfItsPredecessor) {
+    b->handle += 256;
+    const zelRtmRoute route = makeRoute("10.0.0.0", 8, "1.1.1.1");
+    EXPECT_EQ(zelRtmUpdateRoute(b->handle, 1, &route, nullptr, &b->address, b->queue, 1, 0, nullptr, 0), 0);
+    EXPECT_TRUE(b->enter());
+    EXPECT_EQ(counter(ZEL_RTM_COUNT_REFUSED), 1u);
+    EXPECT_EQ(zelIpcGetNumMsgs(b->key | 1), 0);
+}
+
 TEST_F(Zelrtmd, keepsFamiliesAndVrfsApart) {
     a->add(makeRoute("2001:db8::", 32, "2001:db8::1", 2), 2);
     a->add(makeRoute("10.0.0.0", 8, "1.1.1.1"));
@@ -414,6 +423,15 @@ TEST_F(Zelrtmd, tellsATargetTheRoutesItAccepts) {
     const std::uint64_t told = counter(ZEL_RTM_COUNT_REDISTRIBUTED);
     a->add(makeRoute("10.0.1.0", 24, "2.2.2.2"));
     EXPECT_EQ(counter(ZEL_RTM_COUNT_REDISTRIBUTED), told);
+
+    if (!zel::test::isFullRun()) return;
+    const auto queues = [] {
+        int count = 0;
+        for (std::uint32_t number = 1; number <= ZEL_SWP_MAX_QUEUES; ++number) count += zelSwpIsQueueAlive(number) == 1;
+        return count;
+    };
+    EXPECT_EQ(zelRtmRedistTgtClientAccept_opts(b->handle, &b->address, &bgp), 0);
+    EXPECT_TRUE(zel::test::eventually(20, [&] { return queues() == 2; })) << "whoever is silent is left alone";
 }
 
 TEST_F(Zelrtmd, dumpsEveryRouteOnceInOrder) {
