@@ -25,7 +25,7 @@ public:
 
     pid_t pid() const { return child_.pid(); }
     void signal(int number) const { child_.signal(number); }
-    int wait() { return child_.wait(60); }
+    int wait() { return child_.wait(300); }
     // What it, and whatever it started, has written so far.
     std::string output() const {
         std::string text(static_cast<std::size_t>(lseek(output_, 0, SEEK_END)), '\0');
