@@ -1,17 +1,138 @@
-// The checking allocator's default: the C library's heap. Tags and lines are for host programs that count by them.
+// The checking allocator's default: the C library's heap, with a header in front of each block that says which place in
+// the source asked for how much.
+//
+// The header ends in a check word made of all it says and of where it stands. A block whose check word does not fit is
+// not given to the heap: it was freed before, never came from here, or was written to in front of its first byte.
+// Whoever frees such a block is told on standard error, which is all that may be done here: callers hold locks, and
+// printing allocates.
+//
+// Headers of foreign blocks and of blocks freed before are read on purpose, hence outside the sanitizers' sight.
+#include <errno.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/accounting.h"
+#include "platform/cancellation.h"
 #include "zel/platform.h"
 
-__attribute__((weak)) void *zelMC_malloc(const char *, int, size_t bytes) {
-    return malloc(bytes);
+namespace zel::platform {
+namespace {
+
+constexpr std::uint64_t allocatedMagic = 0x5a4c4d43c3a53c5a;
+constexpr int siteShift = 48;
+
+struct alignas(std::max_align_t) BlockHeader {
+    std::uint64_t what;   // site and bytes
+    std::uint64_t check;  // of `what` and of where it stands
+
+    std::uint32_t site() const { return static_cast<std::uint32_t>(what >> siteShift); }
+    std::size_t bytes() const { return static_cast<std::size_t>(what & ((std::uint64_t{1} << siteShift) - 1)); }
+};
+constexpr std::uint64_t mostBytes =
+    std::min<std::uint64_t>(PTRDIFF_MAX, std::uint64_t{1} << siteShift) - sizeof(BlockHeader) - 1;
+
+std::uint64_t checkOf(const BlockHeader *header, std::uint64_t what) {
+    return what ^ reinterpret_cast<std::uintptr_t>(header) ^ allocatedMagic;
 }
-__attribute__((weak)) void *zelMC_calloc(const char *, int, size_t count, size_t bytes) {
-    return calloc(count, bytes);
+
+// Makes a block of memory from the heap; null stays null.
+inline void *makeBlock(void *memory, std::size_t bytes, std::uint32_t site) {
+    if (memory == nullptr) [[unlikely]]
+        return nullptr;
+    auto *header = static_cast<BlockHeader *>(memory);
+    header->what = std::uint64_t{site} << siteShift | bytes;
+    header->check = checkOf(header, header->what);
+    noteAllocated(site, bytes);
+    return header + 1;
 }
-__attribute__((weak)) void *zelMC_realloc(const char *, int, void *block, size_t bytes) {
-    return realloc(block, bytes);
+
+void *tooLarge() {
+    errno = ENOMEM;
+    return nullptr;
 }
-__attribute__((weak)) void zelMC_free(const char *, int, void *block) {
-    free(block);
+
+__attribute__((no_sanitize("address"))) __attribute__((no_sanitize("thread"))) bool isBlock(const BlockHeader *header) {
+    return reinterpret_cast<std::uintptr_t>(header) % alignof(BlockHeader) == 0 &&
+           header->check == checkOf(header, header->what);
 }
+
+__attribute__((cold)) void reportBadFree(const char *tag, int line, const void *block) {
+    const NoCancellation guard;
+    const int savedErrno = errno;
+    sites[siteOf(tag, line)].badFrees.fetch_add(1);
+    char text[200];
+    const int length = snprintf(text, sizeof text,
+                                "%s/%d: %p is no allocated block, was freed before, or was written to in front of its "
+                                "first byte; it is not freed\n",
+                                tag != nullptr ? tag : "?", line, block);
+    if (length > 0 && write(STDERR_FILENO, text, static_cast<std::size_t>(length)) < 0) { /* nobody listens */
+    }
+    errno = savedErrno;
+}
+
+// A block on its way to the heap no longer passes for one, wherever the heap leaves it.
+void spoil(BlockHeader *header) {
+    *static_cast<volatile std::uint64_t *>(&header->check) = 0;
+}
+
+// The header of a block that may be freed, null with a report otherwise.
+BlockHeader *headerToFree(const char *tag, int line, void *block) {
+    BlockHeader *header = static_cast<BlockHeader *>(block) - 1;
+    if (isBlock(header)) [[likely]]
+        return header;
+    reportBadFree(tag, line, block);
+    return nullptr;
+}
+
+}  // namespace
+}  // namespace zel::platform
+
+using namespace zel::platform;
+
+void *zelMemCheckMalloc(const char *tag, int line, size_t bytes) {
+    if (bytes > mostBytes) return tooLarge();
+    return makeBlock(malloc(bytes + sizeof(BlockHeader)), bytes, siteOf(tag, line));
+}
+
+void *zelMemCheckCalloc(const char *tag, int line, size_t count, size_t bytes) {
+    size_t total = 0;
+    if (__builtin_mul_overflow(count, bytes, &total) || total > mostBytes) return tooLarge();
+    return makeBlock(calloc(1, total + sizeof(BlockHeader)), total, siteOf(tag, line));
+}
+
+void *zelMemCheckRealloc(const char *tag, int line, void *block, size_t bytes) {
+    if (block == nullptr) return zelMemCheckMalloc(tag, line, bytes);
+    BlockHeader *header = headerToFree(tag, line, block);
+    if (header == nullptr || bytes > mostBytes) return tooLarge();
+    const BlockHeader before = *header;
+    spoil(header);
+    void *memory = realloc(header, bytes + sizeof(BlockHeader));
+    if (memory == nullptr) {
+        *header = before;
+        return nullptr;
+    }
+    noteFreed(before.site(), before.bytes());
+    return makeBlock(memory, bytes, siteOf(tag, line));
+}
+
+void zelMemCheckFree(const char *tag, int line, void *block) {
+    if (block == nullptr) return;
+    BlockHeader *header = headerToFree(tag, line, block);
+    if (header == nullptr) return;
+    noteFreed(header->site(), header->bytes());
+    spoil(header);
+    free(header);
+}
+
+__attribute__((weak, alias("zelMemCheckMalloc"))) void *zelMC_malloc(const char *tag, int line, size_t bytes);
+__attribute__((weak, alias("zelMemCheckCalloc"))) void *zelMC_calloc(const char *tag, int line, size_t count,
+                                                                     size_t bytes);
+__attribute__((weak, alias("zelMemCheckRealloc"))) void *zelMC_realloc(const char *tag, int line, void *block,
+                                                                       size_t bytes);
+__attribute__((weak, alias("zelMemCheckFree"))) void zelMC_free(const char *tag, int line, void *block);

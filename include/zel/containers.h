@@ -152,7 +152,7 @@ ZEL_DLL_LINKAGE void zelDLLRemove(zelDLL *head, zelDLLNode *node) {
  *
  * The list is a pointer to its first node, null when empty, held by the caller; adding and deleting may change it.
  * Positions count from 1. Nodes come from zelMC_calloc; a node that listDelete hands back is released by the caller
- * with zelMC_free (by default free() does). Reaching a position takes a walk from the front.
+ * with zelMC_free. Reaching a position takes a walk from the front.
  */
 
 typedef struct zelListNode {

@@ -85,12 +85,43 @@ void zelPlatformSetPeMasterAddress(uint32_t address);
 
 /* ---- The checking allocator -------------------------------------------------------------------------------------- */
 
-/* Weak; by default on the C library's heap, so that free() releases their blocks. `tag` names the source, `line` the
- * caller's line; both must outlive the block. */
+/* Weak; a program replaces all four or none. `tag` names the source, `line` the caller's line: a string that does not
+ * change and stays. Blocks are aligned as those of malloc, also of 0 bytes, and zelMC_free alone releases them. Null
+ * with ENOMEM: no memory. They never wait for each other, and are no cancellation points. */
 void *zelMC_malloc(const char *tag, int line, size_t bytes);
 void *zelMC_calloc(const char *tag, int line, size_t count, size_t bytes);
 void *zelMC_realloc(const char *tag, int line, void *block, size_t bytes);
 void zelMC_free(const char *tag, int line, void *block);
+
+/* What they do by default, also for replacements that only add to it: blocks of the C library's heap, with 16 bytes in
+ * front that tell who asked for how much. Freeing or resizing what is no block, was freed before, or was written to in
+ * front of its first byte is refused: everything stays as it is, standard error gets a line, and the caller's line
+ * counts it; the resized block is null. */
+void *zelMemCheckMalloc(const char *tag, int line, size_t bytes);
+void *zelMemCheckCalloc(const char *tag, int line, size_t count, size_t bytes);
+void *zelMemCheckRealloc(const char *tag, int line, void *block, size_t bytes);
+void zelMemCheckFree(const char *tag, int line, void *block);
+
+enum { ZEL_MEM_CHECK_TAG = 32, ZEL_MEM_CHECK_SITES = 4096 };
+
+/* What one line of a source holds, of zelMC_ blocks and of pool blocks taken through a zelMC_ call. */
+typedef struct {
+    char tag[ZEL_MEM_CHECK_TAG]; /* cut at 31 characters */
+    int line;
+    uint64_t allocations; /* ever */
+    int64_t liveBlocks;   /* not freed yet, by whomsoever */
+    int64_t liveBytes;
+    int64_t peakBytes; /* highest liveBytes; with several threads off by at most 64 KiB for each */
+    uint64_t badFrees; /* refused */
+} zelMemCheckSite;
+
+/* Copies what the first `capacity` lines of source hold, in order of their first allocation, and returns how many there
+ * are, ZEL_MEM_CHECK_SITES at most; a line keeps its place. The first place stands for all lines that came when the
+ * table was full. While other threads allocate, lines are from slightly different moments. */
+int zelMemCheckGetSites(zelMemCheckSite *sites, int capacity);
+/* What was allocated between two such moments and is still there: leaves in `now` the lines that hold more than
+ * `before`, with the differences (the peak stays that of `now`), and returns how many. */
+int zelMemCheckGrowth(const zelMemCheckSite *before, int beforeCount, zelMemCheckSite *now, int nowCount);
 
 /* The same in the policy segment, shared by all processes that attached it and at the same address in each of them;
  * weak. Null while this process has not attached the segment, and when it is full. Takes shared lock 31; a process

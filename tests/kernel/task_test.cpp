@@ -14,6 +14,9 @@
 static std::atomic<bool> memoryIsShort{false};
 static std::atomic<int> blocksOfTasks{0};
 
+void *zelMC_malloc(const char *, int, size_t bytes) {
+    return malloc(bytes);
+}
 void *zelMC_calloc(const char *tag, int, size_t count, size_t bytes) {
     if (memoryIsShort) return nullptr;
     if (strcmp(tag, "ltaskLib") == 0) ++blocksOfTasks;
