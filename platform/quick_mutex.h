@@ -33,22 +33,32 @@ public:
     void unlock() {
         if (!isQuick_) [[unlikely]]
             return unlockHost();
+        open();
+    }
+    // The same, for who reports a failure in words of its own: the host's error number.
+    int unlockOrError() {
+        if (!isQuick_) [[unlikely]]
+            return pthread_mutex_unlock(&host_);
+        open();
+        return 0;
+    }
+
+private:
+    void open() {
         held_.store(0, std::memory_order_release);
         std::atomic_signal_fence(std::memory_order_seq_cst);
         if (contenders_.load(std::memory_order_relaxed) != 0) [[unlikely]]
             wakeContender();
     }
-
-private:
     void lockSlowly();
     void unlockHost();
     void wakeContender();
 
-    std::atomic<std::uint32_t> held_;
-    std::atomic<std::uint32_t> contenders_;
-    bool isQuick_;
-    pthread_mutex_t host_;
-    const char *name_;
+    std::atomic<std::uint32_t> held_{0};
+    std::atomic<std::uint32_t> contenders_{0};
+    bool isQuick_ = false;
+    pthread_mutex_t host_ = PTHREAD_MUTEX_INITIALIZER;
+    const char *name_ = nullptr;
 };
 
 }  // namespace zel::platform

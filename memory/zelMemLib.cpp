@@ -1,0 +1,319 @@
+// Blocks of memory partitions: taking one and giving it back.
+//
+// The plain case, a block of a given pool where everything is as it should be, does nothing but take or give it. All
+// else is done, or tried again, step by step: what keeps it from succeeding is found with the pools guarded, and said
+// once they are no longer. A pool that has to grow asks the usage check in between, unguarded, because the check is the
+// host program's.
+#include <cerrno>
+
+#include "memory/trace.h"
+#include "platform/accounting.h"
+#include "zel/kernel.h"
+#include "zel/platform.h"
+
+using namespace zel;
+using namespace zel::memory;
+using kernel::fail;
+
+constinit std::atomic<std::uint32_t> zel::memory::debugMask{0};
+
+namespace {
+
+constexpr char moduleName[] = "zelMemMgmt", allocName[] = "zel_memBlockAlloc", takeName[] = "AllocChnk",
+               freeName[] = "zel_memBlockFree";
+constexpr int atTheHead = 0;  // where pages are inserted, in traces
+
+// ---- Reports and traces ----
+
+unsigned shown(const void *address) {
+    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(address));
+}
+
+intptr_t wordOf(const void *text) {
+    return reinterpret_cast<intptr_t>(text);
+}
+
+// Whose pools a call is about, as errors name it: the pool identifier as it was given.
+void reportFailure(std::uint32_t poolId, std::uint32_t size, bool isPartition) {
+    if (poolId != SYS_LOG_POOL) {
+        zelSysErr(0, 0, ZEL_EVENT_MEMORY, 4, wordOf(moduleName), wordOf(allocName), static_cast<intptr_t>(poolId),
+                  static_cast<intptr_t>(size));
+    } else if (isPartition) {
+        zelErrorPrintf(moduleMemory, "%d (SYS_LOG_POOL) No fit found for %d", static_cast<int>(poolId),
+                       static_cast<int>(size));
+    } else {
+        zelErrorPrintf(moduleMemory, "%d (SYS_LOG_POOL) partition does not exist", static_cast<int>(poolId));
+    }
+}
+
+// ---- Allocation ----
+
+struct Request {
+    bool isVariable;
+    std::uint32_t poolId, size, tag;
+    std::uint32_t site;  // 0: nobody counts
+};
+
+Pool *choose(const PoolSet &set, const Request &request) {
+    if (request.isVariable)
+        return asserted(set.count <= MAX_VAR_POOLS, "totVarPools <= MAX_VAR_POOLS", source)
+                   ? set.smallestFor(request.size)
+                   : nullptr;
+    if (request.poolId == ZEL_MEM_BEST_FIT) return set.smallestFor(request.size);
+    Pool *pool = poolAt(set, poolNumber(request.poolId));
+    return pool && pool->chunkSize >= request.size ? pool : nullptr;
+}
+
+// One try, with the pools guarded, and what stood in its way.
+struct Try {
+    std::byte *block = nullptr;
+    Pool *pool = nullptr;
+    Finding finding;
+    bool needsPage = false;
+    bool isNewPage = false;
+    const Page *page = nullptr;  // of the block, for traces
+    std::uint32_t freeInPage = 0, inUse = 0, pageCount = 0;
+};
+
+void take(Try &result, const Request &request) {
+    Pool &pool = *result.pool;
+    const Page *page = pool.freePages.head;
+    result.block = pool.take(request.tag);
+    if (result.block == nullptr) {
+        if (page != nullptr) result.finding = pool.examineNext();
+        return;
+    }
+    if (request.site != 0) pool.rememberTaker(*pageAt(result.block), result.block, request.site);
+    result.page = page;
+    result.freeInPage = page->free;
+    result.inUse = pool.inUse;
+    result.pageCount = pool.pageCount;
+}
+
+Try tryOnce(const PoolSet &set, const Request &request, bool mayGrow) {
+    Try result;
+    result.pool = choose(set, request);
+    if (result.pool == nullptr) return result;
+    if (result.pool->freePages.head == nullptr) {
+        if (!result.pool->mayGrow()) return result;
+        result.needsPage = !mayGrow;
+        if (!mayGrow || !result.pool->grow()) return result;
+        result.isNewPage = true;
+    }
+    take(result, request);
+    return result;
+}
+
+// True when the pool is exempt or the check allows it; says so when it does not.
+bool isPageAllowed(const Pool &pool) {
+    const zelTaskId task = taskIdSelf();
+    const std::uint32_t bytes = pageBytes(pool.chunkSize);
+    if (pool.isExempt || zelMemUsageCheck(task, pool.id, bytes) != 0) return true;
+    const char *name = task != 0 ? taskName(task) : nullptr;
+    zelErrorPrintf(moduleMemory, "Mem req by task: %s, size: %d retStatus: %s ", name != nullptr ? name : "Unk",
+                   static_cast<int>(bytes), "DENIED");
+    return false;
+}
+
+void traceAllocation(const Request &request, const Try &result) {
+    if (request.poolId == ZEL_MEM_BEST_FIT || request.isVariable)
+        trace("findPool: size: %d, poolId is %d\r\n", static_cast<int>(request.size),
+              static_cast<int>(poolNumber(result.pool->id)));
+    if (result.isNewPage) {
+        trace("Alloc: New Page Added, Page %x\r\n", shown(result.page));
+        trace("Inserted Page int Free List %x, direction is %d\r\n", shown(result.page), atTheHead);
+    }
+    if (result.freeInPage == 0) trace("Deleted Page From Free List, Page: %x\r\n", shown(result.page));
+    trace("Alloc: PartId: %d, PoolId: %d, Chnks: %d, Pages: %d\r\n", static_cast<int>(partitionNumber(result.pool->id)),
+          static_cast<int>(poolNumber(result.pool->id)), static_cast<int>(result.inUse),
+          static_cast<int>(result.pageCount));
+}
+
+void reportTaken(const Finding &finding) {
+    zelSysErr(0, 0, ZEL_EVENT_MEMORY, 5, wordOf(moduleName), wordOf(takeName), wordOf(finding.part),
+              wordOf("Block Not Allocated"), wordOf(finding.header));
+    zelErrorPrintf(moduleMemory, "Allocation: curPage: %x, actPage: %x, chnkHdr: %x\r\n", shown(finding.page),
+                   shown(finding.computedPage), shown(finding.header));
+    _zelAssert(finding.assertion, source, __LINE__);
+}
+
+void *refuse(Partition *partition, const Request &request, const Try &result) {
+    if (result.pool != nullptr) {
+        result.pool->failures.fetch_add(1, std::memory_order_relaxed);
+    } else if (partition != nullptr) {
+        partition->failures.fetch_add(1, std::memory_order_relaxed);
+    }
+    if (result.finding.assertion != nullptr) {
+        reportTaken(result.finding);
+    } else {
+        reportFailure(request.poolId, request.size, partition != nullptr);
+    }
+    errno = result.pool != nullptr ? ZEL_ERR_NOT_ENOUGH_MEMORY : ZEL_ERR_INVALID_OBJECT_ID;
+    return nullptr;
+}
+
+// Every case but the plain one below.
+[[gnu::noinline]] void *allocateStepwise(const Request &request) {
+    Partition *partition = partitionOf(request.poolId);
+    Try result;
+    if (partition != nullptr) {
+        PoolSet &set = request.isVariable ? partition->variable : partition->fixed;
+        result = guarded(set, [&] { return tryOnce(set, request, false); });
+        if (result.needsPage && isPageAllowed(*result.pool))
+            result = guarded(set, [&] { return tryOnce(set, request, true); });
+    }
+    if (result.block == nullptr) return refuse(partition, request, result);
+    if (isTracing()) traceAllocation(request, result);
+    return result.block;
+}
+
+[[gnu::noinline]] std::byte *takeLocked(Pool &pool, std::uint32_t tag) {
+    return locked(*pool.set, [&] { return pool.take(tag); });
+}
+
+void *allocateCounted(const char *tag, int line, Request request) {
+    request.site = platform::siteOf(tag, line);
+    void *block = allocateStepwise(request);
+    if (block != nullptr)
+        platform::noteAllocated(request.site, sizeOf(load(static_cast<const std::byte *>(block) - wordBytes)));
+    return block;
+}
+
+constexpr std::uint32_t nibble(std::uint32_t tag) {
+    return tag >> 28;
+}
+
+// ---- Free ----
+
+// A block that cannot be freed: says why, unguarded.
+[[gnu::noinline]] int refuseBlock(void *addr, const Finding &finding) {
+    if (finding.part != nullptr)
+        zelSysErr(0, 0, ZEL_EVENT_MEMORY, 5, wordOf(moduleName), wordOf(freeName), wordOf(finding.part),
+                  wordOf("Block Addr Not Freed"), wordOf(addr));
+    if (finding.page != nullptr)
+        zelErrorPrintf(moduleMemory, "Free: curPage: %x, chnkHdr: %x\r\n", shown(finding.computedPage),
+                       shown(finding.header));
+    _zelAssert(finding.assertion, source, __LINE__);
+    return fail(ZEL_ERR_INVALID_OBJECT_ID);
+}
+
+void traceFree(const Page *page, bool isBack, const Pool &pool) {
+    if (isBack) trace("Inserted Page int Free List %x, direction is %d\r\n", shown(page), atTheHead);
+    const char *name = taskIdSelf() != 0 ? taskName(0) : nullptr;
+    trace("Free TName: %s, Pages: %d, Chnks: %d\r\n", name != nullptr ? name : "Unk", static_cast<int>(pool.pageCount),
+          static_cast<int>(pool.inUse));
+}
+
+// Every case but the plain one below.
+[[gnu::noinline]] int releaseStepwise(void *addr) {
+    if (!asserted(addr != nullptr, "addr != NULL", source)) return fail(ZEL_ERR_INVALID_OBJECT_ID);
+    Page *page = pageAt(addr);
+    if (page == nullptr) return refuseBlock(addr, {"chnkHdr->chnkMarker == Blk_Magic_front", "Header"});
+    auto *data = static_cast<std::byte *>(addr);
+    Pool &pool = *page->pool;
+    std::uint32_t site = 0;
+    bool isBack = false;
+    const Finding finding = guarded(*pool.set, [&]() -> Finding {
+        isBack = page->free == 0;
+        if (!pool.give(*page, data)) return pool.examineGiven(*page, data);
+        site = pool.forgetTaker(*page, data);
+        return {};
+    });
+    if (finding.assertion != nullptr) return refuseBlock(addr, finding);
+    if (site != 0) platform::noteFreed(site, pool.chunkSize);
+    if (isTracing()) traceFree(page, isBack, pool);
+    return ZEL_OK;
+}
+
+[[gnu::noinline]] bool giveLocked(Pool &pool, Page &page, std::byte *data) {
+    return locked(*pool.set, [&] { return pool.give(page, data); });
+}
+
+inline int release(void *addr) {
+    Page *page = pageAt(addr);
+    if (page && !page->isCounted && !isTracing()) [[likely]] {
+        auto *data = static_cast<std::byte *>(addr);
+        Pool &pool = *page->pool;
+        if (pool.isLocking ? giveLocked(pool, *page, data) : pool.give(*page, data)) [[likely]]
+            return ZEL_OK;
+    }
+    return releaseStepwise(addr);
+}
+
+int releaseCounted(const char *tag, int line, void *addr) {
+    const int result = release(addr);
+    if (result != ZEL_OK) platform::sites[platform::siteOf(tag, line)].badFrees.fetch_add(1);
+    return result;
+}
+
+}  // namespace
+
+__attribute__((weak)) int zelMemUsageCheck(zelTaskId, uint32_t, uint32_t) {
+    return 1;
+}
+
+void *M_memBlockAlloc(uint32_t poolId, uint32_t size, uint32_t tag) {
+    Pool *pool = fixedPool(poolId);
+    if (pool && size <= pool->chunkSize && !isTracing()) [[likely]] {
+        void *block = pool->isLocking ? takeLocked(*pool, nibble(tag)) : pool->take(nibble(tag));
+        if (block) [[likely]]
+            return block;
+    }
+    return allocateStepwise({false, poolId, size, nibble(tag), 0});
+}
+
+int M_memBlockFree(uint32_t, void *addr) {
+    return release(addr);
+}
+
+void *M_memBlockVarAlloc(uint32_t poolId, uint32_t size, uint32_t tag) {
+    return allocateStepwise({true, poolId, size, nibble(tag), 0});
+}
+
+int M_memBlockVarFree(uint32_t, void *addr) {
+    return release(addr);
+}
+
+void *M_sysMalloc(size_t bytes) {
+    return zelMC_malloc(source, __LINE__, bytes);
+}
+
+void *M_sysCalloc(size_t count, size_t bytes) {
+    return zelMC_calloc(source, __LINE__, count, bytes);
+}
+
+void M_sysMemfree(void *block) {
+    zelMC_free(source, __LINE__, block);
+}
+
+void *zelMC_M_memBlockAlloc(const char *tag, int line, uint32_t poolId, uint32_t size, uint32_t blockTag) {
+    return allocateCounted(tag, line, {false, poolId, size, nibble(blockTag), 0});
+}
+
+int zelMC_M_memBlockFree(const char *tag, int line, uint32_t, void *addr) {
+    return releaseCounted(tag, line, addr);
+}
+
+void *zelMC_M_memBlockVarAlloc(const char *tag, int line, uint32_t poolId, uint32_t size, uint32_t blockTag) {
+    return allocateCounted(tag, line, {true, poolId, size, nibble(blockTag), 0});
+}
+
+int zelMC_M_memBlockVarFree(const char *tag, int line, uint32_t, void *addr) {
+    return releaseCounted(tag, line, addr);
+}
+
+void *zelMC_M_sysMalloc(const char *tag, int line, size_t bytes) {
+    return zelMC_malloc(tag, line, bytes);
+}
+
+void *zelMC_M_sysCalloc(const char *tag, int line, size_t count, size_t bytes) {
+    return zelMC_calloc(tag, line, count, bytes);
+}
+
+void zelMC_M_sysMemfree(const char *tag, int line, void *block) {
+    zelMC_free(tag, line, block);
+}
+
+void zelMemSetDebug(uint32_t mask) {
+    debugMask.store(mask, std::memory_order_relaxed);
+}
