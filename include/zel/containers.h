@@ -1,6 +1,7 @@
 /*
  * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, the radix tree zelRadix, the
- * free-index allocator zelFreeIndex, the tree of byte keys zelAvl, and the table of large keys zelLargeKeyData.
+ * timing wheel zelcw, the free-index allocator zelFreeIndex, the tree of byte keys zelAvl, and the table of large keys
+ * zelLargeKeyData.
  *
  * None of them locks: whoever shares one between tasks serialises access to it, readers included unless nobody writes.
  * They hold the caller's pointers and never free the caller's data. Nothing here blocks. A handle is checked in every
@@ -359,6 +360,72 @@ void zelRadixMaxPrint(zelRadix *tree, zelRadixTextFn text, uint32_t max);
 /* The default node allocation, on the checking allocator. */
 void *zelRadixMalloc(size_t bytes);
 void zelRadixFree(void *node);
+
+/* ==== Cart-wheel timers ===========================================================================================
+ *
+ * A timing wheel: a ring of buckets, and a cursor that moves on one bucket a tick. Its owner calls zelcwTimerTick from
+ * a periodic tick of its own; the wheel has no clock. A timer that is started with t ticks fires in the (t + 1)th
+ * following tick, those of one tick in the order in which they were started. There is no round counter: only the low
+ * 16 bits of t count, and from the number of buckets on t wraps; choose more buckets than the longest time-out.
+ *
+ * Records come from the wheel's free list and begin with a zelcwTimer; what is behind belongs to the caller, who finds
+ * it zeroed in a new record and as he left it in one that was freed. Starting, stopping and expiring take constant
+ * time. The expiry handler gets a timer that is stopped already; it may start, stop and free any timer, this one
+ * included. Started again with 0 ticks, it fires again within the same tick.
+ */
+
+typedef struct zelcwTimer {
+    struct zelcwTimer *prev;
+    struct zelcwTimer *next;
+    void *bucket; /* null while the timer does not run */
+} zelcwTimer;
+
+typedef struct zelcwTimerCB zelcwTimerCB;
+typedef void (*zelcwTimerFn)(void *timer);
+
+/* Creates a wheel. 0 buckets mean 256, an initial free list of 0 records means 100, a growth of 0 means 50. Records of
+ * `recordSize` bytes come from `allocFn` and return to `freeFn`; null takes zelcartWheelTimerMalloc and
+ * zelcartWheelTimerFree. `printFn` may be null. Null: no memory; or, with an assertion, no expiry handler, a number of
+ * buckets that is no power of two, or a record size of 0. */
+zelcwTimerCB *zelcwTimerInit(uint32_t numBuckets, uint32_t freeListSize, uint32_t growth, zelAllocFn allocFn,
+                             zelFreeFn freeFn, zelcwTimerFn expiryHandler, zelcwTimerFn printFn, intptr_t ownerWord,
+                             uint32_t recordSize);
+/* Releases every record that runs or is free, and the wheel. Records in the caller's hands are not released; free or
+ * start them before. Not for the expiry handler. */
+void zelcwTimerUnInit(zelcwTimerCB *wheel);
+
+/* The record freed last; null when there is none and no memory for more. */
+void *zelcwGetTimer(zelcwTimerCB *wheel);
+/* Stops the timer and puts its record on the free list; null is ignored. */
+void zelcwFreeTimer(zelcwTimerCB *wheel, void *timer);
+/* Adds records to the free list: 0, or -1 without memory, and none was added. */
+int zelcwTimerAllocFreeList(zelcwTimerCB *wheel, uint32_t records);
+
+/* A timer that runs is stopped first. Null is ignored. */
+void zelcwStartTimer(zelcwTimerCB *wheel, void *timer, uint32_t ticks);
+void zelcwRestartTimer(zelcwTimerCB *wheel, void *timer, uint32_t ticks);
+/* Null, and a timer that does not run, are left alone. */
+void zelcwStopTimer(void *timer);
+
+/* A tick: calls the expiry handler for the timers of the cursor's bucket until it is empty, and moves the cursor. Not
+ * for the expiry handler. */
+void zelcwTimerTick(zelcwTimerCB *wheel);
+/* Stops and returns the timer that the next tick would fire first; null when there is none. */
+void *zelcwGetNextExpiredTimer(zelcwTimerCB *wheel);
+/* In how many ticks the next timer fires, 1 for the next tick; -1 when none runs. */
+int zelcwTimerRetNext(zelcwTimerCB *wheel);
+
+/* The ticks since the wheel was created; the word that its owner gave. */
+uint32_t zelcwTimerTickCount(const zelcwTimerCB *wheel);
+intptr_t zelcwTimerOwner(const zelcwTimerCB *wheel);
+/* Print a line on standard output and pass the timers that run to the print function; the first one does so with the
+ * free records, too. */
+void zelcwPrintTimerInfo(zelcwTimerCB *wheel);
+void zelcwPrintOnlyTimerInfo(zelcwTimerCB *wheel);
+
+/* The default record allocation, on the checking allocator. */
+void *zelcartWheelTimerMalloc(size_t bytes);
+void zelcartWheelTimerFree(void *record);
 
 /* ==== Free-index allocator ========================================================================================
  *

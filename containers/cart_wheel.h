@@ -1,0 +1,34 @@
+// What a wheel is made of.
+#pragma once
+
+#include <cstdint>
+
+#include "zel/containers.h"
+
+namespace zel::containers {
+
+// The timers that fire in one tick, in the order in which they were started.
+struct WheelBucket {
+    std::uintptr_t reserved;
+    zelcwTimer *first;
+    zelcwTimer *last;
+};
+
+}  // namespace zel::containers
+
+struct zelcwTimerCB {
+    uint32_t tickCount;
+    uint32_t cursor;  // the bucket that the next tick fires
+    uint32_t tmrNumBuckets;
+    uint32_t freeListSize;
+    uint32_t growth;
+    uint32_t tmrSize;
+    zel::containers::WheelBucket *buckets;
+    zelcwTimer *freeList;  // linked by `next`
+    intptr_t ownerWord;
+    zelAllocFn allocFn;
+    zelFreeFn freeFn;
+    zelcwTimerFn tmrExpiryHandler;
+    zelcwTimerFn printFn;
+    uint64_t *mayHold;  // a bit for each bucket; a bucket whose bit is clear is empty
+};
