@@ -69,4 +69,21 @@ private:
     Child child_;
 };
 
+// A file with that text, while the object lives.
+class TextFile {
+public:
+    explicit TextFile(const std::string &text) {
+        const int fd = mkstemp(path_);
+        EXPECT_EQ(write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        close(fd);
+    }
+    ~TextFile() { unlink(path_); }
+    TextFile(const TextFile &) = delete;
+    TextFile &operator=(const TextFile &) = delete;
+    std::string path() const { return path_; }
+
+private:
+    char path_[32] = "/tmp/zel_test_XXXXXX";
+};
+
 }  // namespace zel::test
