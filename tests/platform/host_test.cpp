@@ -27,29 +27,28 @@ using platform::seam;
 
 constexpr std::uint64_t milliseconds = 1'000'000;
 
+TEST(Seam, WaitsEndAtTheirDeadlineAndNotBefore) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    for (const bool isSleep : {true, false}) {
+        const std::uint64_t deadline = now() + 20 * milliseconds;
+        EXPECT_EQ(isSleep ? seam().sleepUntil(nullptr, deadline) : seam().waitReadable(nullptr, ends[0], deadline), 0);
+        EXPECT_GE(now(), deadline);
+    }
+    EXPECT_EQ(seam().waitReadable(nullptr, ends[0], 0), 0);  // long past: looks, and does not wait
+    EXPECT_EQ(write(ends[1], "x", 1), 1);
+    for (const std::uint64_t deadline : {std::uint64_t{0}, platform::forever})
+        EXPECT_EQ(seam().waitReadable(nullptr, ends[0], deadline), 1);
+    close(ends[0]);
+    EXPECT_EQ(seam().waitReadable(nullptr, ends[0], now()), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
 // What ended it.
 int waitForEver(bool isSleep) {
     if (isSleep) return seam().sleepUntil(nullptr, platform::forever);
     int ends[2];
     return pipe(ends) == 0 && seam().waitReadable(nullptr, ends[0], platform::forever) == -1 ? errno : 0;
-}
-
-TEST(Seam, WaitsEndAtTheirDeadlineAndNotBefore) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    const std::uint64_t deadline = now() + 20 * milliseconds;
-    EXPECT_EQ(seam().waitReadable(nullptr, ends[0], deadline), 0);
-    EXPECT_GE(now(), deadline);
-    const std::uint64_t next = now() + 20 * milliseconds;
-    EXPECT_EQ(seam().sleepUntil(nullptr, next), 0);
-    EXPECT_GE(now(), next);
-    EXPECT_EQ(seam().waitReadable(nullptr, ends[0], 0), 0);  // long past: looks, and does not wait
-    EXPECT_EQ(write(ends[1], "x", 1), 1);
-    EXPECT_EQ(seam().waitReadable(nullptr, ends[0], 0), 1);
-    EXPECT_EQ(seam().waitReadable(nullptr, ends[0], platform::forever), 1);
-    close(ends[0]);
-    EXPECT_EQ(seam().waitReadable(nullptr, ends[0], now()), -1);
-    EXPECT_EQ(errno, EBADF);
 }
 
 TEST(Seam, SignalsAndCancellationEndAWait) {
@@ -67,13 +66,9 @@ TEST(Seam, SignalsAndCancellationEndAWait) {
         waiter.join();
         EXPECT_EQ(error, EINTR);
 
-        pthread_t thread;
-        const auto body = [](void *sleeps) -> void * { return waitForEver(*static_cast<bool *>(sleeps)), nullptr; };
-        ASSERT_EQ(pthread_create(&thread, nullptr, body, &isSleep), 0);
-        pthread_cancel(thread);
-        void *result = nullptr;
-        pthread_join(thread, &result);
-        EXPECT_EQ(result, PTHREAD_CANCELED);
+        std::thread deleted([&] { waitForEver(isSleep); });
+        pthread_cancel(deleted.native_handle());
+        deleted.join();  // or never
     }
 }
 
@@ -109,18 +104,14 @@ TEST(Scheduling, RealTimeIsBestEffort) {
 }
 
 TEST(Identity, AddressAndPrefixAreFixedAtFirstUse) {
-    for (const char *bad : {"", "a/b", "12345678901234567890123456789012"}) {
-        EXPECT_EQ(zelPlatformSetShmPrefix(bad), -1);
-        EXPECT_EQ(errno, EINVAL);
-    }
+    const auto fails = [](int result, int error) { return result == -1 && errno == error; };
+    for (const char *bad : {"", "a/b", "12345678901234567890123456789012"})
+        EXPECT_TRUE(fails(zelPlatformSetShmPrefix(bad), EINVAL));
     EXPECT_EQ(zelPlatformSetShmPrefix("own"), 0);
-    EXPECT_EQ(zelPlatformSetIpcAddress(0x7f070809), 0);
-    EXPECT_EQ(zelPlatformSetIpcAddress(0x7f010203), 0);
+    for (const std::uint32_t address : {0x7f070809u, 0x7f010203u}) EXPECT_EQ(zelPlatformSetIpcAddress(address), 0);
     EXPECT_EQ(platform::segmentName("sys"), "/own-127.1.2.3-sys");
-    EXPECT_EQ(zelPlatformSetIpcAddress(0x7f07080b), -1);
-    EXPECT_EQ(errno, EBUSY);
-    EXPECT_EQ(zelPlatformSetShmPrefix("other"), -1);
-    EXPECT_EQ(errno, EBUSY);
+    EXPECT_TRUE(fails(zelPlatformSetIpcAddress(0x7f07080b), EBUSY));
+    EXPECT_TRUE(fails(zelPlatformSetShmPrefix("other"), EBUSY));
 }
 
 TEST(Identity, AnAddressThatIsNoneIsAllOnes) {
@@ -146,12 +137,9 @@ TEST(SystemErrors, AFloodIsOneLineAndTheLast64AreKept) {
 }
 
 TEST(CrashHandlerDeathTest, ACrashPrintsABacktraceAndIsStillTheCrash) {
-    const auto crash = [](int number) {
-        zelPlatformInstallCrashHandler();
-        raise(number);
-    };
-    EXPECT_EXIT(crash(SIGSEGV), testing::KilledBySignal(SIGSEGV), "crash: signal 11, backtrace:");
-    EXPECT_EXIT(crash(SIGABRT), testing::KilledBySignal(SIGABRT), "crash: signal 06, backtrace:");
+    for (const int number : {SIGSEGV, SIGABRT})
+        EXPECT_EXIT((zelPlatformInstallCrashHandler(), raise(number)), testing::KilledBySignal(number),
+                    number == SIGSEGV ? "crash: signal 11, backtrace:" : "crash: signal 06, backtrace:");
 }
 
 }  // namespace
