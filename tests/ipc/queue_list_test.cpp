@@ -82,7 +82,7 @@ TEST_F(QueueList, ReceivingSideTrustsNoIndex) {
     zelSwpExpSeqList *expected = zelSwpQListCreateExpSeqList(2);
     for (const uint32_t group : {0u, 1u, 0u, 1u}) ASSERT_EQ(enqueue(group), 0);
     const auto sent = world.sentToReceiver;
-    const auto check = [&](const Simulation::Bytes &message, int length = 132) {
+    const auto check = [&](const Bytes &message, int length = 132) {
         return zelSwpQListCkSeqAndAck(world.receiverKey, message.data(), expected, length);
     };
     const int rows[][2] = {{0, 1}, {3, 4}, {1, 1}, {0, 2}, {2, 1}};  // the second queue's message 0 is missing at first

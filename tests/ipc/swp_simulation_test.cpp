@@ -132,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(Losses, SwpSimulation,
 TEST(SwpRecovery, OneLossCostsOneFlight) {
     World world;
     Stream stream(world, 5'000);
-    world.network.watch = [&](uint32_t port, const Simulation::Bytes &) {
+    world.network.watch = [&](uint32_t port, const Bytes &) {
         const bool isUnlucky = port == zel_getQueueId(76, 0, 1) && stream.next % 1'000 == 500;
         world.network.faults.loss = isUnlucky ? 1 : 0;
     };
@@ -161,8 +161,8 @@ TEST(SwpRecovery, RestartedReceiverIsNoticed) {
 TEST(SwpRecovery, AReplayedMessageZeroDisturbsNothing) {
     World world;
     Stream stream(world, 2'000);
-    Simulation::Bytes first;
-    world.network.watch = [&](uint32_t port, const Simulation::Bytes &bytes) {
+    Bytes first;
+    world.network.watch = [&](uint32_t port, const Bytes &bytes) {
         if (port != zel_getQueueId(76, 0, 1)) return;
         if (first.empty()) first = bytes;
         if (stream.next % 50 == 0) world.network.inject(port, first);

@@ -226,7 +226,7 @@ TEST_F(SwpQueue, FailedSendLeavesNothingBehind) {
 // Deleted in the middle of the send, it leaves when the message is in the queue with all that belongs to it.
 TEST_F(SwpQueue, DeletedTaskLeavesNoQueueHalfChanged) {
     ASSERT_EQ(world.create(8), 1u);
-    world.network.watch = [](uint32_t, const Simulation::Bytes &) {
+    world.network.watch = [](uint32_t, const Bytes &) {
         pthread_cancel(pthread_self());
         pthread_testcancel();
     };
@@ -248,7 +248,7 @@ TEST_F(SwpQueue, AcknowledgementsThatAreNone) {
     ASSERT_EQ(world.enqueue(queue, 4), 0);
     const auto good = world.acknowledgement(queue, 1);
     for (size_t length = 0; length < good.size(); ++length) {
-        const Simulation::Bytes cut(good.begin(), good.begin() + static_cast<long>(length));
+        const Bytes cut(good.begin(), good.begin() + static_cast<long>(length));
         EXPECT_EQ(zelSwpProcAck(cut.data(), static_cast<int>(length), nullptr), 4);
     }
     const auto changed = [&](auto field, size_t at, uint32_t value) {
@@ -368,7 +368,7 @@ protected:
     ~SwpReceiver() override { zelSwpReceiverDestroy(receiver); }
     // A message of the sender's queue of that number.
     int accept(uint32_t queue, uint32_t stream, uint32_t sequence, int length = 124) {
-        Simulation::Bytes message(static_cast<size_t>(length));
+        Bytes message(static_cast<size_t>(length));
         const auto set = [&](auto field, size_t at, uint32_t value) {
             if (at + decltype(field)::end <= message.size()) decltype(field)::set(message.data() + at, value);
         };

@@ -30,8 +30,9 @@ public:
         present = this;
         senderKey = static_cast<uint32_t>(zelIpcOpen(61, 0));
         receiverKey = static_cast<uint32_t>(zelIpcOpen(76, 0));
+        for (const uint32_t key : {senderKey, receiverKey}) network.connect(key);
         zelTmeSetTaskEntry(76, 0, ZEL_TME_HERE, zel_sysGetIpAddr());
-        network.watch = [this](uint32_t port, const Simulation::Bytes &bytes) {
+        network.watch = [this](uint32_t port, const Bytes &bytes) {
             if (port == zel_getQueueId(76, 0, 1)) sentToReceiver.push_back(bytes);
         };
     }
@@ -62,8 +63,8 @@ public:
     uint32_t lastSent() const { return ipc::SwpHeader::SequenceLow::get(sentToReceiver.back().data() + 60); }
 
     // What the receiver would answer when `last` was the last message in order.
-    Simulation::Bytes acknowledgement(uint32_t queue, uint32_t last, uint32_t result = 1) {
-        Simulation::Bytes ack(124);
+    Bytes acknowledgement(uint32_t queue, uint32_t last, uint32_t result = 1) {
+        Bytes ack(124);
         ipc::IpcHeader::Magic::set(ack.data(), ipc::IpcHeader::magic);
         ipc::IpcHeader::PacketType::set(ack.data(), 0x53574143);
         ipc::IpcHeader::SourceAddress::set(ack.data(), zel_sysGetIpAddr());
@@ -102,7 +103,7 @@ public:
 
     Simulation network;
     uint32_t senderKey = 0, receiverKey = 0;
-    std::vector<Simulation::Bytes> sentToReceiver;
+    std::vector<Bytes> sentToReceiver;
     std::vector<int> codes;  // of the callback
     void *lastMessage = nullptr;
     std::function<void(int)> onNote;

@@ -45,7 +45,7 @@ public:
         seam.simulated = 1;
         zelPlatformSetSeam(&seam);
     }
-    ~FakeNetwork() { zelPlatformSetSeam(nullptr); }
+    virtual ~FakeNetwork() { zelPlatformSetSeam(nullptr); }
     FakeNetwork(const FakeNetwork &) = delete;
     FakeNetwork &operator=(const FakeNetwork &) = delete;
 
@@ -60,6 +60,20 @@ public:
     std::vector<Sent> sent;
     std::function<void(const Sent &)> onSend;
     int sendError = 0;  // what sends fail with
+    int failSends = 0;  // how many of the next sends fail at the sender, as on a host that is out of buffers
+
+protected:
+    virtual void passUntil(std::uint64_t time) { now = std::max(now, time); }
+    virtual int wait(int fd, std::uint64_t deadline) {
+        const auto first = next(fd);
+        const bool comes = first != arrivals_.end() && first->due <= deadline;
+        passUntil(comes ? first->due : deadline);
+        return comes ? 1 : 0;
+    }
+    bool isReadable(int fd) {
+        const auto first = next(fd);
+        return first != arrivals_.end() && first->due <= now;
+    }
 
 private:
     struct Arrival {
@@ -69,7 +83,6 @@ private:
     };
 
     static FakeNetwork &of(void *self) { return *static_cast<FakeNetwork *>(self); }
-    void passUntil(std::uint64_t time) { now = std::max(now, time); }
 
     std::vector<Arrival>::iterator next(int fd) {
         auto best = arrivals_.end();
@@ -78,14 +91,8 @@ private:
         return best;
     }
 
-    int wait(int fd, std::uint64_t deadline) {
-        const auto first = next(fd);
-        const bool comes = first != arrivals_.end() && first->due <= deadline;
-        passUntil(comes ? first->due : deadline);
-        return comes ? 1 : 0;
-    }
-
     ssize_t send(int fd, const iovec *parts, int count, const sockaddr_in &to) {
+        if (failSends > 0) return --failSends, errno = ENOBUFS, -1;
         if (sendError != 0) return errno = sendError, -1;
         Sent datagram{fd, ntohl(to.sin_addr.s_addr), ntohs(to.sin_port), now, {}};
         for (int i = 0; i < count; ++i) {
@@ -98,8 +105,8 @@ private:
     }
 
     ssize_t receive(int fd, void *buffer, size_t size, int flags) {
+        if (!isReadable(fd)) return errno = EAGAIN, -1;
         const auto first = next(fd);
-        if (first == arrivals_.end() || first->due > now) return errno = EAGAIN, -1;
         const std::size_t length = first->bytes.size();
         if (length > 0) memcpy(buffer, first->bytes.data(), std::min(size, length));
         if ((flags & MSG_PEEK) == 0) arrivals_.erase(first);

@@ -1,28 +1,20 @@
-// One thread, a virtual clock and a datagram network with faults, over the host seam. Endpoints are opened as always;
-// what they send goes through the network instead of the host, and what arrives is read by the same calls. A handler
-// per port plays the task that owns it.
+// A fake network that carries what is sent to the endpoints connected to it, with faults, and runs the timer task's
+// pass once a second of its time. A handler per port plays the task that owns it.
 //
-//     Simulation world(seed, {.loss = 0.1, .duplication = 0.05, .reordering = 0.1});
-//     world.onArrival[port] = [&] { zelIpcRecv(key, buffer, size, 0, 0, 0); ... };
-//     EXPECT_TRUE(world.runUntil([&] { return delivered == wanted; }, 3600));
+//     Simulation network(seed, {.loss = 0.1, .duplication = 0.05, .reordering = 0.1});
+//     network.connect(key);
+//     network.onArrival[port] = [&] { zelIpcRecv(key, buffer, size, 0, 0, 0); ... };
+//     EXPECT_TRUE(network.runUntil([&] { return delivered == wanted; }, 3600));
 #pragma once
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <functional>
 #include <map>
 #include <queue>
 #include <random>
-#include <vector>
 
+#include "tests/support/fake_network.h"
+#include "zel/ipc.h"
 #include "zel/kernel.h"
-#include "zel/platform.h"
 
 namespace zel::test {
 
@@ -31,40 +23,14 @@ struct Faults {
     double reordering = 0;  // share of datagrams that are overtaken by later ones
 };
 
-class Simulation {
+class Simulation : public FakeNetwork {
 public:
-    using Bytes = std::vector<std::uint8_t>;
-
-    explicit Simulation(unsigned seed, Faults given = {}) : faults(given), random_(seed) {  // one at a time
+    explicit Simulation(unsigned seed, Faults given = {}) : faults(given), random_(seed) {
         printf("simulation seed %u: loss %.2f, duplication %.2f, reordering %.2f\n", seed, faults.loss,
                faults.duplication, faults.reordering);
-        zelHostSeam seam{};
-        seam.context = this;
-        seam.simulated = 1;
-        seam.now = [](void *self) { return of(self).now; };
-        seam.wallClock = [](void *self) { return static_cast<std::int64_t>(of(self).now / second); };
-        seam.sleepUntil = [](void *self, std::uint64_t deadline) {
-            while (of(self).now < deadline) of(self).step(deadline);
-            return 0;
-        };
-        seam.waitReadable = [](void *self, int fd, std::uint64_t deadline) {
-            const auto &inbox = of(self).inboxOf(fd);
-            while (inbox.empty() && of(self).now < deadline) of(self).step(deadline);
-            return inbox.empty() ? 0 : 1;
-        };
-        seam.sendDatagram = [](void *self, int, const iovec *parts, int count, const sockaddr_in *to) {
-            return of(self).send(ntohs(to->sin_port), parts, count);
-        };
-        seam.receiveDatagram = [](void *self, int fd, void *buffer, size_t size, int flags, sockaddr_in *) {
-            return of(self).receive(fd, buffer, size, flags);
-        };
-        seam.randomBits = [](void *self) { return of(self).random_(); };
-        zelPlatformSetSeam(&seam);
+        onSend = [this](const Sent &datagram) { carry(datagram); };
     }
-    ~Simulation() { zelPlatformSetSeam(nullptr); }
-    Simulation(const Simulation &) = delete;
-    Simulation &operator=(const Simulation &) = delete;
-
+    void connect(uint32_t key) { sockets_[key | ZEL_IPC_QUEUE_REQUEST] = Key_getSocketFd(key); }
     // Runs until the condition holds; false when that many virtual seconds pass before.
     bool runUntil(const std::function<bool()> &condition, std::uint64_t seconds) {
         const std::uint64_t end = now + seconds * second;
@@ -80,8 +46,7 @@ public:
     Faults faults;
     std::map<std::uint32_t, std::function<void()>> onArrival;      // by port
     std::function<void(std::uint32_t port, const Bytes &)> watch;  // sees each datagram sent, before faults befall it
-    int failSends = 0;  // the next sends fail at the sender, as on a host that is out of buffers
-    std::uint64_t now = second, lost = 0, carried = 0;
+    std::uint64_t lost = 0, carried = 0;
 
 private:
     static constexpr std::uint64_t second = 1'000'000'000;
@@ -94,35 +59,23 @@ private:
         }
     };
 
-    static Simulation &of(void *self) { return *static_cast<Simulation *>(self); }
     bool happens(double share) { return static_cast<double>(random_() >> 11) * 0x1p-53 < share; }
-    std::queue<Bytes> &inboxOf(int fd) {
-        sockaddr_in name{};
-        socklen_t length = sizeof name;
-        getsockname(fd, reinterpret_cast<sockaddr *>(&name), &length);
-        return inboxes_[ntohs(name.sin_port)];
-    }
-    ssize_t send(std::uint32_t port, const iovec *parts, int count) {
-        if (failSends > 0) return --failSends, errno = ENOBUFS, -1;
-        Bytes bytes;
-        for (int i = 0; i < count; ++i) {
-            const auto *from = static_cast<const std::uint8_t *>(parts[i].iov_base);
-            bytes.insert(bytes.end(), from, from + parts[i].iov_len);
+    void carry(const Sent &datagram) {
+        sent.clear();
+        if (watch) watch(datagram.port, datagram.bytes);
+        if (happens(faults.loss)) {
+            ++lost;
+            return;
         }
-        if (watch) watch(port, bytes);
-        const auto length = static_cast<ssize_t>(bytes.size());
-        if (happens(faults.loss)) return ++lost, length;
-        if (happens(faults.duplication)) inject(port, bytes);
-        inject(port, std::move(bytes));
-        return length;
+        if (happens(faults.duplication)) inject(datagram.port, datagram.bytes);
+        inject(datagram.port, datagram.bytes);
     }
-    ssize_t receive(int fd, void *buffer, size_t size, int flags) {
-        auto &inbox = inboxOf(fd);
-        if (inbox.empty()) return errno = EAGAIN, -1;
-        const size_t whole = inbox.front().size(), copied = std::min(size, whole);
-        memcpy(buffer, inbox.front().data(), copied);
-        if ((flags & MSG_PEEK) == 0) inbox.pop();
-        return static_cast<ssize_t>((flags & MSG_TRUNC) != 0 ? whole : copied);
+    void passUntil(std::uint64_t time) override {
+        while (now < time) step(time);
+    }
+    int wait(int fd, std::uint64_t deadline) override {
+        while (!isReadable(fd) && now < deadline) step(deadline);
+        return isReadable(fd) ? 1 : 0;
     }
     // The next thing that happens: a datagram arrives, or the timer task's second has passed; nothing beyond `limit`.
     void step(std::uint64_t limit) {
@@ -135,17 +88,17 @@ private:
             process_vx2bsd_timer_list();
             return;
         }
-        const std::uint32_t port = network_.top().port;
-        inboxes_[port].push(network_.top().bytes);
+        const Datagram datagram = network_.top();
         network_.pop();
         ++carried;
-        if (const auto handler = onArrival.find(port); handler != onArrival.end()) handler->second();
+        arrive(sockets_[datagram.port], datagram.bytes);
+        if (const auto handler = onArrival.find(datagram.port); handler != onArrival.end()) handler->second();
     }
 
     std::mt19937_64 random_;
-    std::uint64_t nextPass_ = 2 * second, order_ = 0;
+    std::uint64_t nextPass_ = start + second, order_ = 0;
     std::priority_queue<Datagram> network_;
-    std::map<std::uint32_t, std::queue<Bytes>> inboxes_;
+    std::map<std::uint32_t, int> sockets_;
 };
 
 }  // namespace zel::test
