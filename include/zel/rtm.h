@@ -288,8 +288,9 @@ int zelRtmVrfDeleteAck(uint32_t handle, const zelIpcAddr *ipc, uint32_t queue, u
  * changes, and a withdrawal (operation 2, without next hops) when none is left or a rule is taken back. They come in
  * batches like those of route updates, with the target's handle, down a sliding-window queue of the manager to the
  * target's receive queue; a zelSwpReceiver takes them, zelRtmParseBatch and zelRtmNextRoute read them. A prefix that
- * changes faster than the target acknowledges is told in its last state. A target that lost the stream gets everything
- * again on a new one; one that acknowledges nothing for ten seconds gets no more until it accepts or restarts.
+ * changes faster than the target acknowledges is told in its last state. A target that lost the stream, and so what it
+ * was told, gets everything again on a new one; one that acknowledges nothing for ten seconds gets no more until it
+ * accepts or restarts.
  *
  * Synchronous, 76 bytes: 60 u32 handle of the target client, 64 u32 option, 68 u32 family, 72 u32 *value: the client
  * type whose routes the target takes. Fails when the answer's status is not 0: rejecting a type that was not accepted,

@@ -22,7 +22,7 @@ bool isReachable(const Client &client, int service, int instance) {
     const bool isRemote = entry.state == ZEL_TME_REMOTE;
     return (isRemote || entry.state == ZEL_TME_HERE) &&
            client.address == (isRemote ? entry.address : zel_sysGetIpAddr()) &&
-           client.receiveQueue == zel_getQueueId(service, instance, 1);
+           client.receiveQueue == zel_getQueueId(service, instance, ZEL_IPC_QUEUE_REQUEST);
 }
 
 }  // namespace
@@ -73,13 +73,14 @@ void Redistribution::forget(std::uint32_t handle) {
 
 zelRtmStatus Redistribution::open(const Client &client) {
     if (targets_.contains(client.handle)) return ZEL_RTM_STATUS_OK;
-    const int service = zelIpcGetServiceFromSvce(client.receiveQueue);
-    const int instance = zelIpcGetInstanceFromSvce(client.receiveQueue);
+    const auto service = static_cast<int>(zelIpcGetServiceFromSvce(client.receiveQueue));
+    const auto instance = static_cast<int>(zelIpcGetInstanceFromSvce(client.receiveQueue));
     std::uint32_t queue = 0;
-    // Without an entry the creation would wait for the client to come up.
-    if (!isReachable(client, service, instance) || zelSwpQueueCreate(
-                                                       ZEL_RTM_SERVICE, 0, service, instance, 0, 0, retransmitSeconds,
-                                                       patienceSeconds, [](void *, int) {}, &queue) != ZEL_SWP_SUCCESS)
+    // Who has no entry in the task table would be waited for. Trouble shows in acknowledgements, or in their absence.
+    if (!isReachable(client, service, instance)) return ZEL_RTM_STATUS_UNREACHABLE;
+    const auto ignore = [](void *, int) {};
+    if (zelSwpQueueCreate(ZEL_RTM_SERVICE, 0, service, instance, 0, 0, retransmitSeconds, patienceSeconds, ignore,
+                          &queue) != ZEL_SWP_SUCCESS)
         return ZEL_RTM_STATUS_UNREACHABLE;
     zel::programs::useHeap(queue);
     Target &target = targets_[client.handle];
