@@ -28,7 +28,7 @@ constexpr uint32_t endOfTest = 999, capacity = 64;
 struct Message {
     uint8_t bytes[messageBytes] = {};
     void fill(uint32_t number) {
-        for (const unsigned at : {132, messageBytes - 4}) zelIpcHdrSet32(bytes, at, number);
+        for (const unsigned at : {132u, messageBytes - 4u}) zelIpcHdrSet32(bytes, at, number);
     }
     bool isWhole(uint32_t number) const {
         return zelIpcHdrGet32(bytes, 132) == number && zelIpcHdrGet32(bytes, messageBytes - 4) == number;
