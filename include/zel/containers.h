@@ -1,7 +1,7 @@
 /*
- * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, the radix tree zelRadix, the
- * timing wheel zelcw, the free-index allocator zelFreeIndex, the tree of byte keys zelAvl, and the table of large keys
- * zelLargeKeyData.
+ * Containers: the intrusive doubly linked list zelDLL, the allocating list with positions, the red-black tree
+ * zelRBTree, the hash table zelHash, the radix tree zelRadix, the timing wheel zelcw, the free-index allocator
+ * zelFreeIndex, the tree of byte keys zelAvl, and the table of large keys zelLargeKeyData.
  *
  * None of them locks: whoever shares one between tasks serialises access to it, readers included unless nobody writes.
  * They hold the caller's pointers and never free the caller's data. Nothing here blocks. A handle is checked in every
@@ -179,6 +179,120 @@ int listLength(zelListNode *list);
 /* Takes every datum as an address: the position of the first node where `length` bytes (at most 4) equal the bytes of
  * `value` as it lies in memory; 0 when none does. */
 int listFindLong(zelListNode *list, int32_t value, int length);
+
+/* ==== Red-black tree ==============================================================================================
+ *
+ * An ordered map of caller-owned records, keyed by a field inside each record. The tree owns its nodes, never the
+ * records. The key of a record stays unchanged while the record is in a tree. Equal keys are not refused: a new record
+ * comes behind the equal ones in key order; whoever needs unique keys looks up first.
+ *
+ * Wherever a call takes a `key`, it is a record or a template with the key at the tree's key offset. Look-ups return
+ * the record, null when none qualifies. Look-ups, insertion and removal take O(log n).
+ *
+ * A null key or record is reported by assertion while checking is on, and misses. While it is off, trees with a
+ * built-in comparator report and refuse it still; a caller's comparator is given the null.
+ */
+
+#define ZEL_RBTREE_MAGIC 0xdeadbeefu
+#define ZEL_RBTREE_NAME_LENGTH 50
+/* Kinds of comparator. */
+#define ZEL_RBTREE_UNSIGNED 2
+#define ZEL_RBTREE_SIGNED 4
+/* Colours of a node. */
+#define ZEL_RBTREE_BLACK 0
+#define ZEL_RBTREE_RED 1
+/* A flag of zelRBTreeWalk: visit a node before its left sub-tree. */
+#define ZEL_RBTREE_PREORDER 1u
+
+typedef struct zelRBTree zelRBTree;
+typedef struct zelRBNode zelRBNode;
+
+/* Negative, zero or positive as `probe` stands before, beside or behind `data` in the order of the tree. */
+typedef int (*zelRBTreeCompareFn)(zelRBTree *tree, const void *probe, const void *data);
+
+/* A missing child, and the parent of the root, is the tree's rbtt_nil, never null. */
+struct zelRBNode {
+    zelRBNode *rbtn_left;
+    zelRBNode *rbtn_right;
+    zelRBNode *rbtn_parent;
+    uint32_t rbtn_colour;
+    uint32_t rbtn_key; /* a built-in comparator's key, so that searches need not visit the record */
+    void *rbtn_data;
+};
+
+/* Callers may read everything. */
+struct zelRBTree {
+    uint32_t rbtt_magic; /* 0 once destroyed */
+    char rbtt_name[ZEL_RBTREE_NAME_LENGTH + 1];
+    uint32_t rbtt_keyOffset; /* bytes from the start of a record */
+    uint32_t rbtt_keyLength; /* for the caller's comparator; 4 with a built-in one */
+    zelRBNode *rbtt_root;
+    int32_t rbtt_checking;
+    zelRBTreeCompareFn rbtt_compare;
+    zelAllocFn rbtt_alloc;
+    zelFreeFn rbtt_free;
+    uint32_t numinodes;     /* nodes now in the tree */
+    uint32_t rbtt_inserts;  /* insertions ever made */
+    uint32_t rbtt_removes;  /* removals ever made */
+    uint32_t rbtt_allocs;   /* nodes obtained from rbtt_alloc */
+    uint32_t rbtt_releases; /* nodes given to rbtt_free */
+    zelRBNode rbtt_nil;     /* black; its links point at itself */
+    uint32_t rbtt_kind;     /* ZEL_RBTREE_UNSIGNED, ZEL_RBTREE_SIGNED, or 0 for the caller's comparator */
+    void *rbtt_slabs;       /* of a tree with the default allocation: where nodes come from, */
+    zelRBNode *rbtt_spare;  /* and those that are free */
+};
+
+/* The built-in comparators, for records whose key is one 32-bit word in host order; the word need not be aligned. Trees
+ * created with them search several times faster than with a caller's comparator that does the same. */
+int _RBTCompareUL(zelRBTree *tree, const void *one, const void *two);
+int _RBTCompareI(zelRBTree *tree, const void *one, const void *two);
+
+/* Creates an empty tree; the name is cut at 50 characters. Every node comes from one call of `allocFn` and returns to
+ * `freeFn`; null takes zelRBTreeMalloc and zelRBTreeFree. With both of these a tree calls them for many nodes at a
+ * time, and keeps what it has until it is empty. The header comes from zelMC_calloc. Null: no memory, or no name or
+ * comparator (reported by assertion). */
+zelRBTree *zelRBTreeCreate(const char *name, uint32_t keyOffset, uint32_t keyLength, zelAllocFn allocFn,
+                           zelFreeFn freeFn, zelRBTreeCompareFn compareFn);
+/* Frees the header, and no nodes but those of the default allocation: the caller empties the tree first. */
+void zelRBTreeDestroy(zelRBTree *tree);
+/* The same with the header in shared memory, from zelMC_MM_calloc. A tree that processes share takes functions that
+ * allocate there, too. It holds addresses of functions, so processes other than the creator insert, remove, and use a
+ * caller's comparator only where the same code is mapped at the same place; look-ups with a built-in comparator work
+ * everywhere. Whoever shares the tree serialises access to it. */
+zelRBTree *zelRBTreeShmCreate(const char *name, uint32_t keyOffset, uint32_t keyLength, zelAllocFn allocFn,
+                              zelFreeFn freeFn, zelRBTreeCompareFn compareFn);
+void zelRBTreeShmDestroy(zelRBTree *tree);
+
+/* 1, or 0 with the tree unchanged when there is no memory for a node. */
+int zelRBTreeInsert(zelRBTree *tree, void *data);
+/* Takes out a record equal to `key` and returns it; of several the one nearest to the root. */
+void *zelRBTreeRemove(zelRBTree *tree, const void *key);
+/* A record equal to `key`; of several the one nearest to the root. */
+void *zelRBTreeGetExact(zelRBTree *tree, const void *key);
+/* The least record, null in an empty tree. */
+void *zelRBTreeGetFirst(zelRBTree *tree);
+/* A record equal to `key`, else the least one behind it, or the greatest one before it. */
+void *zelRBTreeGetExactOrNext(zelRBTree *tree, const void *key);
+void *zelRBTreeGetExactOrPrev(zelRBTree *tree, const void *key);
+/* The record that follows the one which zelRBTreeGetExact finds; without an equal one the least behind `key`. A null
+ * key gives null, not the first record. Among equal records this can return to the same one for ever: walk those. */
+void *zelRBTreeGetNext(zelRBTree *tree, const void *key);
+/* Calls `visit` for the records from the exact-or-next one of `start` on, in key order, or with ZEL_RBTREE_PREORDER in
+ * `flags` each before its sub-trees; a null `start` begins at the beginning. Ends early when `visit` returns non-zero,
+ * and after `maximum` records unless that is 0. Returns the record visited last when it ended early, from which a later
+ * call may resume (that one is visited again), and null when it ran to the end. `visit` must not change the tree. */
+void *zelRBTreeWalk(zelRBTree *tree, const void *start, int (*visit)(zelRBTree *tree, void *data, void *arg),
+                    uint32_t maximum, uint32_t flags, void *arg);
+
+/* Draws the tree on standard output, unless it has more than 200 nodes: one line for each, in key order, with a bar for
+ * every level above it, its depth, R or B, and what `print` says of the record. */
+void zelRBTreePrint(zelRBTree *tree, const char *(*print)(void *data));
+/* Switches the checking of arguments on (1) or off (anything else); it is on after creation. */
+void zelRBTreeDebug(zelRBTree *tree, int on);
+
+/* The default node allocation, on the checking allocator. */
+void *zelRBTreeMalloc(size_t bytes);
+void zelRBTreeFree(void *node);
 
 /* ==== Radix tree ==================================================================================================
  *
