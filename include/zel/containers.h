@@ -4,13 +4,14 @@
  * zelFreeIndex, the tree of byte keys zelAvl, and the table of large keys zelLargeKeyData.
  *
  * None of them locks: whoever shares one between tasks serialises access to it, readers included unless nobody writes.
- * They hold the caller's pointers and never free the caller's data. Nothing here blocks. A handle is checked in every
- * call, by its magic word where it has one; a call on a bad handle reports an assertion, changes nothing and returns
- * null, 0 or a miss.
+ * They hold the caller's pointers and never free the caller's data. Nothing here blocks, but for the console of the
+ * hash table. A handle is checked in every call, by its magic word where it has one; a call on a bad handle reports an
+ * assertion, changes nothing and returns null, 0 or a miss.
  */
 #ifndef ZEL_CONTAINERS_H
 #define ZEL_CONTAINERS_H
 
+#include <stdarg.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -293,6 +294,79 @@ void zelRBTreeDebug(zelRBTree *tree, int on);
 /* The default node allocation, on the checking allocator. */
 void *zelRBTreeMalloc(size_t bytes);
 void zelRBTreeFree(void *node);
+
+/* ==== Hash table ==================================================================================================
+ *
+ * A chained hash table of caller-owned records, each of which begins with a zelDLLNode. The table does not hash: the
+ * caller computes a bucket number, usually with zelHashGetKey, and names it on insertion and look-up. The calls that
+ * look for records or step through them keep the current bucket in a cursor, a variable of the caller's; null is none.
+ * A null or foreign cursor where a bucket is needed is reported by assertion and nothing happens.
+ */
+
+#define zelHASH_MAGIC 0xababbabau
+
+typedef struct zelHashBucket {
+    zelDLL h_list;
+    uint32_t h_hits;   /* insertions ever made */
+    uint32_t h_hwm;    /* the most records it ever held */
+    uint32_t h_curnum; /* records now */
+} zelHashBucket;
+
+/* Callers may read everything. */
+typedef struct zelHash {
+    uint32_t hh_magic; /* 0 once destroyed */
+    zelHashBucket *hh_buckets;
+    int32_t hh_size;    /* number of buckets, a power of two */
+    uint32_t hh_curnum; /* records now */
+    zelAllocFn hh_alloc;
+    zelFreeFn hh_free;
+} zelHash;
+
+/* Creates an empty table of `size` buckets, a power of two. Header and buckets come from two calls of `allocFn` and
+ * return to `freeFn`; null takes zelHashMalloc and zelHashFree. Null: no memory, or a bad size (reported by
+ * assertion). */
+zelHash *zelHashCreate(int size, zelAllocFn allocFn, zelFreeFn freeFn);
+/* Forgets all records and statistics; frees nothing. A null table is ignored. */
+void zelHashInit(zelHash *table);
+/* Frees the table. Records still in it are reported by assertion, and left alone. */
+void zelHashDestroy(zelHash *table);
+/* The bucket for `length` bytes at `key`: the Internet checksum of the key (16-bit big-endian words, one's complement),
+ * cut to the size of the table. Tables of more than 65,536 buckets never use the upper ones. 0 without a key. */
+uint32_t zelHashGetKey(zelHash *table, const void *key, uint32_t length);
+/* Adds a record to bucket `bid`, in front of or behind the others there. Equal records are not looked for. */
+void zelHashInsertAtFront(zelHash *table, uint32_t bid, void *record);
+void zelHashInsertAtBack(zelHash *table, uint32_t bid, void *record);
+/* The first record of bucket `bid` for which `compare`, called with it and the arguments behind `compare`, returns 0;
+ * sets the cursor to the bucket. Null with a null cursor when there is none. */
+void *zelHashFind(zelHash *table, zelHashBucket **cursor, uint32_t bid, int (*compare)(void *record, va_list arguments),
+                  ...);
+/* Takes the record out of the cursor's bucket, where it must be. The cursor stays. */
+void zelHashRemove(zelHash *table, zelHashBucket **cursor, void *record);
+/* The same, with a step to the following record, which is returned: the way to remove while stepping through. */
+void *zelHashRemoveAndGetNext(zelHash *table, zelHashBucket **cursor, void *record);
+/* Steps through all records, bucket by bucket, in the order of the lists. Null with a null cursor at the end; a null
+ * record or cursor starts over. */
+void *zelHashGetFirst(zelHash *table, zelHashBucket **cursor);
+void *zelHashGetNext(zelHash *table, zelHashBucket **cursor, void *record);
+/* The same backwards, with one exception: zelHashGetLast does not look into bucket 0, zelHashGetPrev does. */
+void *zelHashGetLast(zelHash *table, zelHashBucket **cursor);
+void *zelHashGetPrev(zelHash *table, zelHashBucket **cursor, void *record);
+/* The first record of the cursor's bucket, or of the next one that has any; a null cursor starts at the first. */
+void *zelHashGetBucketFirst(zelHash *table, zelHashBucket **cursor);
+/* The number of records in the table; records, insertions and the high-water mark of one bucket. */
+void zelHashStat(zelHash *table, uint32_t bid, uint32_t *total, uint32_t *nodes, uint32_t *hits, uint32_t *hwm);
+
+/* A console for trying a table out, on standard input and output: reads an operation number and, where one is needed, a
+ * value; operation 1 lists them. It adds records of its own, of a node and a value, and takes every record in the table
+ * for one of those; removed ones return to zelHashFree. Returns at operation 2 or at the end of the input. Blocks on
+ * the input. `print` may be null. */
+void zelHashAttach(zelHash *table, void (*print)(void *record));
+/* The same with a table of 16 buckets that lasts as long as the call. */
+void zelHashTest(void);
+
+/* The default allocation, on the checking allocator. */
+void *zelHashMalloc(size_t bytes);
+void zelHashFree(void *block);
 
 /* ==== Radix tree ==================================================================================================
  *
