@@ -1,6 +1,6 @@
 /*
  * The kernel interface: start-up, printing, assertions and logging; tasks; semaphores; message queues and byte rings;
- * ticks, watchdogs and interval timers. Each task is one POSIX thread with a control block.
+ * ticks, watchdogs and interval timers; the timer library. Each task is one POSIX thread with a control block.
  *
  * Any thread may call everything here unless a function says otherwise; a thread that is no task may use every wait.
  * Calls that may block are cancellation points on entry, also when they do not wait.
@@ -478,6 +478,137 @@ int vx2bsdTimerDelete(zelIntervalTimerId timer);
 /* One pass over the watchdogs, and over the interval timers; the service tasks call them, and simulations do. */
 void process_timer_list(void);
 void process_vx2bsd_timer_list(void);
+
+/* ==== Timer library ===============================================================================================
+ *
+ * Timers with a delay, for tasks: a task owns a timer head, keeps its timers there in the order of their expiry, and
+ * calls zelProcTimers from its own loop, at best once a tick; that calls the callbacks of the timers that are due. A
+ * head without a guard belongs to one task. With a guard, other tasks may create, set, enable, disable and delete its
+ * timers meanwhile; the calls then wait for each other, and are cancellation points on entry. The guard is not held
+ * during a callback, which may do all of this, too, its own timer included. A task that leaves in a callback leaves
+ * its timer unlinked.
+ *
+ * A timer is linked, and fires when it is due, from its creation, setting or enabling until it fires or is disabled. A
+ * periodic one is linked again after its callback, unless that disabled, set or deleted it. Calls return 0 unless
+ * described otherwise, or -1 without effect when the head, the timer or the callback is null, or the head is destroyed
+ * meanwhile; those that create return null.
+ */
+
+/* Time in ticks, high word first. */
+typedef struct {
+    uint32_t high;
+    uint32_t low;
+} zelTick_t;
+
+typedef struct zelTimer zelTimer;
+typedef struct zelTmrHead zelTmrHead;
+typedef void (*zelTmrCb)(intptr_t argument);
+
+/* The type of a timer: any other value than this one fires once. */
+#define ZEL_TIMER_PERIODIC 3
+
+/* Where a head's records come from: `size` bytes, aligned for pointers, or null; what follows is what the timer is
+ * created with. And where they go. Neither is called with the guard held. */
+typedef void *(*zelTmrAllocFn)(size_t size, zelTmrCb callback, intptr_t argument, uint32_t seconds, uint32_t ticks,
+                               int type, zelTmrHead *head);
+typedef void (*zelTmrFreeFn)(void *record);
+
+#define ZEL_TMR_TREES 64
+
+/* Supplied by the caller, who may change the limit; the rest belongs to the library. */
+struct zelTmrHead {
+    zelTimer *trees[ZEL_TMR_TREES]; /* each for the expiries that have its index as remainder */
+    zelSemId guard;                 /* 0 without one */
+    uint32_t limit;                 /* the most callbacks of one zelProcTimers; 0 for any number */
+    zelTmrAllocFn allocRoutine;
+    zelTmrFreeFn releaseRoutine;
+    uint32_t linked;   /* timers in the trees */
+    uint64_t earliest; /* none of them expires before this tick */
+    zelTimer *firing;  /* those whose callback runs */
+};
+
+/* Makes an empty head; null routines mean zelTimerLibMalloc and zelTimerLibFree, which use the checking allocator. -1
+ * also when the guard, a semaphore, cannot be had. */
+int zelTmrHeadInit(zelTmrHead *head, zelTmrAllocFn allocRoutine, zelTmrFreeFn releaseRoutine, int withGuard,
+                   uint32_t limit);
+/* Deletes the guard and clears the head. Timers are not released, and their head is gone: flush it before. May block.
+ */
+int zelTmrHeadDestroy(zelTmrHead *head);
+/* Deletes every timer that is linked, or periodic and in its callback. */
+int zelTmrFlushAll(zelTmrHead *head);
+/* 1 when no timer is linked, else 0. */
+int zelTmrTreeEmpty(zelTmrHead *head);
+
+/* A new timer that calls callback(argument) after `seconds` and `ticks`; it is counted from the tick that has begun.
+ * Null also without memory. */
+zelTimer *zelTimerCreate(zelTmrCb callback, intptr_t argument, uint32_t seconds, int type, zelTmrHead *head);
+zelTimer *zelTickTimerCreate(zelTmrCb callback, intptr_t argument, uint32_t seconds, uint32_t ticks, int type,
+                             zelTmrHead *head);
+/* Starts a timer, linked or not, with a new period and callback; argument and type stay. zelTimerSet is for whole
+ * seconds: it sets the ticks to 0. */
+int zelTimerSet(zelTimer *timer, uint32_t seconds, zelTmrCb callback, zelTmrHead *head);
+int zelTickTimerSet(zelTimer *timer, uint32_t seconds, uint32_t ticks, zelTmrCb callback, zelTmrHead *head);
+/* Enabling starts the timer with the period it has; -1 when it is linked already. */
+int zelTimerEnable(zelTimer *timer, zelTmrHead *head);
+int zelTimerDisable(zelTimer *timer, zelTmrHead *head);
+/* Unlinks and releases the timer. Also a one-shot timer that fired stays the owner's until this. */
+int zelTimerDelete(zelTimer *timer, zelTmrHead *head);
+/* The steps of the calls above: counts the expiry from now and puts the timer in its place, -1 when it is linked
+ * already; and takes it out. */
+int zelTimerLink(zelTimer *timer, zelTmrHead *head);
+int zelTimerUnlink(zelTimer *timer, zelTmrHead *head);
+
+/* Calls the callbacks of the timers that are due now, in the order of their expiry, those of one tick in the order of
+ * their records' addresses; how many. What becomes due meanwhile waits for the next call; a periodic timer counts its
+ * next period from the end of its callback. One with a period of 0 fires again and again until the tick has passed.
+ * One task at a time calls this for a head. */
+int zelProcTimers(zelTmrHead *head);
+/* The same with the time read again after each callback, so that it ends when nothing is due any more, or after
+ * `maxFired` callbacks when that is not 0; without that, a periodic timer with a period of 0 keeps it for ever. Once
+ * more than `yieldAfter` callbacks were called, it yields after each, unless that is 0 or `thread` is null. */
+int zelProcTimersThread(zelTmrHead *head, uint32_t yieldAfter, uint32_t maxFired, void *thread);
+/* Weak; does nothing. A library of cooperative threads defines it. */
+void zelThreadYield(void *thread);
+
+/* The order of timers: negative, 0 or positive as `a` comes before, is, or comes after `b`. Null comes first. */
+int zelTmrCompare(const zelTimer *a, const zelTimer *b);
+void *zelTimerLibMalloc(size_t size, zelTmrCb callback, intptr_t argument, uint32_t seconds, uint32_t ticks, int type,
+                        zelTmrHead *head);
+void zelTimerLibFree(void *record);
+
+/* ---- The timer tick ---- */
+
+/* Timers count the tick counter plus an offset of their own. */
+extern uint64_t zelTimerTickOffset;
+uint64_t zelTimerTickGet(void);
+/* Makes the timer tick read (high << 32) + low now, and prints it on standard output. Timers that are linked keep
+ * their expiry. */
+void zelTimerTickSet(uint32_t high, uint32_t low);
+/* Sets it to the number that a file begins with, decimal, 0x hexadecimal or 0 octal, and says so on standard output;
+ * does nothing when the file cannot be read. */
+void zelTimerInitTick(const char *path);
+
+/* ---- Arithmetic of ticks and seconds ----
+ *
+ * 0, or -1: `out` is null, the divisor is 0 (both leave `out` alone), or the result has overflown (`out` holds its low
+ * bits). A difference is the distance, whichever operand is larger. A product counts as overflown when it is smaller
+ * than an operand, as 0 times 5 is, and an overflow that leaves it larger than both passes. */
+int zeltick_add_tick(zelTick_t a, zelTick_t b, zelTick_t *out);
+int zeltick_sub_tick(zelTick_t a, zelTick_t b, zelTick_t *out);
+int zeltick_mul_tick(zelTick_t a, zelTick_t b, zelTick_t *out);
+int zeltick_div_tick(zelTick_t a, zelTick_t b, zelTick_t *out);
+int zeltick_add_sec(uint32_t a, uint32_t b, uint32_t *out);
+int zeltick_sub_sec(uint32_t a, uint32_t b, uint32_t *out);
+int zeltick_mul_sec(uint32_t a, uint32_t b, uint32_t *out);
+int zeltick_div_sec(uint32_t a, uint32_t b, uint32_t *out);
+/* The seconds in a number of ticks. */
+uint64_t zeltick_to_sec(uint32_t high, uint32_t low);
+/* The tick counter in seconds; all ones once its high word is above 49. */
+uint32_t zelSecGet(void);
+
+/* Sleeps `seconds` and (`milliseconds` modulo 1000) milliseconds. A signal ends the sleep unless `resumeOnSignal` is
+ * non-zero; a suspension of the task does not. 0, or -1 with EINTR. Blocks; a cancellation point. */
+int zelSleep(uint32_t seconds, uint32_t milliseconds, int resumeOnSignal);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus
