@@ -154,6 +154,12 @@ private:
     QueueLock lock_;
 };
 
+// Why a queue that was asked for takes no calls: an error number, or 0.
+inline int refusalBy(const HeldQueue &queue) {
+    if (!queue) return ZEL_ERR_INVALID_OBJECT_ID;
+    return queue->state == QueueState::live ? 0 : ZEL_ERR_OBJECT_DELETED;
+}
+
 // Frees a queue that everybody has left.
 void retire(Queue &queue) {
     char *buffer;
@@ -336,8 +342,7 @@ int waitAndDo(HeldQueue &queue, WaitList &list, int ticks, Condition isReady, Ac
 int send(zelMsgQId id, const char *bytes, std::uint32_t length, int ticks, bool isUrgent) {
     KernelSection section;
     HeldQueue queue(id);
-    if (!queue) return ZEL_ERR_INVALID_OBJECT_ID;
-    if (queue->state == QueueState::dying) return ZEL_ERR_OBJECT_DELETED;
+    if (const int error = refusalBy(queue); error != 0) return error;
     if (length > queue->maxLength) return ZEL_ERR_INVALID_MSG_LENGTH;
     const auto act = [&] {
         put(*queue, bytes, length, isUrgent);
@@ -351,8 +356,7 @@ int send(zelMsgQId id, const char *bytes, std::uint32_t length, int ticks, bool 
 int receive(zelMsgQId id, char *bytes, std::uint32_t size, int ticks, MessageLength &length) {
     KernelSection section;
     HeldQueue queue(id);
-    if (!queue) return ZEL_ERR_INVALID_OBJECT_ID;
-    if (queue->state == QueueState::dying) return ZEL_ERR_OBJECT_DELETED;
+    if (const int error = refusalBy(queue); error != 0) return error;
     if (size < queue->maxLength) return ZEL_ERR_INVALID_MSG_LENGTH;
     const auto act = [&] {
         length = get(*queue, bytes);
@@ -381,8 +385,7 @@ private:
 int destroy(zelMsgQId id) {
     KernelSection section;
     HeldQueue queue(id);
-    if (!queue) return ZEL_ERR_INVALID_OBJECT_ID;
-    if (queue->state == QueueState::dying) return ZEL_ERR_OBJECT_DELETED;
+    if (const int error = refusalBy(queue); error != 0) return error;
     queue->state = QueueState::dying;
     unparkAll(queue->receivers);
     unparkAll(queue->senders);
@@ -462,21 +465,24 @@ int msgQReceive(zelMsgQId queue, char *buffer, uint32_t maxNBytes, int timeoutTi
     return error == 0 ? static_cast<int>(length) : fail(error);
 }
 
-static int numberOfMessages(zelMsgQId id) {
+static int countMessages(zelMsgQId id, int &number) {
     KernelSection section;
     HeldQueue queue(id);
-    return queue ? static_cast<int>(queue->count) : ZEL_ERROR;
+    if (const int error = refusalBy(queue); error != 0) return error;
+    number = static_cast<int>(queue->count);
+    return 0;
 }
 
 int msgQNumMsgs(zelMsgQId queue) {
-    const int number = numberOfMessages(queue);
-    return number >= 0 ? number : fail(ZEL_ERR_INVALID_OBJECT_ID);
+    int number = 0;
+    const int error = countMessages(queue, number);
+    return error == 0 ? number : fail(error);
 }
 
 int msgQInfo(void) {
     const std::size_t room = numberOfQueues();
     if (room == 0) {
-        printf(" -- no message queues currently allocated --\n");
+        printf(" -- no message queues currently allocated --");
         return ZEL_OK;
     }
     auto *pictures = static_cast<Picture *>(allocate(room * sizeof(Picture)));

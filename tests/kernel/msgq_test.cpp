@@ -230,6 +230,7 @@ TEST(MsgQDelete, DyingQueueSaysSoUntilItIsGone) {
         EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, send(queue, "x", WAIT_FOREVER));
         EXPECT_EQ(receive(queue, WAIT_FOREVER), deleted);
         EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, msgQDelete(queue));
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, msgQNumMsgs(queue));
         EXPECT_NE(shown().find("KIL last send"), std::string::npos);
         EXPECT_FALSE(deleter.hasEnded());
         if (isFull) deleter.remove();
@@ -238,7 +239,7 @@ TEST(MsgQDelete, DyingQueueSaysSoUntilItIsGone) {
         EXPECT_EQ(error, ZEL_ERR_OBJECT_DELETED);
         expectRefused(queue);
     }
-    EXPECT_EQ(shown(), " -- no message queues currently allocated --\n");
+    EXPECT_EQ(shown(), " -- no message queues currently allocated --");
     const zelMsgQId first = msgQCreate(4, 4, ZEL_MSGQ_PRIORITY), last = msgQCreate(4, 4, ZEL_MSGQ_FIFO);
     send(first, "b", 0, ZEL_MSG_URGENT);
     char expected[200];
