@@ -6,6 +6,7 @@
 // Interval timers are counted down by the timer task, once a second. A periodic one runs again before its routine is
 // called, so that the routine may cancel it.
 #include <algorithm>
+#include <optional>
 
 #include "kernel/countdown_list.h"
 #include "platform/seam.h"
@@ -35,6 +36,9 @@ struct zelIntTimer {
     zelIntTimer *next = nullptr;
 };
 
+uint64_t vxAbsTicksAdd = 0;
+int32_t vxAbsTicksSign = 0;
+
 namespace zel::kernel {
 namespace {
 
@@ -44,28 +48,32 @@ constinit CountdownList<zelIntTimer> timers("&timer_list_lock");
 constinit Mutex offsetLock{LockRank::module, "&tick_lock"};
 constinit std::atomic<std::uint32_t> offsetVersion{0};
 
+// The counter; nothing while the offset is being changed.
+std::optional<std::uint64_t> ticksUnlessChanging() {
+    const std::uint32_t version = offsetVersion.load(std::memory_order_acquire);
+    const std::uint64_t raw = platform::nowInTicks();
+    const std::uint64_t magnitude = __atomic_load_n(&vxAbsTicksAdd, __ATOMIC_ACQUIRE);
+    const std::int32_t sign = __atomic_load_n(&vxAbsTicksSign, __ATOMIC_ACQUIRE);
+    if ((version & 1) != 0 || offsetVersion.load(std::memory_order_relaxed) != version) return std::nullopt;
+    return sign == 0 ? raw + magnitude : raw - magnitude;
+}
+
 }  // namespace
 }  // namespace zel::kernel
 
 using namespace zel;
 using namespace zel::kernel;
 
-uint64_t vxAbsTicksAdd = 0;
-int32_t vxAbsTicksSign = 0;
-
 int sysClkRateGet(void) {
     return platform::ticksPerSecond;
 }
 
 uint64_t tick64Get(void) {
-    for (;;) {
-        const std::uint32_t version = offsetVersion.load(std::memory_order_acquire);
-        const std::uint64_t raw = platform::nowInTicks();
-        const std::uint64_t magnitude = __atomic_load_n(&vxAbsTicksAdd, __ATOMIC_ACQUIRE);
-        const std::int32_t sign = __atomic_load_n(&vxAbsTicksSign, __ATOMIC_ACQUIRE);
-        if ((version & 1) == 0 && offsetVersion.load(std::memory_order_relaxed) == version)
-            return sign == 0 ? raw + magnitude : raw - magnitude;
-    }
+    if (const auto ticks = ticksUnlessChanging()) return *ticks;
+    // Waits for the setter, which may have lost the processor to this very thread.
+    const KernelSection section;
+    const Lock lock(offsetLock);
+    return *ticksUnlessChanging();
 }
 
 uint64_t zelTickGet(void) {
