@@ -184,18 +184,74 @@ zelSemId createOrFail(std::uint32_t typeAndOptions, std::uint64_t flags, std::in
     return id;
 }
 
-// ---- Taking ----
+// ---- Giving ----
 
-// What a task owes after it got a mutex for the first time, and after it gave it for the last time.
-void afterTake(std::uint64_t word) {
-    if (word & word::deleteSafe) taskSafe();
-}
+// What a task owes after its last give of a mutex. The waiters were woken before: leaving delete safety may block, and
+// the task may be deleted there.
 void afterGive(std::uint64_t word) {
-    if (word & word::deleteSafe) taskUnsafe();
+    if (word & word::deleteSafe) leaveDeleteSafety();
     if (word & word::inversionSafe) {
         taskLock();
         taskUnlock();
     }
+}
+
+bool giveAtOnce(zelSemId id) {
+    std::atomic<std::uint64_t> &state = slotOf(id).word;
+    std::uint64_t word = state.load(std::memory_order_relaxed);
+    do {
+        if (!word::isIdle(word, id)) return false;
+        if (word::isMutex(word) && (word & word::recursed || word::owner(word) != currentTask().serial)) return false;
+    } while (
+        !state.compare_exchange_weak(word, word::given(word), std::memory_order_release, std::memory_order_relaxed));
+    afterGive(word);
+    return true;
+}
+
+int refuseForeignGive(HeldSemaphore &sem, const Tcb &task) {
+    ++sem->illegalGives;
+    sem->lastIllegalGiver = &task;
+    return ZEL_ERR_INVALID_SEM_OPERATION;
+}
+
+// Sets `owed` to the word before a mutex's last give.
+int giveUnderLock(zelSemId id, std::uint64_t &owed) {
+    HeldSemaphore sem = find(id);
+    if (!sem) return ZEL_ERR_INVALID_OBJECT_ID;
+    if (sem->isMutex() && !sem.isOwnedBy(currentTask())) return refuseForeignGive(sem, currentTask());
+    if (sem->extraHolds > 0) {
+        if (--sem->extraHolds == 0) sem.setWord(sem.word() & ~word::recursed);
+        return 0;
+    }
+    owed = sem.word();
+    sem.setWord(word::given(owed));
+    if (word::hasToken(sem.word())) sem.wakeNext();
+    return 0;
+}
+
+int giveSlowly(zelSemId id) {
+    KernelSection section;
+    std::uint64_t owed = 0;
+    const int error = giveUnderLock(id, owed);
+    afterGive(owed);
+    return error;
+}
+
+// ---- Taking ----
+
+// What a task does that got a delete-safe mutex for the first time. One that is deleted here does not die as its owner.
+void afterTake(zelSemId id, std::uint64_t word) {
+    if ((word & word::deleteSafe) == 0) return;
+    struct GiveBack {
+        const zelSemId id;
+        bool isSafe;
+        ~GiveBack() {
+            std::uint64_t owed = 0;
+            if (!isSafe) giveUnderLock(id, owed);
+        }
+    } unlessSafe{id, false};
+    taskSafe();
+    unlessSafe.isSafe = true;
 }
 
 bool takeAtOnce(zelSemId id) {
@@ -206,7 +262,7 @@ bool takeAtOnce(zelSemId id) {
         if (!word::isIdle(word, id) || !word::hasToken(word)) return false;
         next = word::taken(word, word::isMutex(word) ? currentTask().serial : 0);
     } while (!state.compare_exchange_weak(word, next, std::memory_order_acquire, std::memory_order_relaxed));
-    afterTake(word);
+    afterTake(id, word);
     return true;
 }
 
@@ -273,51 +329,7 @@ int takeSlowly(zelSemId id, int ticks) {
     KernelSection section;
     std::uint64_t gained = 0;
     const int error = takeUnderLock(id, ticks, gained);
-    afterTake(gained);
-    return error;
-}
-
-// ---- Giving ----
-
-bool giveAtOnce(zelSemId id) {
-    std::atomic<std::uint64_t> &state = slotOf(id).word;
-    std::uint64_t word = state.load(std::memory_order_relaxed);
-    do {
-        if (!word::isIdle(word, id)) return false;
-        if (word::isMutex(word) && (word & word::recursed || word::owner(word) != currentTask().serial)) return false;
-    } while (
-        !state.compare_exchange_weak(word, word::given(word), std::memory_order_release, std::memory_order_relaxed));
-    afterGive(word);
-    return true;
-}
-
-int refuseForeignGive(HeldSemaphore &sem, const Tcb &task) {
-    ++sem->illegalGives;
-    sem->lastIllegalGiver = &task;
-    return ZEL_ERR_INVALID_SEM_OPERATION;
-}
-
-// Sets `owed` to the word before a mutex's last give.
-int giveUnderLock(zelSemId id, std::uint64_t &owed) {
-    HeldSemaphore sem = find(id);
-    if (!sem) return ZEL_ERR_INVALID_OBJECT_ID;
-    if (sem->isMutex() && !sem.isOwnedBy(currentTask())) return refuseForeignGive(sem, currentTask());
-    if (sem->extraHolds > 0) {
-        if (--sem->extraHolds == 0) sem.setWord(sem.word() & ~word::recursed);
-        return 0;
-    }
-    owed = sem.word();
-    sem.setWord(word::given(owed));
-    if (word::hasToken(sem.word())) sem.wakeNext();
-    return 0;
-}
-
-int giveSlowly(zelSemId id) {
-    KernelSection section;
-    std::uint64_t owed = 0;
-    const int error = giveUnderLock(id, owed);
-    // The waiters were woken first: leaving delete safety may block, and the caller may be deleted there.
-    afterGive(owed);
+    afterTake(id, gained);
     return error;
 }
 

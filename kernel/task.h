@@ -134,6 +134,9 @@ private:
 // is named by its serial, so an owner that ended meanwhile is left alone.
 void inheritPriority(std::uint64_t ownerSerial, const Tcb &waiter);
 
+// taskUnsafe(), without its cancellation point on entry: for a caller whose other half is done.
+void leaveDeleteSafety();
+
 // Sets the calling thread's error number and returns ZEL_ERROR.
 int fail(int errorNumber);
 

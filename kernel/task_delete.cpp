@@ -127,6 +127,13 @@ void stopThread(Lock &list, Tcb &task) {
     wakeWatchers(task);
 }
 
+void leaveDeleteSafety() {
+    const KernelSection section;
+    Tcb &self = currentTask();
+    Lock list(taskListLock);
+    if (self.safeCount > 0 && --self.safeCount == 0 && self.deletersWaiting > 0) handOverToDeleters(list, self);
+}
+
 }  // namespace zel::kernel
 
 using namespace zel;
@@ -165,9 +172,6 @@ int taskSafe(void) {
 
 int taskUnsafe(void) {
     cancellationPoint();
-    const KernelSection section;
-    Tcb &self = currentTask();
-    Lock list(taskListLock);
-    if (self.safeCount > 0 && --self.safeCount == 0 && self.deletersWaiting > 0) handOverToDeleters(list, self);
+    leaveDeleteSafety();
     return ZEL_OK;
 }

@@ -23,6 +23,12 @@ void expectRefused(zelSemId id) {
     EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, semDelete(id));
 }
 
+std::string shown(zelSemId id) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(semInfo(id), ZEL_OK);
+    return testing::internal::GetCapturedStdout();
+}
+
 // A task that takes once and tells how it went.
 struct Taker {
     explicit Taker(zelSemId id, int ticks = WAIT_FOREVER, int priority = 100)
@@ -115,9 +121,7 @@ TEST(SemMutex, OnlyTheOwnerRecursesAndGives) {
         EXPECT_TRUE(stranger.ends());
         Taker next(id);
         EXPECT_TRUE(next.task.pends());
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(semInfo(id), ZEL_OK);
-        EXPECT_NE(testing::internal::GetCapturedStdout().find("held 3 times, illegal gives 2"), std::string::npos);
+        EXPECT_NE(shown(id).find("held 3 times, illegal gives 2"), std::string::npos);
         for (int i = 0; i < 3; ++i) {
             EXPECT_TRUE(next.task.isPending()) << i << " of 3 gives";
             EXPECT_EQ(semGive(id), ZEL_OK);
@@ -320,6 +324,32 @@ TEST(SemFlush, EndsBeforeADeletionThatCameLater) {
     EXPECT_EQ(waiter.error, 0) << "the flush came first";
 }
 
+// Wherever a deletion or a restart reaches a task that takes and gives a delete-safe mutex: it does not end as the
+// owner or inside its section, and starts again safe as often as it is owner.
+TEST(SemMutex, DeleteSafeOneIsNeverLeftOwnedByADeletedTask) {
+    const zelSemId id = semMCreate(ZEL_SEM_DELETE_SAFE);
+    for (int round = 0; round < (isFullRun() ? 20'000 : 200); ++round) {
+        std::atomic<bool> runs{false};
+        const zelTaskId tid = spawn([&] {
+            while (semGive(id) == ZEL_OK) {
+            }
+            EXPECT_EQ(field(taskIdSelf(), &zelTcb::safeCount), 0);
+            for (runs = true;; semGive(id)) {
+                semTake(id, WAIT_FOREVER);
+                if (round % 2 == 0) pthread_testcancel();
+            }
+        });
+        for (int restarts = 0; restarts < round % 2 * 5; ++restarts) {
+            taskDelay(0);
+            ASSERT_EQ(taskRestart(tid), ZEL_OK);
+        }
+        eventually(1, [&] { return runs.load(); });
+        ASSERT_EQ(taskDelete(tid), ZEL_OK);
+        ASSERT_EQ(semTake(id, ZEL_NO_WAIT), ZEL_OK) << round;
+        ASSERT_EQ(semGive(id), ZEL_OK);
+    }
+}
+
 // While a suspended waiter keeps a deletion open, the id is dead to everybody, and the deleter may itself be deleted.
 TEST(SemDelete, IdIsDeadBeforeTheLastWaiterHasLeft) {
     for (const bool deleterIsDeleted : {false, true}) {
@@ -340,7 +370,7 @@ TEST(SemDelete, IdIsDeadBeforeTheLastWaiterHasLeft) {
         ASSERT_NE(semBCreate(0, 0), 0u) << "both slots are free again, " << i << " created";
 }
 
-// ---- Races
+// ---- Races ----
 
 // Tasks take, give, flush, create and delete the same few semaphores at random; a mutex guards a plain counter.
 TEST(SemRaces, HammeringKeepsExclusionAndHangsNobody) {
