@@ -4,7 +4,8 @@
 // the word of kernel/semaphore_word.h, so a stale or invented id can be judged at any time without touching freed
 // memory and without a list lock. Uncontended takes and gives are one compare-and-swap on that word. Everything else
 // works under the slot's lock: HeldSemaphore sets `engaged`, which shuts the fast path, and clears it when it lets go
-// with nobody waiting. While a task waits the flag stays, so every give finds the waiters.
+// with nobody waiting, be it for a token or for others to leave. While a task waits the flag stays: every give finds
+// the waiters, and whoever comes back to the lock after parking has the word to itself.
 //
 // Waiting. A task joins the wait list before it looks for a token, so that in first-in-first-out order nobody is
 // overtaken. A give wakes the task whose turn it is; in priority order all of them, for every woken waiter may take.
@@ -121,7 +122,7 @@ public:
         if (!lock_ || !lock_->isHeld()) return;
         const bool isDeserted = slot_->block->waiters.isEmpty() && slot_->block->drainers.isEmpty();
         const bool isOver = isDeserted && isDead();
-        if (slot_->block->waiters.isEmpty()) slot_->word.store(word() & ~word::engaged, std::memory_order_release);
+        if (isDeserted) slot_->word.store(word() & ~word::engaged, std::memory_order_release);
         lock_->unlock();
         if (isOver) retire(*slot_);
     }

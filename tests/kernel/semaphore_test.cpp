@@ -403,4 +403,19 @@ TEST(SemRaces, HammeringKeepsExclusionAndHangsNobody) {
     EXPECT_EQ(counted, 4L * rounds);
 }
 
+// A semaphore that is far too low for anybody to get a token counts each give, also beside a flusher that just leaves.
+TEST(SemRaces, FlushesLoseNoGive) {
+    constexpr long depth = -2'000'000'000;
+    const zelSemId id = semCCreate(ZEL_SEM_FIFO, depth);
+    TestTask waiter([&] {
+        for (int i = isFullRun() ? 100'000 : 1'000; i > 0; --i) semTake(id, WAIT_FOREVER);
+    });
+    TestTask flusher([&] {
+        while (!waiter.hasEnded()) semFlush(id);
+    });
+    long gives = 0;
+    for (; !flusher.hasEnded(); ++gives) semGive(id);
+    EXPECT_NE(shown(id).find("count " + std::to_string(depth + gives) + ' '), std::string::npos);
+}
+
 }  // namespace
