@@ -83,6 +83,26 @@ void zelPlatformSetVirtualSingle(int isVirtualSingle);
 void zelPlatformSetSlotId(uint32_t slot);
 void zelPlatformSetPeMasterAddress(uint32_t address);
 
+/* What is known of the cards in the slots. A null function takes the default's answer. */
+typedef struct {
+    void *context;
+    /* The type of the card in a slot; by default 0, no card. */
+    uint32_t (*cardType)(void *context, int slot);
+    /* The interface type of a port; by default 3, GigabitEthernet. */
+    uint32_t (*portType)(void *context, int slot, uint32_t port);
+    /* Writes a port as users name it, with its zero at most `size` bytes, different for each port of a slot; by default
+     * port + 1 in decimal. */
+    void (*portText)(void *context, int slot, uint32_t port, char *text, size_t size);
+    /* Non-zero: management ports are named by number, port + 1, whatever portText says. */
+    int hasFourPartNames;
+} zelCardTable;
+
+/* Replaces the card table by a copy of `table`; null restores the default. Call it before any other thread of the
+ * library runs. */
+void zelPlatformSetCardTable(const zelCardTable *table);
+/* The card table in force, all of its functions set; never null. */
+const zelCardTable *zelPlatformCardTable(void);
+
 /* ---- The checking allocator -------------------------------------------------------------------------------------- */
 
 /* Weak; a program replaces all four or none. `tag` names the source, `line` the caller's line: a string that does not

@@ -1,0 +1,182 @@
+// Lists of interfaces against a std::set, and their maps and compressed form.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "tests/support/failing_allocator.h"
+#include "tests/support/random.h"
+#include "zel/ifm.h"
+
+// Every block of the lists and their trees comes from here.
+void *zelMC_malloc(const char *, int, size_t bytes) {
+    return zel::test::FailingAllocator::allocate(bytes);
+}
+void *zelMC_calloc(const char *, int, size_t count, size_t bytes) {
+    void *block = zel::test::FailingAllocator::allocate(count * bytes);
+    return block ? memset(block, 0, count * bytes) : nullptr;
+}
+void zelMC_free(const char *, int, void *block) {
+    zel::test::FailingAllocator::release(block);
+}
+
+namespace zel::test {
+namespace {
+
+struct List : ifmIfList {
+    List() { EXPECT_EQ(IFM_IFLIST_INIT(this), IFM_OK); }
+    List(const List &) = delete;
+    ~List() { IFM_IFLIST_DESTROY(this); }
+};
+
+std::set<uint32_t> membersOf(const ifmIfList &list) {
+    std::set<uint32_t> members;
+    for (uint32_t at = 0; (at = IFM_IFLIST_NEXT(&list, at)) != 0;) {
+        EXPECT_TRUE(members.empty() || at > *members.rbegin());
+        members.insert(at);
+    }
+    EXPECT_EQ(IFM_IFLIST_COUNT(&list), members.size());
+    return members;
+}
+
+uint32_t randomInterface(Random &random) {
+    const auto below = [&random](uint32_t end) { return static_cast<uint16_t>(random() % end); };
+    switch (random() % 4) {
+        case 0:
+            return ifmCreateIfIndex(3 + random() % 2, below(14), below(60), 0);
+        case 1:
+            return ifmCreateIfIndex(7, below(4), below(8), below(4));
+        case 2:
+            return ifmCreateIfIndex(IFM_TYPE_PORT_CHANNEL, 0, 0, below(140));
+        default:
+            return ifmCreateIfIndex(IFM_TYPE_VLAN, 0, 0, below(4100));
+    }
+}
+
+TEST(IfList, RandomOperationsAgainstASet) {
+    Random random = seeded();
+    List list, copy;
+    std::set<uint32_t> model;
+    const int steps = isFullRun() ? 1'000'000 : 100'000;
+    for (int step = 0; step < steps; ++step) {
+        const uint32_t index = randomInterface(random);
+        const bool isMember = model.contains(index);
+        const bool fits = ifmIfIndexToIfType(index) != IFM_TYPE_VLAN || ifmIfIndexToVlanId(index) < 4095;
+        ASSERT_EQ(IFM_IFLIST_HAS(&list, index), isMember);
+        const auto above = model.upper_bound(index);
+        ASSERT_EQ(IFM_IFLIST_NEXT(&list, index), above == model.end() ? 0 : *above);
+        if (random() % 3) {
+            ASSERT_EQ(IFM_IFLIST_ADD(&list, index), fits ? IFM_OK : IFM_ERR_TYPE);
+            if (fits) model.insert(index);
+        } else {
+            ASSERT_EQ(IFM_IFLIST_DEL(&list, index), isMember ? IFM_OK : IFM_ERR_NO_MEMBER);
+            model.erase(index);
+        }
+        if (model.size() > 64 && step % 5'000) continue;
+        ASSERT_EQ(membersOf(list), model);
+        ASSERT_EQ(IFM_IFLIST_COPY(&copy, &list), IFM_OK);
+        ASSERT_TRUE(IFM_IFLIST_EQUAL(&copy, &list));
+    }
+    EXPECT_EQ(IFM_IFLIST_ADD(&list, ifmCreateIfIndex(IFM_TYPE_TUNNEL, 0, 0, 1)), IFM_ERR_TYPE);
+    EXPECT_EQ(IFM_IFLIST_ADD(&list, 0), IFM_ERR_TYPE);
+    IFM_IFLIST_CLEAR(&list);
+    EXPECT_TRUE(membersOf(list).empty());
+    EXPECT_FALSE(IFM_IFLIST_EQUAL(&copy, &list));
+}
+
+TEST(IfList, EveryAllocationFailsInTurn) {
+    {
+        ifmIfList fresh;
+        for (unsigned nth = 1; nth <= 2; ++nth) {
+            FailingAllocator::failAt(nth);
+            EXPECT_EQ(IFM_IFLIST_INIT(&fresh), IFM_ERR_NO_MEMORY);
+            EXPECT_EQ(FailingAllocator::live(), 0);
+        }
+        List from, to;
+        for (uint16_t i = 0; i < 5; ++i) ASSERT_EQ(IFM_IFLIST_ADD(&from, ifmCreateIfIndex(3, 0, i, 0)), IFM_OK);
+        ASSERT_EQ(IFM_IFLIST_ADD(&to, ifmCreateIfIndex(22, 0, 0, 7)), IFM_OK);
+        int result = IFM_ERR_NO_MEMORY;
+        for (unsigned nth = 1; result != IFM_OK; ++nth) {
+            const int live = FailingAllocator::live();
+            const auto members = membersOf(to);
+            FailingAllocator::failAt(nth);
+            result = IFM_IFLIST_COPY(&to, &from);
+            ASSERT_EQ(result == IFM_ERR_NO_MEMORY, FailingAllocator::hasFailed());
+            if (result == IFM_OK) break;
+            ASSERT_EQ(FailingAllocator::live(), live);
+            ASSERT_EQ(membersOf(to), members);
+        }
+        EXPECT_TRUE(IFM_IFLIST_EQUAL(&to, &from));
+        FailingAllocator::failAt(0);
+    }
+    EXPECT_EQ(FailingAllocator::live(), 0);
+}
+
+TEST(IfList, GoesThroughItsMap) {
+    List list, back;
+    for (const uint32_t index : {ifmCreateIfIndex(3, 0, 0, 0), ifmCreateIfIndex(3, 13, 12, 0),
+                                 ifmCreateIfIndex(22, 0, 0, 1), ifmCreateIfIndex(24, 0, 0, 4094)})
+        ASSERT_EQ(IFM_IFLIST_ADD(&list, index), IFM_OK);
+    uint32_t map[IFM_IFLIST_MAP_WORDS];
+    EXPECT_EQ(ifmIfListToMap(&list, map), 0);
+    EXPECT_EQ(map[0], 0x80000000u);
+    EXPECT_EQ(map[715 / 32], 0x80000000u >> (714 % 32) | 0x80000000u >> (715 % 32));
+    EXPECT_EQ(map[4937 / 32], 0x80000000u >> (4937 % 32));
+    EXPECT_EQ(ifmIfListFromMap(&back, map), IFM_OK);
+    EXPECT_TRUE(IFM_IFLIST_EQUAL(&back, &list));
+    ASSERT_EQ(IFM_IFLIST_ADD(&list, ifmCreateIfIndex(7, 0, 0, 3)), IFM_OK);
+    EXPECT_EQ(ifmIfListToMap(&list, map), 1);
+}
+
+TEST(Compression, KnownBytes) {
+    const uint32_t bitmap[] = {0x00000000, 0x00120000, 0xffffffff, 0xff34ff00};
+    const uint8_t expected[] = {0x04, 0x80, 0x12, 0x01, 0x44, 0x82, 0x34, 0xff, 0x00};
+    uint8_t out[sizeof expected];
+    ASSERT_EQ(ifmBitmapCompress(bitmap, 128, out, sizeof out), static_cast<int>(sizeof expected));
+    EXPECT_EQ(memcmp(out, expected, sizeof expected), 0);
+    EXPECT_EQ(ifmBitmapCompress(bitmap, 128, out, sizeof out - 1), IFM_ERR_SIZE);
+}
+
+// Bitmaps from empty to full, sparse, dense and noisy, in buffers of exactly their size.
+TEST(Compression, ComesBackAndFitsItsBound) {
+    Random random = seeded();
+    for (int round = 0; round < 2'000; ++round) {
+        const uint32_t bits = round % 2 ? IFM_IFLIST_POSITIONS : random() % 2'000, words = (bits + 31) / 32;
+        const auto bitmap = std::make_unique<uint32_t[]>(words), back = std::make_unique<uint32_t[]>(words);
+        const uint32_t shape = random() % 5, one = random() % 3 + 1;
+        for (uint32_t i = 0; i < words; ++i)
+            bitmap[i] = shape == 0   ? 0
+                        : shape == 1 ? 0xffffffff
+                        : shape == 2 ? random()
+                                     : (random() % one ? 0
+                                        : shape == 3   ? 0xffff0000
+                                                       : 1u << random() % 32);
+        const size_t room = IFM_COMPRESSED_SIZE(bits);
+        const auto out = std::make_unique<uint8_t[]>(room);
+        const int length = ifmBitmapCompress(bitmap.get(), bits, out.get(), room);
+        ASSERT_GE(length, 0);
+        ASSERT_EQ(ifmBitmapUncompress(out.get(), static_cast<size_t>(length), back.get(), bits), IFM_OK);
+        ASSERT_TRUE(std::equal(bitmap.get(), bitmap.get() + words, back.get()));
+        if (length == 0) continue;
+        const auto cut = std::make_unique<uint8_t[]>(static_cast<size_t>(length) - 1);
+        std::copy_n(out.get(), length - 1, cut.get());
+        EXPECT_EQ(ifmBitmapUncompress(cut.get(), static_cast<size_t>(length) - 1, back.get(), bits), IFM_ERR_FORMAT);
+    }
+}
+
+TEST(Compression, JunkIsRefusedWithinBounds) {
+    Random random = seeded();
+    for (int round = 0; round < 20'000; ++round) {
+        const size_t length = random() % 16;
+        const auto junk = std::make_unique<uint8_t[]>(length), bitmap = std::make_unique<uint8_t[]>(64);
+        for (size_t i = 0; i < length; ++i) junk[i] = static_cast<uint8_t>(random());
+        ifmBitmapUncompress(junk.get(), length, reinterpret_cast<uint32_t *>(bitmap.get()), 512);
+    }
+    const uint8_t reserved[] = {0xc0, 0x00};
+    uint32_t word;
+    EXPECT_EQ(ifmBitmapUncompress(reserved, sizeof reserved, &word, 32), IFM_ERR_FORMAT);
+}
+
+}  // namespace
+}  // namespace zel::test
