@@ -21,13 +21,16 @@ struct Bytes {
     const uint32_t *words;
     size_t count;
 
-    uint32_t wordAt(size_t word) const { return word < count / 4 ? words[word] : 0; }
     uint8_t at(size_t i) const { return static_cast<uint8_t>(words[i / 4] >> (24 - i % 4 * 8)); }
     // Eight bytes from `i` on, the first one the most significant; zero bytes behind the end.
     uint64_t eightAt(size_t i) const {
-        const size_t word = i / 4, shift = i % 4 * 8;
-        const uint64_t aligned = uint64_t{wordAt(word)} << 32 | wordAt(word + 1);
-        return shift ? aligned << shift | wordAt(word + 2) >> (32 - shift) : aligned;
+        const uint32_t *word = words + i / 4;
+        const uint32_t last[3] = {word[0], i + 4 < count ? word[1] : 0, 0};
+        if (i / 4 + 2 >= count / 4) [[unlikely]]
+            word = last;
+        const uint64_t shift = i % 4 * 8;
+        const uint64_t aligned = uint64_t{word[0]} << 32 | word[1];
+        return aligned << shift | uint64_t{word[2]} << shift >> 32;
     }
 };
 
@@ -40,15 +43,16 @@ uint64_t zeroBytes(uint64_t bytes) {
     return ~(((bytes & ~highBits) + ~highBits) | bytes) & highBits;
 }
 
-// How many bytes from `from` on equal `value`.
+// How many bytes from `from` on equal `value`, which is 0x00 or 0xff: the rest of a word, whole words, part of a word.
 size_t runLength(const Bytes &bytes, size_t from, uint8_t value) {
-    size_t end = from;
-    while (end < bytes.count) {
-        const size_t equal = firstMarked(bytes.eightAt(end) ^ value * everyByte);
-        end += equal;
-        if (equal < 8) break;
-    }
-    return std::min(end, bytes.count) - from;
+    const uint32_t same = value ? 0xffffffffu : 0;
+    size_t word = from / 4;
+    uint32_t differing = (bytes.words[word] ^ same) << from % 4 * 8;
+    if (differing) return static_cast<size_t>(std::countl_zero(differing)) / 8;
+    for (++word; word < bytes.count / 4; ++word)
+        if ((differing = bytes.words[word] ^ same) != 0)
+            return word * 4 + static_cast<size_t>(std::countl_zero(differing)) / 8 - from;
+    return bytes.count - from;
 }
 
 // How many bytes from `from` on come before two equal ones of a run, at least one.
@@ -74,7 +78,10 @@ public:
         for (size_t end = from + length; from < end;) {
             const size_t piece = std::min(end - from, longestRun);
             put(static_cast<uint8_t>(literal | (piece - 1)));
-            for (size_t i = 0; i < piece; ++i) put(bytes.at(from++));
+            if (used_ + piece <= size_)
+                for (size_t i = 0; i < piece; ++i) out_[used_ + i] = bytes.at(from + i);
+            used_ += piece;
+            from += piece;
         }
     }
     int result() const { return used_ <= size_ ? static_cast<int>(used_) : IFM_ERR_SIZE; }

@@ -4,6 +4,7 @@
 // (24) - so "the next member above an index" is the first answer of the parts asked in turn. A VLAN's place in that
 // order is its number: the fields below and above it are constant.
 #include <bit>
+#include <initializer_list>
 
 #include "zel/ifm.h"
 

@@ -3,6 +3,7 @@
 
 #include <cctype>
 #include <string>
+#include <vector>
 
 #include "tests/support/reports.h"
 #include "zel/ifm.h"
@@ -99,16 +100,16 @@ TEST(IfNames, AreReadBack) {
         for (char &letter : name) letter = static_cast<char>(isupper(letter) ? tolower(letter) : toupper(letter));
         EXPECT_EQ(zelIfmLNameToIfIndex(name.c_str()), index) << name;
     };
+    using Values = std::vector<uint16_t>;
     for (const uint32_t type : namedTypes) {
         const bool hasExtenderSlot = type >= 7 && type <= 9;
-        for (const uint16_t port : {0, 9, 127, 1023})
-            for (const uint16_t slot : {0, 13, 62})
-                if (!hasExtenderSlot) expectReadBack(ifmCreatePhysicalIfIndex(type, slot, port, 0));
-        for (const uint16_t number : {0, 1, 4096, 16383}) expectReadBack(ifmCreateLogicalIfIndex(type, 0, 0, number));
-        if (!hasExtenderSlot) continue;
-        for (const uint16_t port : {0, 127})
-            for (const uint16_t extender : {0, 511})
-                for (const uint16_t slot : {0, 15}) expectReadBack(ifmCreatePeIfIndex(type, slot, port, extender));
+        for (const uint16_t port : hasExtenderSlot ? Values{0, 127} : Values{0, 9, 127, 1023})
+            for (const uint16_t slot : hasExtenderSlot ? Values{0, 15} : Values{0, 13, 62})
+                for (const uint16_t extender : hasExtenderSlot ? Values{0, 511} : Values{0})
+                    expectReadBack(hasExtenderSlot ? ifmCreatePeIfIndex(type, slot, port, extender)
+                                                   : ifmCreatePhysicalIfIndex(type, slot, port, 0));
+        for (const uint16_t number : Values{0, 1, 4096, 16383})
+            expectReadBack(ifmCreateLogicalIfIndex(type, 0, 0, number));
     }
 }
 

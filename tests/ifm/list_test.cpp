@@ -9,18 +9,6 @@
 #include "tests/support/random.h"
 #include "zel/ifm.h"
 
-// Every block of the lists and their trees comes from here.
-void *zelMC_malloc(const char *, int, size_t bytes) {
-    return zel::test::FailingAllocator::allocate(bytes);
-}
-void *zelMC_calloc(const char *, int, size_t count, size_t bytes) {
-    void *block = zel::test::FailingAllocator::allocate(count * bytes);
-    return block ? memset(block, 0, count * bytes) : nullptr;
-}
-void zelMC_free(const char *, int, void *block) {
-    zel::test::FailingAllocator::release(block);
-}
-
 namespace zel::test {
 namespace {
 
@@ -67,10 +55,10 @@ TEST(IfList, RandomOperationsAgainstASet) {
         const auto above = model.upper_bound(index);
         ASSERT_EQ(IFM_IFLIST_NEXT(&list, index), above == model.end() ? 0 : *above);
         if (random() % 3) {
-            ASSERT_EQ(IFM_IFLIST_ADD(&list, index), fits ? IFM_OK : IFM_ERR_TYPE);
+            ASSERT_EQ(IFM_IFLIST_ADD(&list, index), fits ? int{IFM_OK} : IFM_ERR_TYPE);
             if (fits) model.insert(index);
         } else {
-            ASSERT_EQ(IFM_IFLIST_DEL(&list, index), isMember ? IFM_OK : IFM_ERR_NO_MEMBER);
+            ASSERT_EQ(IFM_IFLIST_DEL(&list, index), isMember ? int{IFM_OK} : IFM_ERR_NO_MEMBER);
             model.erase(index);
         }
         if (model.size() > 64 && step % 5'000) continue;
@@ -142,16 +130,16 @@ TEST(Compression, KnownBytes) {
 TEST(Compression, ComesBackAndFitsItsBound) {
     Random random = seeded();
     for (int round = 0; round < 2'000; ++round) {
-        const uint32_t bits = round % 2 ? IFM_IFLIST_POSITIONS : random() % 2'000, words = (bits + 31) / 32;
+        const uint32_t bits = round % 2 ? uint32_t{IFM_IFLIST_POSITIONS} : random() % 2000, words = (bits + 31) / 32;
         const auto bitmap = std::make_unique<uint32_t[]>(words), back = std::make_unique<uint32_t[]>(words);
         const uint32_t shape = random() % 5, one = random() % 3 + 1;
         for (uint32_t i = 0; i < words; ++i)
-            bitmap[i] = shape == 0   ? 0
-                        : shape == 1 ? 0xffffffff
-                        : shape == 2 ? random()
-                                     : (random() % one ? 0
-                                        : shape == 3   ? 0xffff0000
-                                                       : 1u << random() % 32);
+            bitmap[i] = shape == 0       ? 0u
+                        : shape == 1     ? 0xffffffffu
+                        : shape == 2     ? uint32_t{random()}
+                        : random() % one ? 0u
+                        : shape == 3     ? 0xffff0000u
+                                         : 1u << random() % 32;
         const size_t room = IFM_COMPRESSED_SIZE(bits);
         const auto out = std::make_unique<uint8_t[]>(room);
         const int length = ifmBitmapCompress(bitmap.get(), bits, out.get(), room);
