@@ -7,9 +7,9 @@
 // A bitmap of interfaces has first 54 places for each slot up to position 714, which is port 12 of slot 13, then port
 // channels from 1 on, then VLANs from 1 on; the extended numbering goes on with tunnels.
 #define ZEL_IFM_LINKAGE
-#include "zel/ifm.h"
-
 #include <initializer_list>
+
+#include "zel/ifm.h"
 
 namespace {
 
