@@ -8,6 +8,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -43,24 +44,39 @@ constexpr std::uint32_t stride(std::uint32_t chunkSize) {
     return roundUp(trailerOffset(chunkSize), alignment);
 }
 
-// The second word of a header: index 12 bits, chunk size 16, tag 4.
-constexpr std::uint32_t chunkWord(std::uint32_t index, std::uint32_t chunkSize, std::uint32_t tag) {
-    return index << 20 | chunkSize << 4 | tag;
+// A header: the marker, then a word of index (12 bits), chunk size (16) and tag (4). It is read and written as the one
+// 64-bit word that the two are in memory.
+constexpr bool isMarkerLow = std::endian::native == std::endian::little;
+constexpr unsigned tagShift = isMarkerLow ? 32 : 0, sizeShift = tagShift + 4, indexShift = tagShift + 20;
+
+constexpr std::uint64_t makeHeader(std::uint32_t marker, std::uint32_t index, std::uint32_t chunkSize) {
+    return std::uint64_t{marker} << (isMarkerLow ? 0 : 32) | std::uint64_t{index} << indexShift |
+           std::uint64_t{chunkSize} << sizeShift;
 }
-constexpr std::uint32_t indexOf(std::uint32_t word) {
-    return word >> 20;
+constexpr std::uint64_t tagMask = std::uint64_t{0xf} << tagShift, indexMask = std::uint64_t{0xfff} << indexShift;
+
+// What turns the header of a free chunk into that of an allocated one, and back.
+constexpr std::uint64_t freeToUsed = makeHeader(allocatedMarker, 0, 0) - makeHeader(unusedMarker, 0, 0);
+
+constexpr std::uint32_t markerOf(std::uint64_t header) {
+    return static_cast<std::uint32_t>(header >> (isMarkerLow ? 0 : 32));
 }
-constexpr std::uint32_t sizeOf(std::uint32_t word) {
-    return word >> 4 & 0xffff;
+constexpr std::uint32_t indexOf(std::uint64_t header) {
+    return static_cast<std::uint32_t>((header & indexMask) >> indexShift);
+}
+constexpr std::uint32_t sizeOf(std::uint64_t header) {
+    return static_cast<std::uint32_t>(header >> sizeShift & 0xffff);
 }
 
 // Words of a page may be asked for at any address.
-inline std::uint32_t load(const std::byte *at) {
-    std::uint32_t word;
+template <class Word>
+Word load(const std::byte *at) {
+    Word word;
     std::memcpy(&word, at, sizeof word);
     return word;
 }
-inline void store(std::byte *at, std::uint32_t word) {
+template <class Word>
+void store(std::byte *at, Word word) {
     std::memcpy(at, &word, sizeof word);
 }
 

@@ -34,7 +34,7 @@ bool gather(PoolSet &set, std::uint32_t number, zelMemPoolStats &stats, unsigned
         pcb = shown(pool);
         const Page *page = pool->pages.head;
         for (std::uint32_t i = 0; i < capacity && page != nullptr; ++i, page = page->all.next)
-            lines[i] = {shown(page), page->free};
+            lines[i] = {shown(page), static_cast<int>(pool->freeIn(*page))};
         return true;
     });
 }

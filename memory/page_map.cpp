@@ -4,52 +4,68 @@
 
 namespace zel::memory {
 
-constinit std::array<std::atomic<GranuleTable *>, std::size_t{1} << (addressBits - granuleBits - tableBits)>
-    granuleTables{};
+constinit PageWindow pageWindow{};
 
 namespace {
 
+constinit std::array<std::atomic<GranuleTable *>, std::size_t{1} << (addressBits - granuleBits - tableBits)> tables{};
+constinit std::atomic<bool> isWindowMade{false}, isWindowOpen{true};
+
+void openWindow(std::uintptr_t number, GranuleTable *table) {
+    if (isWindowMade.exchange(true)) return;
+    pageWindow.start = number << tableBits << granuleBits;
+    pageWindow.table = table;
+    pageWindow.granules.store(isWindowOpen ? granulesPerTable : 0, std::memory_order_release);
+}
+
 // Made by whoever comes first, also when two pools grow at once. Null without memory.
-GranuleTable *tableOf(std::uintptr_t address) {
-    const std::uintptr_t number = address >> granuleBits >> tableBits;
-    if (number >= granuleTables.size()) return nullptr;
-    GranuleTable *table = granuleTables[number].load(std::memory_order_acquire);
-    if (table != nullptr) return table;
+GranuleTable *makeTable(std::uintptr_t number) {
     auto *made = static_cast<GranuleTable *>(platform::zeroPages(sizeof(GranuleTable)));
     if (made == nullptr) return nullptr;
-    if (granuleTables[number].compare_exchange_strong(table, made)) return made;
-    platform::giveBackZeroPages(made, sizeof(GranuleTable));
-    return table;
-}
-
-// Calls `each` with every granule of a page, the one it begins in first; false when a table cannot be had.
-template <class Each>
-bool eachGranule(const Page *page, std::size_t bytes, Each each) {
-    const auto begin = reinterpret_cast<std::uintptr_t>(page);
-    for (std::uintptr_t number = begin >> granuleBits; number <= (begin + bytes - 1) >> granuleBits; ++number) {
-        GranuleTable *table = tableOf(number << granuleBits);
-        if (table == nullptr) return false;
-        each((*table)[number & (granulesPerTable - 1)], number == begin >> granuleBits);
+    GranuleTable *table = nullptr;
+    if (!tables[number].compare_exchange_strong(table, made)) {
+        platform::giveBackZeroPages(made, sizeof(GranuleTable));
+        return table;
     }
-    return true;
+    openWindow(number, made);
+    return made;
 }
 
-void setGranules(const Page *page, std::size_t bytes, std::uintptr_t value) {
-    eachGranule(page, bytes, [&](Granule &granule, bool isFirst) {
-        (isFirst ? granule.begins : granule.covers).store(value, std::memory_order_release);
-    });
+// The place of a granule; null when its table does not exist and is not to be made, or cannot be.
+std::atomic<Page *> *placeOf(std::uintptr_t granule, bool isToBeMade) {
+    const std::uintptr_t number = granule >> tableBits;
+    if (number >= tables.size()) return nullptr;
+    GranuleTable *table = tables[number].load(std::memory_order_acquire);
+    if (table == nullptr && isToBeMade) table = makeTable(number);
+    return table != nullptr ? &(*table)[granule & (granulesPerTable - 1)] : nullptr;
+}
+
+std::uintptr_t granuleOf(const void *pointer) {
+    return reinterpret_cast<std::uintptr_t>(pointer) >> granuleBits;
 }
 
 }  // namespace
 
-bool enterPage(const Page *page, std::size_t bytes) {
-    if (!eachGranule(page, bytes, [](Granule &, bool) {})) return false;
-    setGranules(page, bytes, reinterpret_cast<std::uintptr_t>(page));
+void openPageWindow(bool isOpen) {
+    isWindowOpen = isOpen;
+    if (pageWindow.table != nullptr) pageWindow.granules.store(isOpen ? granulesPerTable : 0);
+}
+
+bool enterPage(Page *page, std::size_t bytes) {
+    const std::uintptr_t first = granuleOf(page), last = granuleOf(reinterpret_cast<std::byte *>(page) + bytes - 1);
+    if (placeOf(first, true) == nullptr || placeOf(last, true) == nullptr) return false;
+    for (std::uintptr_t i = first; i <= last; ++i) placeOf(i, true)->store(page, std::memory_order_release);
     return true;
 }
 
-void removePage(const Page *page, std::size_t bytes) {
-    setGranules(page, bytes, 0);
+void removePage(Page *page, std::size_t bytes) {
+    const std::uintptr_t first = granuleOf(page), last = granuleOf(reinterpret_cast<std::byte *>(page) + bytes - 1);
+    for (std::uintptr_t i = first; i <= last; ++i) placeOf(i, true)->store(nullptr, std::memory_order_release);
+}
+
+Page *pageAt(const void *pointer) {
+    const std::atomic<Page *> *place = placeOf(granuleOf(pointer), false);
+    return place != nullptr ? place->load(std::memory_order_acquire) : nullptr;
 }
 
 }  // namespace zel::memory

@@ -1,9 +1,9 @@
 // From any address to the page that may contain it, without a look at what stands there: a pointer to be freed may
 // point anywhere, and a header that was written over must not lead anywhere.
 //
-// Addresses are divided into granules of 16 KiB. A page is larger than that, so a granule knows at most two: the one
-// that begins in it and the one that covers its first byte. Tables of granules are made when a page first needs them
-// and stay. A page is entered and removed under its pool's lock; anybody may look up at any time.
+// Pages begin at multiples of 512 bytes, so each granule of that size belongs to one page at most and knows it. Tables
+// of granules are made when a page first needs them and stay. A page is entered and removed under its pool's lock;
+// anybody may look up at any time.
 #pragma once
 
 #include <array>
@@ -16,34 +16,33 @@ namespace zel::memory {
 struct Page;
 
 constexpr bool isWide = sizeof(void *) == 8;
-constexpr unsigned granuleBits = 14, tableBits = isWide ? 18 : 10, addressBits = isWide ? 48 : 32;
+constexpr unsigned granuleBits = 9, tableBits = isWide ? 23 : 15, addressBits = isWide ? 48 : 32;
 constexpr std::size_t granuleBytes = std::size_t{1} << granuleBits, granulesPerTable = std::size_t{1} << tableBits;
 
-struct Granule {
-    std::atomic<std::uintptr_t> begins;
-    std::atomic<std::uintptr_t> covers;
-};
-using GranuleTable = std::array<Granule, granulesPerTable>;
+using GranuleTable = std::array<std::atomic<Page *>, granulesPerTable>;
 
-extern std::array<std::atomic<GranuleTable *>, std::size_t{1} << (addressBits - granuleBits - tableBits)> granuleTables;
+// The table that most pages are in, the first one made, for looking up in a few instructions. Closed while blocks are
+// traced, so that each call takes the long way.
+struct PageWindow {
+    std::atomic<std::uintptr_t> granules;  // how many are open: none, or all of the table
+    std::uintptr_t start;                  // address of the first one
+    GranuleTable *table;
+};
+extern PageWindow pageWindow;
+void openPageWindow(bool isOpen);
 
 // False when memory is short, or the addresses are beyond what the map covers; then nothing is entered.
-bool enterPage(const Page *page, std::size_t bytes);
-void removePage(const Page *page, std::size_t bytes);
+bool enterPage(Page *page, std::size_t bytes);
+void removePage(Page *page, std::size_t bytes);
 
-// The page whose granules contain the address, null when there is none. The address may yet lie behind its end.
-inline Page *pageAt(const void *pointer) {
-    const auto address = reinterpret_cast<std::uintptr_t>(pointer);
-    const std::uintptr_t number = address >> granuleBits >> tableBits;
-    if (number >= granuleTables.size()) [[unlikely]]
+// The page that the address is in, or lies shortly behind; null when there is none.
+Page *pageAt(const void *pointer);
+// The same from the window alone.
+inline Page *pageInWindow(const void *pointer) {
+    const std::uintptr_t granule = (reinterpret_cast<std::uintptr_t>(pointer) - pageWindow.start) >> granuleBits;
+    if (granule >= pageWindow.granules.load(std::memory_order_acquire)) [[unlikely]]
         return nullptr;
-    GranuleTable *table = granuleTables[number].load(std::memory_order_acquire);
-    if (!table) [[unlikely]]
-        return nullptr;
-    const Granule &granule = (*table)[address >> granuleBits & (granulesPerTable - 1)];
-    const std::uintptr_t begins = granule.begins.load(std::memory_order_acquire);
-    const std::uintptr_t covers = granule.covers.load(std::memory_order_acquire);
-    return reinterpret_cast<Page *>(address - begins < granuleBytes ? begins : covers);
+    return (*pageWindow.table)[granule].load(std::memory_order_acquire);
 }
 
 }  // namespace zel::memory

@@ -22,7 +22,10 @@ Pool *newPool(PoolSet &set, std::uint32_t poolId, const char *name, std::uint32_
     pool->chunkSize = chunk;
     pool->stride = stride(chunk);
     pool->trailer = trailerOffset(chunk);
-    pool->slotsBytes = chunksPerPage(chunk) * pool->stride;
+    pool->total = chunksPerPage(chunk);
+    pool->slotsBytes = pool->total * pool->stride;
+    pool->freeHeader = makeHeader(unusedMarker, 0, chunk);
+    pool->usedHeader = makeHeader(allocatedMarker, 0, chunk);
     pool->bound = -1;
     strncpy(pool->name, name != nullptr ? name : "", sizeof pool->name - 1);
     pool->id = poolId;
@@ -143,7 +146,7 @@ int zel_memPartVarDelete(uint32_t partId) {
     PoolSet &set = partition->variable;
     const bool isDeleted = guarded(set, [&] {
         for (std::uint32_t i = 0; i < set.count; ++i)
-            if (set.bySize[i]->inUse != 0) return false;
+            if (set.bySize[i]->inUse() != 0) return false;
         for (std::uint32_t i = 0; i < set.count; ++i) set.bySize[i]->clear();
         set.removeAll();
         return true;
@@ -183,7 +186,7 @@ int M_memPartGetStats(uint32_t partId, zelMemPartStats *stats) {
     const auto add = [&](const Pool &pool) {
         stats->pages += pool.pageCount;
         stats->pageBytes += std::uint64_t{pool.pageCount} * pageBytes(pool.chunkSize);
-        stats->chunksInUse += pool.inUse;
+        stats->chunksInUse += pool.inUse();
         stats->failures += pool.failures;
     };
     eachPool(partition->fixed, add);

@@ -30,14 +30,15 @@ struct Links {
 struct Page {
     Links all;
     Links withFree;
+    std::uint32_t firstFree;  // its offset from chunk 0, noChunk when none is free
+    bool isCounted;           // some chunk was taken for a line of source
+    Pool *plainPool;          // its pool when nobody counts or locks, else null
     Pool *pool;
-    std::uint32_t firstFree;  // offset of a header, noChunk at the end of the chain
-    std::uint16_t total;
-    std::uint16_t free;
-    bool isCounted;  // some chunk was taken for a line of source
+    void *memory;        // the block of the heap that it stands in
+    std::uint32_t used;  // chunks; apart from firstFree, lest compilers load both at once behind two stores
 };
 constexpr char source[] = "zelMemLib";  // as assertions and allocations name it
-constexpr std::uint32_t noChunk = 0;
+constexpr std::uint32_t noChunk = UINT32_MAX;
 // From a page to its first chunk's header, so that the data behind that is aligned.
 constexpr std::uint32_t firstHeader = roundUp(sizeof(Page) + headerBytes, alignment) - headerBytes;
 
@@ -70,9 +71,12 @@ struct Finding {
 struct Pool {
     PageList<&Page::all> pages;
     PageList<&Page::withFree> freePages;
+    std::uint64_t freeHeader, usedHeader;  // of chunk 0, with tag 0
     std::uint32_t chunkSize, stride, trailer;
-    std::uint32_t slotsBytes;  // of a page, all strides
-    std::uint32_t pageCount, inUse, highWater;
+    std::uint32_t total;  // chunks of a page
+    std::size_t slotsBytes;
+    std::uint32_t highWater, belowHighWater;  // most chunks in use, and how many fewer are now
+    std::uint32_t pageCount;
     std::int32_t bound;
     bool isExempt;
     bool isLocking;
@@ -101,56 +105,63 @@ struct Pool {
     void clear();
     zelMemPoolStats stats() const;
 
+    std::uint32_t inUse() const { return highWater - belowHighWater; }
+    std::uint32_t freeIn(const Page &page) const { return total - page.used; }
+
 private:
-    std::uint32_t siteOffset() const { return firstHeader + slotsBytes + wordBytes; }
+    std::uint32_t siteOffset() const { return firstHeader + total * stride + wordBytes; }
     std::uint32_t hostPageBytes() const;
     std::byte *sites(Page &page) const { return reinterpret_cast<std::byte *>(&page) + siteOffset(); }
-    void cut(Page &page);
+    void cut(Page &page, void *memory);
+    void raiseHighWater() {
+        ++highWater;
+        belowHighWater = 0;
+    }
     void dropPage(Page &page);
-    bool isSlot(std::uint32_t offset, std::uint32_t word) const;
 };
-
-inline bool Pool::isSlot(std::uint32_t offset, std::uint32_t word) const {
-    return firstHeader + indexOf(word) * stride == offset && sizeOf(word) == chunkSize;
-}
 
 inline std::byte *Pool::take(std::uint32_t tag) {
     Page *page = freePages.head;
     if (!page) [[unlikely]]
         return nullptr;
     const std::uint32_t offset = page->firstFree;
-    if (offset - firstHeader >= slotsBytes) [[unlikely]]
+    if (offset >= slotsBytes) [[unlikely]]
         return nullptr;
-    std::byte *header = reinterpret_cast<std::byte *>(page) + offset;
-    const std::uint32_t word = load(header + wordBytes);
-    if (load(header) != unusedMarker || !isSlot(offset, word)) [[unlikely]]
+    std::byte *header = reinterpret_cast<std::byte *>(page) + firstHeader + offset;
+    const auto word = load<std::uint64_t>(header);
+    if ((word & ~indexMask) != freeHeader || indexOf(word) * stride != offset) [[unlikely]]
         return nullptr;
-    page->firstFree = load(header + headerBytes);
-    store(header, allocatedMarker);
-    store(header + wordBytes, (word & ~0xfu) | tag);
-    if (--page->free == 0) [[unlikely]]
+    const auto next = load<std::uint32_t>(header + headerBytes);
+    store(header, word + freeToUsed + (std::uint64_t{tag} << tagShift));
+    page->firstFree = next;
+    ++page->used;
+    if (next == noChunk) [[unlikely]]
         freePages.remove(*page);
-    if (++inUse > highWater) highWater = inUse;
+    if (__builtin_sub_overflow(belowHighWater, 1u, &belowHighWater)) [[unlikely]]
+        raiseHighWater();
     return header + headerBytes;
 }
 
 inline bool Pool::give(Page &page, std::byte *data) {
     std::byte *header = data - headerBytes;
-    const auto offset = static_cast<std::size_t>(header - reinterpret_cast<std::byte *>(&page));
-    if (offset - firstHeader >= slotsBytes) [[unlikely]]
+    const auto offset =
+        static_cast<std::size_t>(data - reinterpret_cast<std::byte *>(&page)) - firstHeader - headerBytes;
+    if (offset >= slotsBytes) [[unlikely]]
         return false;
-    const std::uint32_t word = load(header + wordBytes);
-    if (load(header) != allocatedMarker || !isSlot(static_cast<std::uint32_t>(offset), word)) [[unlikely]]
+    const auto word = load<std::uint64_t>(header);
+    if (indexOf(word) * stride != offset || (word & ~(indexMask | tagMask)) != usedHeader) [[unlikely]]
         return false;
-    const std::uint32_t end = load(header + trailer);
-    if ((end != unusedMarker && end != allocatedMarker) || page.free >= page.total) [[unlikely]]
+    const auto end = load<std::uint32_t>(header + trailer);
+    if ((end != unusedMarker && end != allocatedMarker) || page.used == 0) [[unlikely]]
         return false;
-    store(header, unusedMarker);
-    store(data, page.firstFree);
+    const std::uint32_t next = page.firstFree;
+    store(header, (word & ~tagMask) - freeToUsed);
+    store(data, next);
     page.firstFree = static_cast<std::uint32_t>(offset);
-    if (page.free++ == 0) [[unlikely]]
+    --page.used;
+    ++belowHighWater;
+    if (next == noChunk) [[unlikely]]
         freePages.pushFront(page);
-    --inUse;
     return true;
 }
 

@@ -6,6 +6,7 @@
 namespace zel::memory {
 
 constinit std::array<Partition, ZEL_MEM_PARTITIONS> partitions{};
+constinit std::array<std::atomic<Pool *>, 64> shortcuts{};
 
 Partition *callersPartition() {
     static constinit std::atomic<std::uint32_t> last{0};

@@ -105,4 +105,12 @@ inline Pool *fixedPool(std::uint32_t poolId) {
                : nullptr;
 }
 
+// Pools that may be used at once when their identifier is given: of partitions that do not lock, found before, and none
+// while blocks are traced. A fixed pool is never removed.
+extern std::array<std::atomic<Pool *>, 64> shortcuts;
+
+inline std::atomic<Pool *> &shortcutTo(std::uint32_t poolId) {
+    return shortcuts[(poolId ^ poolId >> 13) % 64];
+}
+
 }  // namespace zel::memory

@@ -54,6 +54,10 @@ struct Request {
     std::uint32_t site;  // 0: nobody counts
 };
 
+constexpr std::uint32_t nibble(std::uint32_t tag) {
+    return tag >> 28;
+}
+
 Pool *choose(const PoolSet &set, const Request &request) {
     if (request.isVariable)
         return asserted(set.count <= MAX_VAR_POOLS, "totVarPools <= MAX_VAR_POOLS", source)
@@ -85,8 +89,8 @@ void take(Try &result, const Request &request) {
     }
     if (request.site != 0) pool.rememberTaker(*pageAt(result.block), result.block, request.site);
     result.page = page;
-    result.freeInPage = page->free;
-    result.inUse = pool.inUse;
+    result.freeInPage = pool.freeIn(*page);
+    result.inUse = pool.inUse();
     result.pageCount = pool.pageCount;
 }
 
@@ -167,20 +171,24 @@ void *refuse(Partition *partition, const Request &request, const Try &result) {
     return result.block;
 }
 
-[[gnu::noinline]] std::byte *takeLocked(Pool &pool, std::uint32_t tag) {
-    return locked(*pool.set, [&] { return pool.take(tag); });
+// A fixed pool that no shortcut leads to.
+[[gnu::noinline]] void *allocateFixed(std::uint32_t poolId, std::uint32_t size, std::uint32_t tag) {
+    Pool *pool = fixedPool(poolId);
+    if (pool && size <= pool->chunkSize && !isTracing()) {
+        if (!pool->isLocking) shortcutTo(poolId).store(pool, std::memory_order_release);
+        void *block = guarded(*pool->set, [&] { return pool->take(nibble(tag)); });
+        if (block) return block;
+    }
+    return allocateStepwise({false, poolId, size, nibble(tag), 0});
 }
 
 void *allocateCounted(const char *tag, int line, Request request) {
     request.site = platform::siteOf(tag, line);
     void *block = allocateStepwise(request);
     if (block != nullptr)
-        platform::noteAllocated(request.site, sizeOf(load(static_cast<const std::byte *>(block) - wordBytes)));
+        platform::noteAllocated(request.site,
+                                sizeOf(load<std::uint64_t>(static_cast<const std::byte *>(block) - headerBytes)));
     return block;
-}
-
-constexpr std::uint32_t nibble(std::uint32_t tag) {
-    return tag >> 28;
 }
 
 // ---- Free ----
@@ -201,7 +209,7 @@ void traceFree(const Page *page, bool isBack, const Pool &pool) {
     if (isBack) trace("Inserted Page int Free List %x, direction is %d\r\n", shown(page), atTheHead);
     const char *name = taskIdSelf() != 0 ? taskName(0) : nullptr;
     trace("Free TName: %s, Pages: %d, Chnks: %d\r\n", name != nullptr ? name : "Unk", static_cast<int>(pool.pageCount),
-          static_cast<int>(pool.inUse));
+          static_cast<int>(pool.inUse()));
 }
 
 // Every case but the plain one below.
@@ -214,7 +222,7 @@ void traceFree(const Page *page, bool isBack, const Pool &pool) {
     std::uint32_t site = 0;
     bool isBack = false;
     const Finding finding = guarded(*pool.set, [&]() -> Finding {
-        isBack = page->free == 0;
+        isBack = page->firstFree == noChunk;
         if (!pool.give(*page, data)) return pool.examineGiven(*page, data);
         site = pool.forgetTaker(*page, data);
         return {};
@@ -225,19 +233,22 @@ void traceFree(const Page *page, bool isBack, const Pool &pool) {
     return ZEL_OK;
 }
 
-[[gnu::noinline]] bool giveLocked(Pool &pool, Page &page, std::byte *data) {
-    return locked(*pool.set, [&] { return pool.give(page, data); });
+// A block of a page that is not plain, or is outside the window.
+[[gnu::noinline]] int releaseGuarded(void *addr) {
+    Page *page = pageAt(addr);
+    if (page && !page->isCounted && !isTracing()) {
+        Pool &pool = *page->pool;
+        if (guarded(*pool.set, [&] { return pool.give(*page, static_cast<std::byte *>(addr)); })) return ZEL_OK;
+    }
+    return releaseStepwise(addr);
 }
 
 inline int release(void *addr) {
-    Page *page = pageAt(addr);
-    if (page && !page->isCounted && !isTracing()) [[likely]] {
-        auto *data = static_cast<std::byte *>(addr);
-        Pool &pool = *page->pool;
-        if (pool.isLocking ? giveLocked(pool, *page, data) : pool.give(*page, data)) [[likely]]
-            return ZEL_OK;
-    }
-    return releaseStepwise(addr);
+    Page *page = pageInWindow(addr);
+    Pool *pool = page ? page->plainPool : nullptr;
+    if (pool && pool->give(*page, static_cast<std::byte *>(addr))) [[likely]]
+        return ZEL_OK;
+    return releaseGuarded(addr);
 }
 
 int releaseCounted(const char *tag, int line, void *addr) {
@@ -253,13 +264,11 @@ __attribute__((weak)) int zelMemUsageCheck(zelTaskId, uint32_t, uint32_t) {
 }
 
 void *M_memBlockAlloc(uint32_t poolId, uint32_t size, uint32_t tag) {
-    Pool *pool = fixedPool(poolId);
-    if (pool && size <= pool->chunkSize && !isTracing()) [[likely]] {
-        void *block = pool->isLocking ? takeLocked(*pool, nibble(tag)) : pool->take(nibble(tag));
-        if (block) [[likely]]
+    Pool *pool = shortcutTo(poolId).load(std::memory_order_acquire);
+    if (pool && pool->id == poolId && size <= pool->chunkSize) [[likely]]
+        if (void *block = pool->take(nibble(tag))) [[likely]]
             return block;
-    }
-    return allocateStepwise({false, poolId, size, nibble(tag), 0});
+    return allocateFixed(poolId, size, tag);
 }
 
 int M_memBlockFree(uint32_t, void *addr) {
@@ -316,4 +325,6 @@ void zelMC_M_sysMemfree(const char *tag, int line, void *block) {
 
 void zelMemSetDebug(uint32_t mask) {
     debugMask.store(mask, std::memory_order_relaxed);
+    openPageWindow(!isTracing());
+    for (auto &shortcut : shortcuts) shortcut.store(nullptr, std::memory_order_relaxed);
 }

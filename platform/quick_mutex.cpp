@@ -8,6 +8,34 @@
 
 namespace zel::platform {
 
+namespace {
+
+constexpr int fewestPauses = 8, mostPauses = 64;
+
+void pauseFor(int pauses) {
+    for (int i = 0; i < pauses; ++i) {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#else
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+#endif
+    }
+}
+
+}  // namespace
+
+// The holder needs no longer than this, if it runs at all; the longer the pauses, the more it gets done undisturbed.
+bool QuickMutex::lockSoon() {
+    for (int pauses = fewestPauses; pauses <= mostPauses; pauses *= 2) {
+        pauseFor(pauses);
+        std::uint32_t open = 0;
+        if (held_.load(std::memory_order_relaxed) == 0 &&
+            held_.compare_exchange_strong(open, 1, std::memory_order_acquire))
+            return true;
+    }
+    return false;
+}
+
 void QuickMutex::init(const char *name) {
     name_ = name;
     isQuick_ = !isRealTime() && fenceAllThreads();
@@ -19,6 +47,7 @@ void QuickMutex::lockSlowly() {
         if (pthread_mutex_lock(&host_) != 0) mutexCallFailed("pthread_mutex_lock", name_, __FILE__, __LINE__, __func__);
         return;
     }
+    if (lockSoon()) return;
     contenders_.fetch_add(1);
     fenceAllThreads();
     for (std::uint32_t open = 0; !held_.compare_exchange_strong(open, 1, std::memory_order_acquire); open = 0)

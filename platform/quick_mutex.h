@@ -1,9 +1,9 @@
 // A mutex for sections of some ten nanoseconds: one compare-and-swap to lock and one plain store to unlock.
 //
-// Whoever finds it locked announces itself, makes every thread pass a fence, and sleeps on the word; after that fence
-// each unlocker either has not stored yet and then sees the announcement, or has stored and is seen. So the seldom
-// contender pays for both sides. Where the host has no such fence, and while real-time scheduling asks for priority
-// inheritance, it is a plain host mutex.
+// Whoever finds it locked looks again a few times; then it announces itself, makes every thread pass a fence, and
+// sleeps on the word; after that fence each unlocker either has not stored yet and then sees the announcement, or has
+// stored and is seen. So the seldom contender pays for both sides. Where the host has no such fence, and while
+// real-time scheduling asks for priority inheritance, it is a plain host mutex.
 //
 // Not recursive; its memory may outlive its use, but must stay. The caller must not be stopped or cancelled inside.
 #pragma once
@@ -51,6 +51,7 @@ private:
             wakeContender();
     }
     void lockSlowly();
+    bool lockSoon();
     void unlockHost();
     void wakeContender();
 

@@ -103,37 +103,48 @@ zelMemPoolStats statsOf(uint32_t poolId = pool) {
 // Lists, chains and counters of a pool agree.
 void check(const memory::Pool &inspected) {
     uint32_t pages = 0, freePages = 0, chunks = 0;
-    for (const memory::Page *page = inspected.pages.head; page; page = page->all.next, ++pages) {
+    for (memory::Page *page = inspected.pages.head; page; page = page->all.next, ++pages) {
         uint32_t chained = 0;
-        const auto *bytes = reinterpret_cast<const std::byte *>(page);
-        for (uint32_t at = page->firstFree; at != memory::noChunk; at = load(bytes + at + 8), ++chained)
-            ASSERT_EQ(load(bytes + at), memory::unusedMarker);
-        ASSERT_EQ(chained, page->free);
-        ASSERT_EQ(memory::pageAt(page), page);
-        chunks += page->total - page->free;
-        freePages += page->free != 0;
+        const auto *first = reinterpret_cast<const std::byte *>(page) + memory::firstHeader;
+        for (uint32_t at = page->firstFree; at != memory::noChunk; at = load<uint32_t>(first + at + 8), ++chained)
+            ASSERT_EQ(load<uint32_t>(first + at), memory::unusedMarker);
+        ASSERT_EQ(chained, inspected.freeIn(*page));
+        ASSERT_EQ(memory::pageAt(first + inspected.slotsBytes), page);
         ASSERT_TRUE(page->all.next || page == inspected.pages.tail);
+        chunks += page->used;
+        freePages += chained != 0;
     }
     for (const memory::Page *page = inspected.freePages.head; page; page = page->withFree.next, --freePages)
-        ASSERT_NE(page->free, 0);
+        ASSERT_NE(page->firstFree, memory::noChunk);
     ASSERT_EQ(freePages, 0u);
     ASSERT_EQ(pages, inspected.stats().pages);
     ASSERT_EQ(chunks, inspected.stats().chunksInUse);
 }
 
-class Pools : public testing::Test {
+class PoolTest : public testing::Test {
 protected:
-    Pools() {
+    explicit PoolTest(int locking) {
         vx2bsdLibInit();
         zelTraceInit();
-        EXPECT_EQ(M_memPartCreate(partId, getpid(), 8, 1), 0);
+        EXPECT_EQ(M_memPartCreate(partId, getpid(), 8, locking), 0);
     }
-    ~Pools() override {
+    ~PoolTest() override {
         for (uint32_t i = 0; i < 8; ++i)
             if (const memory::Pool *made = memory::fixedPool(pool + i)) check(*made);
         M_sysForceMemBlockFree(partId);
         zel_memPartVarDelete(partId);
     }
+};
+
+class Pools : public PoolTest, public testing::WithParamInterface<int> {
+protected:
+    Pools() : PoolTest(GetParam()) {}
+};
+INSTANTIATE_TEST_SUITE_P(Locking, Pools, testing::Values(0, 1));
+
+class SharedPools : public PoolTest {
+protected:
+    SharedPools() : PoolTest(1) {}
 };
 
 TEST(PoolLayout, CountsFollowThePublishedPageAndNeverVanish) {
@@ -151,7 +162,7 @@ TEST(PoolLayout, CountsFollowThePublishedPageAndNeverVanish) {
     EXPECT_EQ(memory::chunksPerPage(0), 2066u);
 }
 
-TEST_F(Pools, EveryByteOfEveryChunkIsTheCallers) {
+TEST_P(Pools, EveryByteOfEveryChunkIsTheCallers) {
     const uint32_t sizes[] = {0, 1, 4, 13, 24, 4096, 16521, 65535};
     for (uint32_t i = 0; i < std::size(sizes); ++i) {
         ASSERT_EQ(M_memPoolCreate(pool + i, "sizes", sizes[i]), 0);
@@ -171,18 +182,18 @@ TEST_F(Pools, EveryByteOfEveryChunkIsTheCallers) {
     }
 }
 
-TEST_F(Pools, HeaderAndTrailerStandAroundTheData) {
+TEST_P(Pools, HeaderAndTrailerStandAroundTheData) {
     ASSERT_EQ(M_memPoolCreate(pool, "header", 30), 0);
     allocate();
     auto *second = static_cast<std::byte *>(M_memBlockAlloc(pool, 30, 0xabcdef01));
-    EXPECT_EQ(load(second - 8), 0xcefu);
-    EXPECT_EQ(load(second - 4), 1u << 20 | 30u << 4 | 0xau);
-    EXPECT_THAT(load(second + 32), testing::AnyOf(0xcefu, 0xdcau));
+    EXPECT_EQ(load<uint32_t>(second - 8), 0xcefu);
+    EXPECT_EQ(load<uint32_t>(second - 4), 1u << 20 | 30u << 4 | 0xau);
+    EXPECT_THAT(load<uint32_t>(second + 32), testing::AnyOf(0xcefu, 0xdcau));
     EXPECT_EQ(M_memBlockFree(pool, second), 0);
-    EXPECT_EQ(load(second - 8), 0xdcau);
+    EXPECT_EQ(load<uint32_t>(second - 8), 0xdcau);
 }
 
-TEST_F(Pools, ChunksComeBackLastInFirstOutAndPagesAtTheHead) {
+TEST_P(Pools, ChunksComeBackLastInFirstOutAndPagesAtTheHead) {
     ASSERT_EQ(M_memPoolCreate(pool, "order", 16384), 0);  // a chunk a page
     ASSERT_EQ(M_memPoolCreate(pool + 1, "chunks", 8000), 0);
     std::byte *a = allocate(), *b = allocate(), *c = allocate();
@@ -200,7 +211,7 @@ TEST_F(Pools, ChunksComeBackLastInFirstOutAndPagesAtTheHead) {
     EXPECT_EQ(allocate(8000, pool + 1), first);
 }
 
-TEST_F(Pools, BestFitIsTheSmallestThatSufficesAndTheLowestOfEquals) {
+TEST_P(Pools, BestFitIsTheSmallestThatSufficesAndTheLowestOfEquals) {
     const uint32_t sizes[] = {32, 64, 64, 500};
     for (uint32_t i = 4; i-- > 0;) ASSERT_EQ(M_memPoolCreate(pool + i, "fit", sizes[i]), 0);
     const auto poolFor = [](uint32_t size) {
@@ -217,7 +228,7 @@ TEST_F(Pools, BestFitIsTheSmallestThatSufficesAndTheLowestOfEquals) {
                 testing::ElementsAre("zelMemMgmt", "zel_memBlockAlloc"));
 }
 
-TEST_F(Pools, VariablePoolsAreChosenBySize) {
+TEST_P(Pools, VariablePoolsAreChosenBySize) {
     const uint32_t sizes[] = {4000, 10, 5000, 5000, 4095};
     for (uint32_t i = 0; i < 5; ++i) ASSERT_EQ(M_memVarPoolCreate(pool + i * 50, "var", sizes[i]), 0);
     std::vector<void *> blocks;
@@ -245,7 +256,7 @@ TEST_F(Pools, VariablePoolsAreChosenBySize) {
     EXPECT_EQ(poolFor(10), 254);
 }
 
-TEST_F(Pools, CreationRefusesWhatIsOutOfRangeOrTaken) {
+TEST_P(Pools, CreationRefusesWhatIsOutOfRangeOrTaken) {
     const auto refused = [](uint32_t id, uint32_t chunk, bool isVariable = false) {
         return reportedBy([&] { EXPECT_EQ((isVariable ? M_memVarPoolCreate : M_memPoolCreate)(id, "", chunk), -1); });
     };
@@ -278,7 +289,7 @@ Texts refusedFree(void *block) {
     return texts;
 }
 
-TEST_F(Pools, ABlockWrittenToBeyondItsEndsIsRefusedAndTheOthersAreIntact) {
+TEST_P(Pools, ABlockWrittenToBeyondItsEndsIsRefusedAndTheOthersAreIntact) {
     for (const uint32_t size : {24u, 30u}) {  // the trailer is the next marker; it lies in a gap
         const uint32_t number = pool + (size == 30);
         ASSERT_EQ(M_memPoolCreate(number, "faults", size), 0);
@@ -305,7 +316,7 @@ TEST_F(Pools, ABlockWrittenToBeyondItsEndsIsRefusedAndTheOthersAreIntact) {
     }
 }
 
-TEST_F(Pools, WhatIsNoBlockIsRefusedWhereverItPoints) {
+TEST_P(Pools, WhatIsNoBlockIsRefusedWhereverItPoints) {
     ASSERT_EQ(M_memPoolCreate(pool, "faults", 64), 0);
     std::byte *block = allocate();
     memset(block, 0, 64);
@@ -325,19 +336,19 @@ TEST_F(Pools, WhatIsNoBlockIsRefusedWhereverItPoints) {
     EXPECT_EQ(refusedFree(block), badHeader);
 }
 
-TEST_F(Pools, ADamagedFreeChunkIsNotHandedOut) {
+TEST_P(Pools, ADamagedFreeChunkIsNotHandedOut) {
     ASSERT_EQ(M_memPoolCreate(pool, "faults", 64), 0);
     ASSERT_EQ(M_memPoolCreate(pool + 1, "sound", 64), 0);
     std::byte *block = allocate();
     M_memBlockFree(pool, block);
     const auto refusal = [&](std::ptrdiff_t at, uint32_t word) {
-        const uint32_t was = load(block + at);
-        memory::store(block + at, word);
+        const uint32_t was = load<uint32_t>(block + at);
+        memory::store<uint32_t>(block + at, word);
         Texts texts;
         const std::string text = printedBy([&] { texts = reportedBy([] { EXPECT_EQ(allocate(), nullptr); }); });
         EXPECT_THAT(text, HasSubstr("Allocation: curPage: "));
         EXPECT_NE(allocate(0, pool + 1), nullptr);
-        memory::store(block + at, was);
+        memory::store<uint32_t>(block + at, was);
         EXPECT_EQ(Texts(texts.begin(), texts.end() - 1),
                   (Texts{"zelMemMgmt", "AllocChnk", "Header/Trailer", "Block Not Allocated"}));
         return texts.back();
@@ -349,7 +360,7 @@ TEST_F(Pools, ADamagedFreeChunkIsNotHandedOut) {
     EXPECT_EQ(statsOf().failures, 3u);
     EXPECT_EQ(allocate(), block);
     M_memBlockFree(pool, block);
-    memory::store(block, 0x12345678);  // written to after it was freed: the link
+    memory::store<uint32_t>(block, 0x12345678);  // written to after it was freed: the link
     EXPECT_EQ(allocate(), block);
     EXPECT_EQ(reportedBy([] { EXPECT_EQ(allocate(), nullptr); }).back(), "curPage == actPage");
     EXPECT_EQ(M_memBlockFree(pool, block), 0);
@@ -359,7 +370,7 @@ TEST_F(Pools, ADamagedFreeChunkIsNotHandedOut) {
 
 // ---- Limits and failures ----
 
-TEST_F(Pools, ABoundIsRefusedOnceReached) {
+TEST_P(Pools, ABoundIsRefusedOnceReached) {
     ASSERT_EQ(M_memPoolCreate(pool, "bound", 16384), 0);
     EXPECT_EQ(M_memPoolSetSize(pool, 16562), 0);
     EXPECT_NE(allocate(), nullptr);
@@ -374,7 +385,7 @@ TEST_F(Pools, ABoundIsRefusedOnceReached) {
     EXPECT_EQ(M_memPoolSetSize(pool + 7, 1), -1);
 }
 
-TEST_F(Pools, TheUsageCheckMayDenyAPage) {
+TEST_P(Pools, TheUsageCheckMayDenyAPage) {
     ASSERT_EQ(M_memPoolCreate(pool, "denied", 16384), 0);
     zelTracePrintOn();
     refusals = 1;
@@ -388,7 +399,7 @@ TEST_F(Pools, TheUsageCheckMayDenyAPage) {
     refusals = 0;
 }
 
-TEST_F(Pools, TheLogPoolReportsInPrint) {
+TEST_P(Pools, TheLogPoolReportsInPrint) {
     zelTracePrintOn();
     EXPECT_THAT(printedBy([] { EXPECT_EQ(allocate(1, SYS_LOG_POOL), nullptr); }),
                 HasSubstr(" 1835008 (SYS_LOG_POOL) partition does not exist\r\n"));
@@ -406,7 +417,7 @@ int64_t heldByPools() {
     return blocks;
 }
 
-TEST_F(Pools, EveryAllocationMayFailOnce) {
+TEST_P(Pools, EveryAllocationMayFailOnce) {
     int64_t kept = 0;
     for (unsigned nth = 0; nth <= 7; ++nth) {
         const uint32_t part = 10 + nth, id = part << 16;
@@ -440,7 +451,7 @@ TEST_F(Pools, EveryAllocationMayFailOnce) {
 
 // ---- Listings, counts, traces ----
 
-TEST_F(Pools, ListingsAreExact) {
+TEST_P(Pools, ListingsAreExact) {
     ASSERT_EQ(M_memPoolCreate(pool + 2, "packets", 64), 0);
     ASSERT_EQ(M_memVarPoolCreate(pool + 5, "strings", 100), 0);
     allocate(64, pool + 2);
@@ -465,7 +476,7 @@ TEST_F(Pools, ListingsAreExact) {
                 HasSubstr("sysForceMemBlockFree: All Pools Of partition 3 are                    cleaned Up "));
 }
 
-TEST_F(Pools, BlocksAreCountedForTheLineThatTookThem) {
+TEST_P(Pools, BlocksAreCountedForTheLineThatTookThem) {
     ASSERT_EQ(M_memPoolCreate(pool, "counted", 100), 0);
     ASSERT_EQ(M_memVarPoolCreate(pool, "counted", 200), 0);
     void *a = zelMC_M_memBlockAlloc("taker", 1, pool, 10, 0), *b = zelMC_M_memBlockAlloc("taker", 1, pool, 10, 0);
@@ -485,7 +496,7 @@ TEST_F(Pools, BlocksAreCountedForTheLineThatTookThem) {
     EXPECT_EQ(refusedFree(b), badHeader);
 }
 
-TEST_F(Pools, TracesTellOfPagesAndChunks) {
+TEST_P(Pools, TracesTellOfPagesAndChunks) {
     zelTracePrintOn();
     zelMemSetDebug(0x10);
     EXPECT_THAT(printedBy([] { M_memPoolCreate(pool, "traced", 16384); }),
@@ -506,7 +517,7 @@ TEST_F(Pools, TracesTellOfPagesAndChunks) {
 
 // ---- Threads ----
 
-TEST_F(Pools, AThreadCancelledInTheMiddleLeavesThePartitionUsable) {
+TEST_F(SharedPools, AThreadCancelledInTheMiddleLeavesThePartitionUsable) {
     ASSERT_EQ(M_memPoolCreate(pool, "cancelled", 64), 0);
     static std::atomic<bool> isInside{false};
     onAllocation = [](size_t) {
@@ -526,7 +537,7 @@ TEST_F(Pools, AThreadCancelledInTheMiddleLeavesThePartitionUsable) {
     EXPECT_NE(allocate(), nullptr);
 }
 
-TEST_F(Pools, ThreadsPassBlocksToEachOther) {
+TEST_F(SharedPools, ThreadsPassBlocksToEachOther) {
     ASSERT_EQ(M_memPoolCreate(pool, "shared", 64), 0);
     constexpr int threads = 4, rounds = 50000;
     std::vector<std::atomic<void *>> exchange(1000);
@@ -550,7 +561,7 @@ TEST_F(Pools, ThreadsPassBlocksToEachOther) {
 
 // ---- Against a model ----
 
-TEST_F(Pools, RandomOperationsEqualAModel) {
+TEST_P(Pools, RandomOperationsEqualAModel) {
     Random random = seeded();
     const uint32_t sizes[] = {8, 30, 64, 1000, 17000};
     for (uint32_t i = 0; i < 5; ++i) ASSERT_EQ(M_memPoolCreate(pool + i, "model", sizes[i]), 0);
