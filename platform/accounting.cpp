@@ -98,9 +98,10 @@ void sumUp(std::uint32_t index, zelMemCheckSite &sum) {
 }
 
 void describe(std::uint32_t index, zelMemCheckSite &sum) {
-    const bool isNamed = index != 0 && sites[index].isReady.load(std::memory_order_acquire);
-    memcpy(sum.tag, isNamed ? sites[index].text : "others", isNamed ? sizeof sum.tag : sizeof "others");
-    sum.line = isNamed ? sites[index].line : 0;
+    const Site &site = sites[index];
+    const bool isNamed = site.isReady.load(std::memory_order_acquire);
+    sum.line = isNamed ? site.line : 0;
+    strncpy(sum.tag, index == 0 ? "others" : isNamed ? site.text : "", sizeof sum.tag);
     for (int i = 0; i < triesOfASum; ++i) {
         const std::uint32_t ended = foldsEnded.load();
         sumUp(index, sum);
@@ -119,12 +120,12 @@ std::uint32_t addSite(const char *tag, int line, std::uint32_t bucket) {
     site.tag = tag;
     site.line = line;
     strncpy(site.text, tag != nullptr ? tag : "?", sizeof site.text - 1);
-    site.isReady.store(true, std::memory_order_release);
     do {
-        // Another thread may have come with the same place; then this row stays empty.
+        // Another thread may have come with the same place; then this row stays empty for good.
         if (const std::uint32_t same = findSite(tag, line, first); same != 0) return same;
         site.next = first;
     } while (!siteBuckets[bucket].compare_exchange_weak(first, static_cast<std::uint16_t>(taken)));
+    site.isReady.store(true, std::memory_order_release);
     return taken;
 }
 

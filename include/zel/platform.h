@@ -137,7 +137,8 @@ typedef struct {
 
 /* Copies what the first `capacity` lines of source hold, in order of their first allocation, and returns how many there
  * are, ZEL_MEM_CHECK_SITES at most; a line keeps its place. The first place stands for all lines that came when the
- * table was full. While other threads allocate, lines are from slightly different moments. */
+ * table was full; one without a tag holds nothing. While other threads allocate, lines are from slightly different
+ * moments. */
 int zelMemCheckGetSites(zelMemCheckSite *sites, int capacity);
 /* What was allocated between two such moments and is still there: leaves in `now` the lines that hold more than
  * `before`, with the differences (the peak stays that of `now`), and returns how many. */
