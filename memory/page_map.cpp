@@ -9,12 +9,13 @@ constinit PageWindow pageWindow{};
 namespace {
 
 constinit std::array<std::atomic<GranuleTable *>, std::size_t{1} << (addressBits - granuleBits - tableBits)> tables{};
-constinit std::atomic<bool> isWindowMade{false}, isWindowOpen{true};
+constinit std::atomic<bool> isWindowTaken{false}, isWindowReady{false}, isWindowOpen{true};
 
 void openWindow(std::uintptr_t number, GranuleTable *table) {
-    if (isWindowMade.exchange(true)) return;
+    if (isWindowTaken.exchange(true)) return;
     pageWindow.start = number << tableBits << granuleBits;
     pageWindow.table = table;
+    isWindowReady = true;
     pageWindow.granules.store(isWindowOpen ? granulesPerTable : 0, std::memory_order_release);
 }
 
@@ -48,7 +49,7 @@ std::uintptr_t granuleOf(const void *pointer) {
 
 void openPageWindow(bool isOpen) {
     isWindowOpen = isOpen;
-    if (pageWindow.table != nullptr) pageWindow.granules.store(isOpen ? granulesPerTable : 0);
+    if (isWindowReady) pageWindow.granules.store(isOpen ? granulesPerTable : 0);
 }
 
 bool enterPage(Page *page, std::size_t bytes) {

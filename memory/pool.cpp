@@ -1,5 +1,7 @@
 #include "memory/pool.h"
 
+#include <new>
+
 #include "platform/accounting.h"
 #include "zel/platform.h"
 
@@ -49,7 +51,7 @@ bool Pool::grow() {
 }
 
 void Pool::cut(Page &page, void *memory) {
-    page = Page{};
+    new (&page) Page{};
     page.pool = this;
     page.plainPool = isLocking ? nullptr : this;
     page.memory = memory;

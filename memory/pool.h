@@ -30,9 +30,9 @@ struct Links {
 struct Page {
     Links all;
     Links withFree;
-    std::uint32_t firstFree;  // its offset from chunk 0, noChunk when none is free
-    bool isCounted;           // some chunk was taken for a line of source
-    Pool *plainPool;          // its pool when nobody counts or locks, else null
+    std::uint32_t firstFree;        // its offset from chunk 0, noChunk when none is free
+    std::atomic<bool> isCounted;    // some chunk was taken for a line of source
+    std::atomic<Pool *> plainPool;  // its pool when nobody counts or locks, else null
     Pool *pool;
     void *memory;        // the block of the heap that it stands in
     std::uint32_t used;  // chunks; apart from firstFree, lest compilers load both at once behind two stores

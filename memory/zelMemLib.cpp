@@ -236,7 +236,7 @@ void traceFree(const Page *page, bool isBack, const Pool &pool) {
 // A block of a page that is not plain, or is outside the window.
 [[gnu::noinline]] int releaseGuarded(void *addr) {
     Page *page = pageAt(addr);
-    if (page && !page->isCounted && !isTracing()) {
+    if (page && !page->isCounted.load(std::memory_order_relaxed) && !isTracing()) {
         Pool &pool = *page->pool;
         if (guarded(*pool.set, [&] { return pool.give(*page, static_cast<std::byte *>(addr)); })) return ZEL_OK;
     }
@@ -245,7 +245,7 @@ void traceFree(const Page *page, bool isBack, const Pool &pool) {
 
 inline int release(void *addr) {
     Page *page = pageInWindow(addr);
-    Pool *pool = page ? page->plainPool : nullptr;
+    Pool *pool = page ? page->plainPool.load(std::memory_order_relaxed) : nullptr;
     if (pool && pool->give(*page, static_cast<std::byte *>(addr))) [[likely]]
         return ZEL_OK;
     return releaseGuarded(addr);

@@ -3,12 +3,13 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <thread>
 #include <vector>
 
-#include "tests/memory/heap.h"
+#include "tests/memory/sites.h"
 #include "tests/support/random.h"
 #include "zel/memory.h"
 
@@ -26,33 +27,26 @@ TEST(CheckingAllocator, CountsByTagAndLine) {
     EXPECT_EQ(reinterpret_cast<uintptr_t>(first) % alignof(max_align_t), 0u);
     EXPECT_EQ(static_cast<char *>(second)[299], 0);
     zelMC_free("elsewhere", 9, first);
-    first = zelMC_realloc("a", 2, zelMC_malloc("a", 2, 0), 50);
-    zelMemCheckSite site = siteOf("a", 1);
+    const zelMemCheckSite site = siteOf("a", 1);
     EXPECT_EQ(site.allocations, 2u);
     EXPECT_EQ(site.liveBlocks, 1);
     EXPECT_EQ(site.liveBytes, 300);
     EXPECT_EQ(site.peakBytes, 400);
-    EXPECT_EQ(siteOf("a", 2).allocations, 2u);
-    EXPECT_EQ(siteOf("a", 2).liveBytes, 50);
-
     memset(second, 7, 300);
     second = zelMC_realloc("b", 3, second, 100000);  // large enough to be carried over to the site
     EXPECT_EQ(static_cast<char *>(second)[299], 7);
     EXPECT_EQ(siteOf("a", 1).liveBlocks, 0);
-    zelMC_free("b", 3, second);
+    zelMC_free("b", 3, zelMC_realloc("b", 3, second, 0));
     EXPECT_EQ(siteOf("b", 3).peakBytes, 100000);
     EXPECT_EQ(siteOf("b", 3).liveBytes, 0);
-    zelMC_free("a", 2, first);
     zelMC_free("a", 2, nullptr);
-    EXPECT_EQ(siteOf("elsewhere", 9).allocations, 0u);
-
     for (const size_t tooMany : {SIZE_MAX, SIZE_MAX - 15, SIZE_MAX / 2}) {
         errno = 0;
         EXPECT_EQ(zelMC_malloc("c", 1, tooMany), nullptr);
         EXPECT_EQ(errno, ENOMEM);
+        EXPECT_EQ(zelMC_calloc("c", 1, tooMany, 3), nullptr);
     }
-    EXPECT_EQ(zelMC_calloc("c", 1, SIZE_MAX / 2, 3), nullptr);
-    EXPECT_EQ(siteOf("c", 1).allocations, 0u);
+    EXPECT_EQ(siteOf("c", 1).allocations + siteOf("elsewhere", 9).allocations, 0u);
 }
 
 TEST(CheckingAllocator, ThreadsAddUpAndLeaveTheirCountsBehind) {
@@ -85,12 +79,11 @@ TEST(CheckingAllocator, OneThreadsBlocksMayAllBeFreedByAnother) {
         std::vector<void *> passed(blocks);
         for (auto &block : passed) block = zelMC_malloc("passed", 1, bytes);
         std::thread([&] {
-            for (void *block : passed) zelMC_free("passed", 2, block);
+            std::for_each(passed.begin(), passed.end(), [](void *block) { zelMC_free("passed", 2, block); });
         }).join();
     }
     EXPECT_EQ(siteOf("passed", 1).liveBytes, 0);
-    EXPECT_GE(siteOf("passed", 1).peakBytes, blocks * bytes - 65536);
-    EXPECT_LE(siteOf("passed", 1).peakBytes, blocks * bytes + 2 * 65536);
+    EXPECT_NEAR(static_cast<double>(siteOf("passed", 1).peakBytes), blocks * bytes, 2 * 65536);
 }
 
 TEST(CheckingAllocator, LeaksAreWhatGrewBetweenTwoMoments) {

@@ -1,7 +1,6 @@
-// The checking allocator as the tests replace it: the default, which runs out on request.
+// What lines of source hold, as the checking allocator tells it.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -9,19 +8,13 @@
 
 namespace zel::test {
 
-// The nth allocation from now gives null; 0 switches failing off.
-void failAllocation(unsigned nth);
-bool hasAllocationFailed();
-// Called with each allocation, before it happens.
-extern std::function<void(size_t bytes)> onAllocation;
-
 inline std::vector<zelMemCheckSite> allSites() {
-    std::vector<zelMemCheckSite> sites(static_cast<size_t>(zelMemCheckGetSites(nullptr, 0)) + 64);
-    sites.resize(static_cast<size_t>(zelMemCheckGetSites(sites.data(), static_cast<int>(sites.size()))));
+    std::vector<zelMemCheckSite> sites(ZEL_MEM_CHECK_SITES);
+    sites.resize(static_cast<size_t>(zelMemCheckGetSites(sites.data(), ZEL_MEM_CHECK_SITES)));
     return sites;
 }
 
-// What a line holds; zeros for one that never allocated.
+// Zeros for a line that never allocated.
 inline zelMemCheckSite siteOf(const std::string &tag, int line) {
     for (const zelMemCheckSite &site : allSites())
         if (site.tag == tag && site.line == line) return site;
