@@ -1,20 +1,54 @@
 #include "table.h"
 
-#include <cstdlib>
+#include <unistd.h>
+
 #include <cstring>
 #include <new>
+
+#include "zel/memory.h"
 
 namespace zelrtmd {
 namespace {
 
-void *allocate(std::size_t bytes) {
-    void *block = malloc(bytes);
-    if (!block) throw std::bad_alloc();
-    return block;
+// ---- Memory ---------------------------------------------------------------------------------------------------------
+
+// All tables share one partition: a pool of prefixes for each length of address, and pools of routes by size.
+constexpr std::uint32_t partition = ZEL_RTM_SERVICE;
+constexpr std::uint32_t partitionPools = partition << 16;
+enum Pool : std::uint32_t { prefixes4 = partitionPools, prefixes6, endOfPools };
+constexpr std::uint32_t smallestRoute = 100;  // with what stands around it, a chunk is a multiple of 16 bytes
+constexpr std::uint32_t largestRoute = sizeof(Path) + ZEL_RTM_MAX_MESSAGE;
+
+// Whoever makes prefixes first makes them.
+struct Pools {
+    Pools();
+};
+
+Pools::Pools() {
+    M_memPartCreate(partition, getpid(), endOfPools - partitionPools, 0);
+    M_memPoolCreate(prefixes4, "IPv4 prefixes", sizeof(Prefix) + 4);
+    M_memPoolCreate(prefixes6, "IPv6 prefixes", sizeof(Prefix) + 16);
+    std::uint32_t pool = partitionPools;
+    for (std::uint32_t size = smallestRoute; M_memVarPoolCreate(pool++, "routes", size) == 0 && size < largestRoute;)
+        size += (size / 8 + 15) / 16 * 16;
 }
 
+void release(void *block) {
+    if (block) M_memBlockFree(partitionPools, block);
+}
+
+void giveBackPages() {
+    M_memPoolFlush(prefixes4);
+    M_memPoolFlush(prefixes6);
+    M_memPartVarFlush(partition);
+}
+
+// ---- Prefixes and their paths ---------------------------------------------------------------------------------------
+
+// Null without memory, as the prefix below.
 Path *makePath(std::uint32_t handle, const zelRtmRoute &route, const std::uint8_t *record, std::uint32_t length) {
-    auto *path = static_cast<Path *>(allocate(sizeof(Path) + length));
+    auto *path = static_cast<Path *>(M_memBlockVarAlloc(partitionPools, sizeof(Path) + length, 0));
+    if (!path) return nullptr;
     path->handle = handle;
     path->metric = route.metric;
     path->distance = route.distance;
@@ -73,18 +107,22 @@ Table::Table(int family, std::uint32_t vrf, Watcher watcher)
       watcher_(std::move(watcher)),
       tree_(zelRadixCreate("routes", static_cast<std::uint16_t>(addressBits_), nullptr, nullptr, nullptr)),
       spare_(makePrefix()) {
-    if (!tree_) throw std::bad_alloc();
+    if (!tree_ || !spare_) throw std::bad_alloc();
 }
 
 Table::~Table() {
     watcher_ = {};
     removeOf(0);
     zelRadixDestroy(tree_);
-    free(spare_);
+    release(spare_);
+    giveBackPages();
 }
 
 Prefix *Table::makePrefix() const {
-    auto *prefix = static_cast<Prefix *>(allocate(sizeof(Prefix) + addressSize()));
+    static const Pools pools;
+    const auto size = static_cast<std::uint32_t>(sizeof(Prefix) + addressSize());
+    auto *prefix = static_cast<Prefix *>(M_memBlockAlloc(addressBits_ == 32 ? prefixes4 : prefixes6, size, 0));
+    if (!prefix) return nullptr;
     prefix->entry = {};
     prefix->entry.rth_addr = prefix->key();
     prefix->paths = nullptr;
@@ -97,25 +135,38 @@ void Table::watch(const Prefix &prefix, std::uint32_t owner) const {
 
 void Table::drop(Prefix *prefix) {
     zelRadixRemove(tree_, &prefix->entry);
-    free(prefix);
+    release(prefix);
     --prefixes_;
 }
 
-Change Table::add(std::uint32_t handle, const zelRtmRoute &route, const std::uint8_t *record, std::uint32_t length) {
-    const auto bits = static_cast<std::uint32_t>(rtm_mask2plen(family_, route.mask));
-    std::memcpy(spare_->key(), route.prefix, addressSize());
+// Null without memory.
+Prefix *Table::findOrMake(const std::uint8_t *key, std::uint32_t bits) {
+    std::memcpy(spare_->key(), key, addressSize());
     maskKey(spare_->key(), bits, addressBits_);
     spare_->bits = static_cast<std::uint8_t>(bits);
-    zelRadixEntry *entry = zelRadixInsert(tree_, &spare_->entry, bits);
-    if (!entry) return Change::refused;
-    Prefix *prefix = prefixOf(entry);
-    if (prefix == spare_) {
-        spare_ = makePrefix();
+    Prefix *prefix = prefixOf(zelRadixInsert(tree_, &spare_->entry, bits));
+    if (prefix != spare_) return prefix;
+    Prefix *following = makePrefix();
+    if (following) {
+        spare_ = following;
         ++prefixes_;
+        return prefix;
+    }
+    zelRadixRemove(tree_, &spare_->entry);
+    return nullptr;
+}
+
+Change Table::add(std::uint32_t handle, const zelRtmRoute &route, const std::uint8_t *record, std::uint32_t length) {
+    Path *path = makePath(handle, route, record, length);
+    const auto bits = static_cast<std::uint32_t>(rtm_mask2plen(family_, route.mask));
+    Prefix *prefix = path ? findOrMake(route.prefix, bits) : nullptr;
+    if (!prefix) {
+        release(path);
+        return Change::refused;
     }
     Path *old = takePath(&prefix->paths, handle);
-    insertPath(&prefix->paths, makePath(handle, route, record, length));
-    free(old);
+    insertPath(&prefix->paths, path);
+    release(old);
     routes_ += !old;
     watch(*prefix, handle);
     return old ? Change::replaced : Change::added;
@@ -128,7 +179,7 @@ Change Table::remove(std::uint32_t handle, const zelRtmRoute &route) {
     Prefix *prefix = prefixOf(entry);
     Path *path = takePath(&prefix->paths, handle);
     if (!path) return Change::unknown;
-    free(path);
+    release(path);
     --routes_;
     watch(*prefix, handle);
     if (!prefix->paths) drop(prefix);
@@ -145,7 +196,7 @@ int Table::dropPathsOf(zelRadixEntry *entry, void *context) {
         removal->owners.insert(path->handle);
         --table.routes_;
         table.watch(*prefix, path->handle);
-        free(path);
+        release(path);
     }
     table.drop(prefix);
     return 0;
@@ -154,6 +205,7 @@ int Table::dropPathsOf(zelRadixEntry *entry, void *context) {
 std::set<std::uint32_t> Table::removeOf(std::uint32_t handle) {
     Removal removal{this, handle, {}};
     zelRadixWalk(tree_, dropPathsOf, &removal);
+    giveBackPages();
     return removal.owners;
 }
 

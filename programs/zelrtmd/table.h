@@ -1,5 +1,7 @@
 // The routes of one family and VRF: a radix tree of prefixes, and per prefix one route for each client that has one,
-// the preferred first. Routes are kept as the records they came in.
+// the preferred first. Routes are kept as the records they came in. All tables of the process share one memory
+// partition, numbered as the service is, so that they need one thread; a pool holds 1 GB, what it has no room for is
+// refused.
 #pragma once
 
 #include <cstddef>
@@ -70,6 +72,7 @@ public:
 
 private:
     Prefix *makePrefix() const;
+    Prefix *findOrMake(const std::uint8_t *key, std::uint32_t bits);
     void drop(Prefix *prefix);
     void watch(const Prefix &prefix, std::uint32_t owner) const;
     static int dropPathsOf(zelRadixEntry *entry, void *removal);
