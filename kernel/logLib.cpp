@@ -52,7 +52,8 @@ int fdSetBefore = -1;
 class HeldDescriptors {
 public:
     HeldDescriptors() : isHeld_(semTake(logFdSem.load(std::memory_order_acquire), WAIT_FOREVER) == ZEL_OK) {}
-    ~HeldDescriptors() {
+    // The give of a delete-safe mutex is where a task leaves that others wait to delete.
+    ~HeldDescriptors() noexcept(false) {
         if (isHeld_) semGive(logFdSem.load(std::memory_order_relaxed));
     }
     HeldDescriptors(const HeldDescriptors &) = delete;

@@ -20,9 +20,10 @@ bool isClaimed(const Tcb &task) {
     return has(task, lifeEnding | lifeRestarting);
 }
 
-// The deleter of the calling task is on its way; its request unwinds from here.
-[[noreturn]] void awaitCancellation(Lock &list) {
-    for (;;) watch(list, currentTask());
+// Leaves when the calling task's thread is to end; goes on when it unwinds already, or keeps cancellation off.
+void leaveIfClaimed(Lock &list, Tcb &self) {
+    while (has(self, lifeDoomed)) watch(list, self);
+    if (isClaimed(self)) pthread_testcancel();
 }
 
 // Waits until the thread is through with the control block. False when the caller is to end itself: the task was left
@@ -56,9 +57,9 @@ int end(Lock &list, Tcb &task) {
         list.unlock();
         pthread_exit(nullptr);
     }
-    task.lifeFlags |= lifeEnding | lifeDoomed;
+    task.lifeFlags |= lifeEnding;
     wakeWatchers(task);
-    if (!reap(list, task)) awaitCancellation(list);
+    if (!reap(list, task)) leaveIfClaimed(list, currentTask());
     return 0;
 }
 
@@ -108,13 +109,14 @@ int endNow(zelTaskId tid) {
 void handOverToDeleters(Lock &list, Tcb &self) {
     wakeWatchers(self);
     while (self.deletersWaiting > 0 && self.safeCount == 0) watch(list, self);
-    if (has(self, lifeEnding)) awaitCancellation(list);
+    leaveIfClaimed(list, self);
 }
 
 }  // namespace
 
 void stopThread(Lock &list, Tcb &task) {
     if (!has(task, lifeRunning)) return;
+    task.lifeFlags |= lifeDoomed;
     ++task.pins;
     const pthread_t thread = task.pthrid;
     list.unlock();
@@ -164,8 +166,7 @@ int taskSafe(void) {
     Tcb &self = currentTask();
     Lock list(taskListLock);
     // A deleter found the task unsafe and has not caught up with it yet: it is not caught inside the section.
-    while (has(self, lifeDoomed)) watch(list, self);
-    if (has(self, lifeEnding)) pthread_testcancel();
+    leaveIfClaimed(list, self);
     ++self.safeCount;
     return ZEL_OK;
 }

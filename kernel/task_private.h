@@ -19,7 +19,7 @@ enum LifeFlag : std::uint32_t {
     lifeRestarting = 0x10,  // the thread is to be replaced by a new one
     lifeStarting = 0x20,    // a restarter joins the old thread with no lock held
     lifeOrphaned = 0x40,    // the deleter was deleted itself: the thread reaps its own task
-    lifeDoomed = 0x80,      // ending, and the deleter is about to request the thread's cancellation
+    lifeDoomed = 0x80,      // the deleter or restarter is about to request the thread's cancellation
 };
 
 inline bool has(const Tcb &task, std::uint32_t flags) {

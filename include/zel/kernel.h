@@ -272,8 +272,9 @@ int taskActivate(zelTaskId tid);
 /* ---- End and restart; all may block ---- */
 
 /* Deletes a task, after waiting until it is not delete-safe. Returns when its thread has ended and the delete hooks
- * have run; does not return for the caller itself. Of several deleters one succeeds. ZEL_OK, or ZEL_ERROR:
- * OBJECT_DELETED (unknown, or another deleter was first), OBJECT_UNAVAILABLE (the caller itself, while delete-safe). */
+ * have run (earlier to a caller that unwinds from its own end); does not return for the caller itself. Of several
+ * deleters one succeeds. ZEL_OK, or ZEL_ERROR: OBJECT_DELETED (unknown, or another deleter was first),
+ * OBJECT_UNAVAILABLE (the caller itself, while delete-safe). */
 int taskDelete(zelTaskId tid);
 /* The same without regard to delete safety. */
 int taskDeleteForce(zelTaskId tid);
@@ -284,7 +285,8 @@ int taskDeleteForce(zelTaskId tid);
 int taskRestart(zelTaskId tid);
 
 /* Makes the calling task delete-safe, and takes that back; the calls nest. A task whose deletion was decided before
- * ends in taskSafe. taskUnsafe may block: where deleters wait, the last one hands the task over to them. ZEL_OK. */
+ * ends in taskSafe. taskUnsafe may block: where deleters wait, the last one hands the task over to them, and does not
+ * return then; a C++ destructor that calls it is noexcept(false). ZEL_OK. */
 int taskSafe(void);
 int taskUnsafe(void);
 
@@ -364,8 +366,9 @@ zelSemId semMCreate(int options);
  * ZEL_ERR_INVALID_OBJECT_ID also when the semaphore is deleted meanwhile. A flush ends the wait with ZEL_OK and without
  * a token. */
 int semTake(zelSemId id, int timeoutTicks);
-/* Gives a token. Never waits, but for the last give of a delete-safe mutex, which lets waiting deleters go first.
- * ZEL_ERR_INVALID_SEM_OPERATION: a mutex that the caller does not own; the attempt is counted. */
+/* Gives a token. Never waits, but for the last give of a delete-safe mutex, which lets waiting deleters go first and
+ * may be where the caller ends, as taskUnsafe. ZEL_ERR_INVALID_SEM_OPERATION: a mutex that the caller does not own; the
+ * attempt is counted. */
 int semGive(zelSemId id);
 /* Ends the wait of every task that waits now, and returns when they have left. ZEL_ERR_INVALID_SEM_OPERATION: a mutex.
  * May block. */

@@ -5,8 +5,7 @@
 
 #include <string>
 
-#include "tests/support/eventually.h"
-#include "zel/kernel.h"
+#include "tests/kernel/tasks.h"
 
 using zel::test::eventually;
 
@@ -118,4 +117,19 @@ TEST(Log, WritesWhatEachDescriptorTakes) {
     const std::string longText(300'000, 'w');  // a pipe holds 65536 bytes
     logMsg("%s|", word(longText.c_str()), 0, 0, 0, 0, 0);
     EXPECT_TRUE(whole.endsWith(": " + longText + "|"));
+}
+
+TEST(Log, GoesOnWhenATaskIsDeletedThatChangesTheDescriptors) {
+    LogPipe pipe;
+    ASSERT_EQ(logInit(pipe.fd(), 8), 0);
+    for (int i = 0; i < 200; ++i) {
+        const zelTaskId tid = zel::test::spawn([] {
+            for (;;) logFdAdd(-7), logFdDelete(-7);
+        });
+        if (i % 2 == 0) taskDelay(0);
+        ASSERT_EQ((i % 4 == 0 ? taskDeleteForce : taskDelete)(tid), ZEL_OK);
+        logFdDelete(-7);
+    }
+    logMsg("still here\n", 0, 0, 0, 0, 0, 0);
+    EXPECT_TRUE(pipe.endsWith("still here\n"));
 }

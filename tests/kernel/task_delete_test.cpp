@@ -115,6 +115,32 @@ TEST_F(TaskDelete, ASafeTaskCannotDeleteItselfButCanBeForcedOrReturn) {
     EXPECT_EQ(taskDeleteForce(forced), ZEL_OK);
 }
 
+// A section that ends where its task cannot be caught: as a forced deletion unwinds it, and with cancellation off.
+TEST_F(TaskDelete, ASafeSectionMayEndWhereNothingCanUnwind) {
+    struct Section {
+        Section() { taskSafe(); }
+        ~Section() noexcept(false) { taskUnsafe(); }
+    };
+    for (const bool isForced : {true, false}) {
+        std::atomic<bool> isThrough{false};
+        const zelTaskId victim = spawn([&] {
+            pthread_setcancelstate(isForced ? PTHREAD_CANCEL_ENABLE : PTHREAD_CANCEL_DISABLE, nullptr);
+            {
+                const Section section;
+                gate.wait();
+            }
+            isThrough = true;
+            pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+            for (;;) taskDelay(1);
+        });
+        const zelTaskId deleter = spawn([&] { taskDelete(victim); });
+        ASSERT_TRUE(eventually(20, [&] { return field(victim, &zelTcb::deletersWaiting) == 1; }));
+        isForced ? void(taskDeleteForce(victim)) : gate.open();
+        EXPECT_TRUE(ends(victim) && ends(deleter));
+        EXPECT_NE(isThrough, isForced);
+    }
+}
+
 TEST_F(TaskDelete, ATaskEndsItselfInEveryWay) {
     taskDeleteHookAdd(countHook);
     hooked = 0;
@@ -148,6 +174,22 @@ TEST_F(TaskDelete, TwoTasksMayDeleteEachOther) {
             if (exists(id)) taskDelete(id);
         ASSERT_TRUE(ends(ids[0]) && ends(ids[1])) << round;
     }
+}
+
+TEST_F(TaskDelete, ATaskMayDeleteOthersAsItUnwinds) {
+    struct Owner {
+        zelTaskId child;
+        ~Owner() { taskDelete(child); }
+    };
+    std::atomic<zelTaskId> child{0};
+    const zelTaskId parent = spawn([&] {
+        const Owner owner{child = spawn([&] { gate.spin(); })};
+        for (;;) taskDelay(1);
+    });
+    ASSERT_TRUE(eventually(20, [&] { return field(parent, &zelTcb::state) == ZEL_TASK_DELAYED; }));
+    EXPECT_EQ(taskDelete(parent), ZEL_OK);
+    gate.open();
+    EXPECT_TRUE(ends(child));
 }
 
 TEST_F(TaskDelete, AVictimWhoseDeleterIsDeletedReapsItself) {
