@@ -80,7 +80,7 @@ std::uint32_t comparand(const zelRadix *tree, const std::uint8_t *key, std::uint
     for (;;) {
         const zelRadixNode *node = at(tree, number);
         if (node->rtn_bit >= bitlen && node->rtn_entry) return number;
-        const std::uint32_t next = node->rtn_bit < bitlen ? childToward(node, key) : anyChild(node);
+        const std::uint32_t next = node->rtn_bit < bitlen ? childToward(tree, node, key) : anyChild(node);
         if (!next) return number;
         number = next;
     }
@@ -200,31 +200,38 @@ const zelRadixNode *shorterThan(const zelRadix *tree, const zelRadixNode *node, 
     return node;
 }
 
+// Whether the node is the answer where the index, which compared `known` bits, led to it: it has an entry, and nothing
+// longer follows. One comparison for both ways, since which of them it is nobody could predict.
+bool endsHere(const zelRadixNode *node, std::uint32_t known) {
+    const bool hasChildren = node->rtn_left | node->rtn_right;
+    return 2u * node->rtn_bit + hasChildren <= 2 * known;
+}
+
 // The longest prefix with an entry, live or marked, that covers the key. The way down remembers the last entry it met
-// and has its key fetched.
+// and has its head fetched, and the key that mostly lies behind it.
 const zelRadixNode *bestNode(const zelRadix *tree, const std::uint8_t *key, std::uint32_t bitlen) {
     std::uint32_t number = tree->rtt_root, known = 0;
     if (isIndexed(tree, bitlen)) {
         known = tree->rtt_index_bits;
         number = tree->rtt_index[slotOf(key, known)];
-        if (number && at(tree, number)->rtn_bit < known) return at(tree, number);
     }
     if (!number) return nullptr;
     const zelRadixNode *node = at(tree, number), *top = node, *best = nullptr;
+    if (endsHere(node, known)) return node;
     while (node->rtn_bit <= bitlen) {
         if (node->rtn_entry) {
             best = node;
             __builtin_prefetch(node->rtn_entry);
+            __builtin_prefetch(node->rtn_entry + 1);
         }
         if (node->rtn_bit == bitlen) break;
-        const std::uint32_t next = childToward(node, key);
-        if (!next) break;
-        node = at(tree, next);
+        number = childToward(tree, node, key);
+        if (!number) break;
+        node = at(tree, number);
     }
     if (!best) return shorterThan(tree, top, known);
     if (best->rtn_bit <= known) return best;
-    const std::uint32_t same = firstDifference(keyOf(best), key, best->rtn_bit);
-    return shorterThan(tree, best, same);
+    return shorterThan(tree, best, firstDifference(keyOf(best), key, best->rtn_bit));
 }
 
 zelRadixEntry *entryUnlessMarked(const zelRadixNode *node) {
@@ -319,7 +326,7 @@ zelRadixEntry *zelRadixGetExact(zelRadix *tree, const void *key, uint32_t bitlen
     if (!isProbe(tree, key, bitlen)) return nullptr;
     const auto *bytes = static_cast<const uint8_t *>(key);
     uint32_t number = isIndexed(tree, bitlen) ? tree->rtt_index[slotOf(bytes, tree->rtt_index_bits)] : tree->rtt_root;
-    while (number && at(tree, number)->rtn_bit < bitlen) number = childToward(at(tree, number), bytes);
+    while (number && at(tree, number)->rtn_bit < bitlen) number = childToward(tree, at(tree, number), bytes);
     const zelRadixNode *node = zelRadixNodeAt(tree, number);
     if (!node || node->rtn_bit != bitlen || !isLive(node)) return nullptr;
     return agree(keyOf(node), bytes, bitlen) ? node->rtn_entry : nullptr;

@@ -51,7 +51,10 @@ inline bool goesRight(const zelRadixNode *node, const std::uint8_t *key) {
     return key[node->rtn_bit >> 3] & node->rtn_mask;
 }
 
-inline std::uint32_t childToward(const zelRadixNode *node, const std::uint8_t *key) {
+// Both children are fetched while the key bit between them is found. (Node 0 is in no tree, but in memory.)
+inline std::uint32_t childToward(const zelRadix *tree, const zelRadixNode *node, const std::uint8_t *key) {
+    __builtin_prefetch(at(tree, node->rtn_left));
+    __builtin_prefetch(at(tree, node->rtn_right));
     return goesRight(node, key) ? node->rtn_right : node->rtn_left;
 }
 

@@ -68,7 +68,7 @@ zelRadixNode *_zelRadixGetSubTree(zelRadix *tree, const void *key, uint32_t bitl
     if (!isTree(tree) || !key) return nullptr;
     const auto *bytes = static_cast<const uint8_t *>(key);
     uint32_t number = tree->rtt_root;
-    while (number && at(tree, number)->rtn_bit < bitlen) number = childToward(at(tree, number), bytes);
+    while (number && at(tree, number)->rtn_bit < bitlen) number = childToward(tree, at(tree, number), bytes);
     zelRadixNode *top = zelRadixNodeAt(tree, number);
     return top && agree(keyOf(withEntry(tree, top)), bytes, bitlen) ? top : nullptr;
 }
