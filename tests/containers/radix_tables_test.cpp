@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "tests/containers/radix_records.h"
+#include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "tests/support/table.h"
 
@@ -31,7 +32,10 @@ struct Family {
 
 class Table : public testing::TestWithParam<Family> {
 protected:
-    ~Table() override { zelRadixDestroy(tree); }
+    ~Table() override {
+        zelRadixDestroy(tree);
+        EXPECT_EQ(FailingAllocator::live(), 0);
+    }
 
     static std::string masked(const uint8_t *key, uint32_t bits) {
         std::string bytes(reinterpret_cast<const char *>(key), (bits + 7) / 8);

@@ -22,7 +22,10 @@ protected:
         bool isMarked = false;
     };
 
-    ~RandomTree() override { zelRadixDestroy(tree); }
+    ~RandomTree() override {
+        zelRadixDestroy(tree);
+        EXPECT_EQ(FailingAllocator::live(), 0);
+    }
 
     // Few distinct bytes, so that prefixes repeat, nest and part at every bit.
     std::unique_ptr<Record> randomRecord() {
@@ -200,6 +203,7 @@ TEST_F(SmallTree, anEntryInsertedTwiceCanStillBeRemoved) {
     tree->rtt_versioning = 1;  // it is in the list of changes, which must survive that
     Record &first = insert("10.0.0.0", 8), &refused = record("10.0.0.0", 8);
     EXPECT_EQ(zelRadixInsert(tree, &first.entry, 8), &first.entry);
+    refused.entry.rtn = first.entry.rtn;
     EXPECT_EQ(zelRadixInsert(tree, &refused.entry, 8), &first.entry);
     EXPECT_EQ(refused.entry.rtn, nullptr);
     EXPECT_EQ(tree->rtt_inserts, 3u);
@@ -285,6 +289,7 @@ TEST_F(SmallTree, nestsAndPartsAtEveryBit) {
     checkRadixTree(tree);
     for (size_t i = 1; i < records.size(); i += 2) zelRadixRemove(tree, &records[i]->entry);
     EXPECT_EQ(tree->rtt_nodes, 0u);
+    EXPECT_EQ(FailingAllocator::live(), 3);  // header, table and one block
 }
 
 TEST_F(SmallTree, reportsWhatIsMissing) {

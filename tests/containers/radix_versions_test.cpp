@@ -54,9 +54,9 @@ protected:
     void touch(bool removes) {
         if (items.empty()) return;
         Item &item = std::next(items.begin(), static_cast<long>(random() % items.size()))->second;
+        removes ? zelRadixRemove(tree, &item.record->entry) : zelRadicalAppendToChangeList(tree, &item.record->entry);
         if (removes && item.isMarked) return;
         item.isMarked |= removes;
-        removes ? zelRadixRemove(tree, &item.record->entry) : zelRadicalAppendToChangeList(tree, &item.record->entry);
         note(item);
     }
 
@@ -164,14 +164,17 @@ TEST_F(Versions, walkPassesOverSubTreesThatDidNotChange) {
         zelRadixInsert(tree, &records.back()->entry, 8);
     }
     zelRadixSetVersion(tree, &records[200]->entry, 7);
+    zelRadixSetVersion(tree, &records[201]->entry, 3);
     // A version that is not handed on upward is not found: the walk does not look at the entries themselves.
     records[100]->entry.rth_change.version = 9;
-    Entries visited;
-    zelRadixVersionWalk(tree, 6, collect, &visited);
-    EXPECT_EQ(visited, Entries{&records[200]->entry});
-    visited.clear();
-    zelRadixVersionWalk(tree, 7, collect, &visited);
-    EXPECT_EQ(visited, Entries{});
+    // A new fork above a change, though nothing changes itself.
+    zelRadixRemove(tree, &records[201]->entry);
+    zelRadixInsert(tree, &records[201]->entry, 8);
+    for (const auto &[since, expected] : {std::pair{6u, Entries{&records[200]->entry}}, std::pair{7u, Entries{}}}) {
+        Entries visited;
+        zelRadixVersionWalk(tree, since, collect, &visited);
+        EXPECT_EQ(visited, expected);
+    }
 }
 
 }  // namespace
