@@ -29,6 +29,7 @@ Manager::Manager(std::uint32_t key, const Options &options)
       receiver_(zelSwpReceiverCreate(key, 0, acknowledgementInterval)),
       clients_(options.mostClients),
       redistribution_(key, clients_, tables_) {
+    zelTmrHeadInit(&timers_, nullptr, nullptr, 0, 0);
     int error = 0;
     if (zelIpcSetRecvBufferLimit(key | requestQueue, receiveBuffer, &error) != 0)
         fprintf(stderr, "zelrtmd: the receive buffer stays small (error %d)\n", error);
@@ -87,7 +88,7 @@ bool Manager::beginsForNobody(const std::uint8_t *message, int length) {
 bool Manager::followUp() {
     if (tablesChanged_ && !pollers_.empty()) tellPollers();
     tablesChanged_ = false;
-    if (!clears_.empty()) askAgain();
+    zelProcTimers(&timers_);
     return redistribution_.serve();
 }
 

@@ -15,6 +15,7 @@
 #include "redistribution.h"
 #include "table.h"
 #include "zel/ipc.h"
+#include "zel/kernel.h"
 #include "zel/rtm.h"
 
 namespace zelrtmd {
@@ -46,12 +47,19 @@ private:
         std::uint32_t bits = 0;
     };
 
-    // A clear request until it is acknowledged.
+    // A clear request until it is acknowledged, and the timer that repeats it.
     struct Clear {
+        Clear(Manager &manager, std::uint32_t handle, std::uint32_t vrf, std::uint32_t sequence);
+        ~Clear();
+        Clear(const Clear &) = delete;
+        Clear &operator=(const Clear &) = delete;
+
+        Manager &manager;
         std::uint32_t handle;
         std::uint32_t vrf;
         std::uint32_t sequence;
         int sent = 0;  // times
+        zelTimer *timer;
     };
 
     void dispatch(std::uint8_t *message, int length);
@@ -81,7 +89,7 @@ private:
     void dropPollers(std::uint32_t handle, std::optional<int> family, std::optional<std::uint32_t> vrf);
     void clear(std::uint32_t vrf);
     void ask(Clear &clear);
-    void askAgain();
+    static void askAgain(intptr_t clear);
     bool takeClearAck(const zelRtmRequest &request);
     zelRtmStatus redistribute(const zelRtmRequest &request, Client &client);
     void showClient(std::uint8_t *message, int length);
@@ -103,9 +111,9 @@ private:
     Table *lastTable_ = nullptr;
     std::list<Poller> pollers_;
     bool tablesChanged_ = false;
+    zelTmrHead timers_{};
     std::list<Clear> clears_;
     std::uint32_t clearSequence_ = 0;
-    double lastAsked_ = 0;
     std::uint64_t counts_[ZEL_RTM_COUNTERS] = {};
 };
 

@@ -3,7 +3,6 @@
 #include <cstdio>
 
 #include "manager.h"
-#include "programs/support/program.h"
 
 namespace zelrtmd {
 namespace {
@@ -11,7 +10,7 @@ namespace {
 constexpr int registrationLength = 168;
 constexpr unsigned commandByte = 4;
 constexpr int mostClearsSent = 5;
-constexpr double secondsBetweenClears = 1;
+constexpr std::uint32_t secondsBetweenClears = 1;
 
 }  // namespace
 
@@ -146,11 +145,22 @@ void Manager::dropPollers(std::uint32_t handle, std::optional<int> family, std::
 
 // ---- Clear requests -------------------------------------------------------------------------------------------------
 
+Manager::Clear::Clear(Manager &itsManager, std::uint32_t itsHandle, std::uint32_t itsVrf, std::uint32_t itsSequence)
+    : manager(itsManager),
+      handle(itsHandle),
+      vrf(itsVrf),
+      sequence(itsSequence),
+      timer(zelTimerCreate(askAgain, reinterpret_cast<intptr_t>(this), secondsBetweenClears, ZEL_TIMER_PERIODIC,
+                           &manager.timers_)) {}
+
+Manager::Clear::~Clear() {
+    zelTimerDelete(timer, &manager.timers_);
+}
+
 // Empties the tables of a VRF and asks those whose routes went to send them again.
 void Manager::clear(std::uint32_t vrf) {
     for (const std::uint32_t owner : withdraw(0, std::nullopt, vrf))
-        ask(clears_.emplace_back(Clear{owner, vrf, ++clearSequence_}));
-    lastAsked_ = zel::programs::monotonicSeconds();
+        ask(clears_.emplace_back(*this, owner, vrf, ++clearSequence_));
 }
 
 void Manager::ask(Clear &clear) {
@@ -163,13 +173,11 @@ void Manager::ask(Clear &clear) {
     zelIpcNonGuaranteedSend(key_, message, length);
 }
 
-// The requests are single datagrams, so those that nobody acknowledged may have been lost.
-void Manager::askAgain() {
-    const double now = zel::programs::monotonicSeconds();
-    if (now - lastAsked_ < secondsBetweenClears) return;
-    lastAsked_ = now;
-    clears_.remove_if([](const Clear &clear) { return clear.sent >= mostClearsSent; });
-    for (Clear &clear : clears_) ask(clear);
+// The requests are single datagrams, so one that nobody acknowledged may have been lost.
+void Manager::askAgain(intptr_t argument) {
+    auto &clear = *reinterpret_cast<Clear *>(argument);
+    if (clear.sent < mostClearsSent) return clear.manager.ask(clear);
+    clear.manager.clears_.remove_if([&](const Clear &other) { return &other == &clear; });
 }
 
 bool Manager::takeClearAck(const zelRtmRequest &request) {
