@@ -1,5 +1,7 @@
 #include "platform/quick_mutex.h"
 
+#include <climits>
+
 #include "base/lock.h"
 #include "platform/futex.h"
 #include "platform/process_fence.h"
@@ -7,10 +9,9 @@
 #include "platform/seam.h"
 
 namespace zel::platform {
-
 namespace {
 
-constexpr int fewestPauses = 8, mostPauses = 64;
+constexpr int fewestPauses = 32, mostPauses = 128;
 
 void pauseFor(int pauses) {
     for (int i = 0; i < pauses; ++i) {
@@ -28,10 +29,7 @@ void pauseFor(int pauses) {
 bool QuickMutex::lockSoon() {
     for (int pauses = fewestPauses; pauses <= mostPauses; pauses *= 2) {
         pauseFor(pauses);
-        std::uint32_t open = 0;
-        if (held_.load(std::memory_order_relaxed) == 0 &&
-            held_.compare_exchange_strong(open, 1, std::memory_order_acquire))
-            return true;
+        if (held_.load(std::memory_order_relaxed) == 0 && tryLock()) return true;
     }
     return false;
 }
@@ -47,20 +45,20 @@ void QuickMutex::lockSlowly() {
         if (pthread_mutex_lock(&host_) != 0) mutexCallFailed("pthread_mutex_lock", name_, __FILE__, __LINE__, __func__);
         return;
     }
-    if (lockSoon()) return;
-    contenders_.fetch_add(1);
-    fenceAllThreads();
-    for (std::uint32_t open = 0; !held_.compare_exchange_strong(open, 1, std::memory_order_acquire); open = 0)
-        futexWait(held_, 1, forever);
-    contenders_.fetch_sub(1);
+    while (!lockSoon()) {
+        sleeping_.store(1);
+        fenceAllThreads();
+        if (tryLock()) return;
+        futexWait(sleeping_, 1, forever);
+    }
 }
 
 void QuickMutex::unlockHost() {
     if (pthread_mutex_unlock(&host_) != 0) mutexCallFailed("pthread_mutex_unlock", name_, __FILE__, __LINE__, __func__);
 }
 
-void QuickMutex::wakeContender() {
-    futexWake(held_, 1);
+void QuickMutex::wakeSleepers() {
+    if (sleeping_.exchange(0) != 0) futexWake(sleeping_, INT_MAX);
 }
 
 }  // namespace zel::platform

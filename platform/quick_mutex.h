@@ -1,9 +1,12 @@
 // A mutex for sections of some ten nanoseconds: one compare-and-swap to lock and one plain store to unlock.
 //
-// Whoever finds it locked looks again a few times; then it announces itself, makes every thread pass a fence, and
-// sleeps on the word; after that fence each unlocker either has not stored yet and then sees the announcement, or has
-// stored and is seen. So the seldom contender pays for both sides. Where the host has no such fence, and while
-// real-time scheduling asks for priority inheritance, it is a plain host mutex.
+// Whoever finds it locked looks again a few times; then it says that somebody sleeps, makes every thread pass a fence,
+// looks once more, and sleeps on what it said. After that fence each unlocker either has not stored yet and then sees
+// the sleeper, or has stored and is seen. So the seldom contender pays for both sides. An unlocker takes the word back
+// as it wakes all sleepers, lest it wake them again and again until one of them gets a processor.
+//
+// Where the host has no such fence, and while real-time scheduling asks for priority inheritance, it is a plain host
+// mutex.
 //
 // Not recursive; its memory may outlive its use, but must stay. The caller must not be stopped or cancelled inside.
 #pragma once
@@ -23,10 +26,7 @@ public:
     void init(const char *name);
 
     void lock() {
-        std::uint32_t open = 0;
-        const bool isOurs =
-            isQuick_ && held_.compare_exchange_strong(open, 1, std::memory_order_acquire, std::memory_order_relaxed);
-        if (!isOurs) [[unlikely]]
+        if (!isQuick_ || !tryLock()) [[unlikely]]
             lockSlowly();
     }
 
@@ -44,19 +44,23 @@ public:
     }
 
 private:
+    bool tryLock() {
+        std::uint32_t open = 0;
+        return held_.compare_exchange_strong(open, 1, std::memory_order_acquire, std::memory_order_relaxed);
+    }
     void open() {
         held_.store(0, std::memory_order_release);
         std::atomic_signal_fence(std::memory_order_seq_cst);
-        if (contenders_.load(std::memory_order_relaxed) != 0) [[unlikely]]
-            wakeContender();
+        if (sleeping_.load(std::memory_order_relaxed) != 0) [[unlikely]]
+            wakeSleepers();
     }
     void lockSlowly();
     bool lockSoon();
     void unlockHost();
-    void wakeContender();
+    void wakeSleepers();
 
     std::atomic<std::uint32_t> held_{0};
-    std::atomic<std::uint32_t> contenders_{0};
+    std::atomic<std::uint32_t> sleeping_{0};  // 1: somebody may be asleep
     bool isQuick_ = false;
     pthread_mutex_t host_ = PTHREAD_MUTEX_INITIALIZER;
     const char *name_ = nullptr;
