@@ -36,11 +36,14 @@ std::vector<uint32_t> randomTimeouts(std::size_t count) {
 
 long fired = 0;
 
+// Its records lie side by side, as those of the peers do.
 class Wheel {
 public:
-    explicit Wheel(uint32_t timers) : timers_(timers) {
+    explicit Wheel(uint32_t timers) : records_(timers), timers_(timers) {
+        nextRecord_ = records_.data();
         wheel_ = zelcwTimerInit(
-            buckets, timers, 0, nullptr, nullptr, [](void *) { ++fired; }, nullptr, 0, sizeof(zelcwTimer));
+            buckets, timers, 0, [](std::size_t) -> void * { return nextRecord_++; }, [](void *) {},
+            [](void *) { ++fired; }, nullptr, 0, sizeof(zelcwTimer));
         for (void *&timer : timers_) timer = zelcwGetTimer(wheel_);
     }
     ~Wheel() {
@@ -56,7 +59,9 @@ public:
     int next() { return zelcwTimerRetNext(wheel_); }
 
 private:
+    static inline zelcwTimer *nextRecord_ = nullptr;
     zelcwTimerCB *wheel_;
+    std::vector<zelcwTimer> records_;
     std::vector<void *> timers_;
 };
 

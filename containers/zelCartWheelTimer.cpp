@@ -71,17 +71,17 @@ void clearBit(zelcwTimerCB *wheel, uint32_t bucket) {
 }
 
 void append(WheelBucket &bucket, zelcwTimer *timer) {
-    timer->prev = bucket.last;
-    timer->next = nullptr;
-    timer->bucket = &bucket;
-    (bucket.last ? bucket.last->next : bucket.first) = timer;
+    zelcwTimer *last = bucket.last;
+    *timer = {last, nullptr, &bucket};
+    (last ? last->next : bucket.first) = timer;
     bucket.last = timer;
 }
 
 void remove(zelcwTimer *timer) {
     auto &bucket = *static_cast<WheelBucket *>(timer->bucket);
-    (timer->prev ? timer->prev->next : bucket.first) = timer->next;
-    (timer->next ? timer->next->prev : bucket.last) = timer->prev;
+    zelcwTimer *prev = timer->prev, *next = timer->next;
+    (prev ? prev->next : bucket.first) = next;
+    (next ? next->prev : bucket.last) = prev;
     *timer = {};
 }
 
