@@ -13,8 +13,8 @@
 // A marked entry hides the shorter prefixes from best match on purpose: readers of the old version must not see a route
 // change its meaning before the version passes.
 //
-// A tree in shared memory may lose its writer at any moment. Each change is therefore visible to readers, which descend
-// and climb, through one store (see `publish`); what is stored before and after it makes no difference to them.
+// A tree in shared memory may lose its writer at any moment. Each insertion and removal therefore takes effect by one
+// store (see `publish`), before and after which readers, who descend and climb, find a whole tree.
 #include <atomic>
 #include <cstring>
 
@@ -176,19 +176,29 @@ zelRadixEntry *place(zelRadix *tree, zelRadixEntry *entry, std::uint32_t bitlen)
 
 // ---- Removal --------------------------------------------------------------------------------------------------------
 
-// Removes a node that lost its entry, and the fork above it that thereby lost a branch. `key` led to both.
-void collapse(zelRadix *tree, std::uint32_t number, const std::uint8_t *key) {
-    while (number) {
-        zelRadixNode *node = at(tree, number);
-        if (node->rtn_entry || (node->rtn_left && node->rtn_right)) return;
-        std::uint32_t *link = linkTo(tree, number);
-        if (!link) return;
-        const std::uint32_t parent = node->rtn_parent, child = anyChild(node);
-        unindexNode(tree, number, key);
-        if (child) at(tree, child)->rtn_parent = parent;
-        publish(*link, child);
+// Puts the heir, a child or nothing, in the place of a node. `key` led to it.
+void unlink(zelRadix *tree, std::uint32_t number, std::uint32_t heir, const std::uint8_t *key) {
+    std::uint32_t *link = linkTo(tree, number);
+    if (!link) return;
+    unindexNode(tree, number, heir, key);
+    if (heir) at(tree, heir)->rtn_parent = at(tree, number)->rtn_parent;
+    publish(*link, heir);
+    dropNode(tree, number);
+}
+
+// Takes away a node's entry: the node stays if it forks, and a fork above it that loses a branch goes with it.
+void emptyNode(zelRadix *tree, std::uint32_t number, const std::uint8_t *key) {
+    zelRadixNode *node = at(tree, number);
+    const zelRadixNode *parent = zelRadixNodeAt(tree, node->rtn_parent);
+    if (node->rtn_left && node->rtn_right) {
+        __atomic_store_n(&node->rtn_entry, nullptr, __ATOMIC_RELEASE);
+        node->rtn_flags &= static_cast<std::uint8_t>(~ZEL_RADIX_DELETED);
+    } else if (anyChild(node) || !parent || parent->rtn_entry) {
+        unlink(tree, number, anyChild(node), key);
+    } else {
+        unindexNode(tree, number, 0, key);
+        unlink(tree, node->rtn_parent, parent->rtn_left == number ? parent->rtn_right : parent->rtn_left, key);
         dropNode(tree, number);
-        number = parent;
     }
 }
 
@@ -241,16 +251,13 @@ zelRadixEntry *entryUnlessMarked(const zelRadixNode *node) {
 }  // namespace
 
 void takeOut(zelRadix *tree, zelRadixEntry *entry) {
-    zelRadixNode *node = entry->rtn;
     const std::uint8_t *key = entry->rth_key;
-    const std::uint32_t number = numberOf(tree, node);
+    const std::uint32_t number = numberOf(tree, entry->rtn);
     forgetChange(tree, entry);
     unindexEntry(tree, number, key);
-    __atomic_store_n(&node->rtn_entry, nullptr, __ATOMIC_RELEASE);
-    node->rtn_flags &= static_cast<std::uint8_t>(~ZEL_RADIX_DELETED);
+    emptyNode(tree, number, key);
     entry->rtn = nullptr;
     entry->rth_key = nullptr;
-    collapse(tree, number, key);
 }
 
 }  // namespace zel::containers

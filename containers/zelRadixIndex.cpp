@@ -70,12 +70,12 @@ void unindexEntry(zelRadix *tree, std::uint32_t number, const std::uint8_t *key)
     if (!isLong(tree, node)) replaceBelow(tree, node, key, number, numberAbove(tree, node));
 }
 
-void unindexNode(zelRadix *tree, std::uint32_t number, const std::uint8_t *key) {
+void unindexNode(zelRadix *tree, std::uint32_t number, std::uint32_t heir, const std::uint8_t *key) {
     if (!tree->rtt_index) return;
     const zelRadixNode *node = at(tree, number);
     if (!isLong(tree, node)) return;
     std::uint32_t &slot = tree->rtt_index[slotOf(key, tree->rtt_index_bits)];
-    if (slot == number) slot = anyChild(node) ? anyChild(node) : numberAbove(tree, node);
+    if (slot == number) slot = heir ? heir : numberAbove(tree, node);
 }
 
 void indexWhenLarge(zelRadix *tree) {

@@ -99,8 +99,8 @@ void dropIndex(zelRadix *tree);
 void indexNode(zelRadix *tree, std::uint32_t number, const std::uint8_t *key);
 // The node lost its entry: still in place.
 void unindexEntry(zelRadix *tree, std::uint32_t number, const std::uint8_t *key);
-// The node is about to go.
-void unindexNode(zelRadix *tree, std::uint32_t number, const std::uint8_t *key);
+// The node is about to go, and the heir, or nothing, to take its place.
+void unindexNode(zelRadix *tree, std::uint32_t number, std::uint32_t heir, const std::uint8_t *key);
 
 // ---- Versions: zelRadical.cpp ---------------------------------------------------------------------------------------
 
