@@ -20,7 +20,7 @@ zelMemPartStats memory() {
 
 // A route for the nth host, in records of six lengths.
 Change add(zelrtmd::Table &table, std::uint32_t n) {
-    static const std::uint8_t record[200] = {};
+    static const std::uint8_t record[280] = {};
     zelRtmRoute route{};
     std::memset(route.mask, 0xff, 4);
     std::memcpy(route.prefix, &n, sizeof n);
