@@ -71,32 +71,25 @@ TEST(MsgQCreate, RefusesWhatNoHostCanHold) {
     EXPECT_EQ(msgQReceive(queue, nullptr, 0, ZEL_NO_WAIT), 0) << "an empty message, not a failure";
 }
 
-TEST(MsgQ, ChecksLengthBeforeFullness) {
+TEST(MsgQ, ChecksLengthThenFullnessAndWaitsAsLongAsItIsTold) {
     const zelMsgQId queue = msgQCreate(3, 8, ZEL_MSGQ_FIFO);
     char buffer[16];
-    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_MSG_LENGTH, msgQReceive(queue, buffer, 7, 0));
-    errno = 0;
-    for (const char *text : {"1", "22", "12345678"}) EXPECT_EQ(send(queue, text), ZEL_OK);
-    EXPECT_EQ(msgQNumMsgs(queue), 3);
-    EXPECT_EQ(errno, 0) << "success leaves it alone";
-    EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, send(queue, "x"));
-    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_MSG_LENGTH, send(queue, "123456789"));
-    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_MSG_LENGTH, msgQSend(queue, "", UINT32_MAX, 0, 0));
-    // The message would fit, the longest would not.
-    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_MSG_LENGTH, msgQReceive(queue, buffer, 7, 0));
-    EXPECT_EQ(receive(queue), "1");
-}
-
-TEST(MsgQ, WaitsAsLongAsItIsTold) {
-    const zelMsgQId queue = msgQCreate(1, 8, ZEL_MSGQ_FIFO);
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(receive(queue, 5), timedOut);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(100));
     EXPECT_EQ(receive(queue, -2), timedOut);
-    EXPECT_EQ(send(queue, "full", WAIT_FOREVER), ZEL_OK);
+    errno = 0;
+    for (const char *text : {"1", "22", "12345678"}) EXPECT_EQ(send(queue, text, WAIT_FOREVER), ZEL_OK);
+    EXPECT_EQ(msgQNumMsgs(queue), 3);
+    EXPECT_EQ(errno, 0) << "success leaves it alone";
+    EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, send(queue, "x"));
     EXPECT_FAILS_WITH(ZEL_ERR_TIMEOUT, send(queue, "x", 2));
     EXPECT_FAILS_WITH(ZEL_ERR_TIMEOUT, send(queue, "x", -2));
-    EXPECT_EQ(receive(queue, -2), "full");
+    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_MSG_LENGTH, send(queue, "123456789"));
+    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_MSG_LENGTH, msgQSend(queue, "", UINT32_MAX, 0, 0));
+    // The message would fit, the longest would not.
+    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_MSG_LENGTH, msgQReceive(queue, buffer, 7, 0));
+    EXPECT_EQ(receive(queue, -2), "1");
 }
 
 // Random sends, urgent sends and receives against a double-ended queue, with messages of every length.
@@ -127,14 +120,6 @@ TEST(MsgQ, AgreesWithAModel) {
 
 // ---- Waiting ----
 
-TEST(MsgQOrder, SendersAreServedInOrderOfArrival) {
-    const zelMsgQId queue = msgQCreate(1, 8, ZEL_MSGQ_FIFO);
-    EXPECT_EQ(send(queue, "0"), ZEL_OK);
-    std::deque<Sender> senders;
-    for (const char *text : {"1", "2", "3"}) ASSERT_TRUE(senders.emplace_back(queue, text).task.pends());
-    for (const char *text : {"0", "1", "2", "3"}) EXPECT_EQ(receive(queue, WAIT_FOREVER), text);
-}
-
 TEST(MsgQOrder, SeveralMessagesWakeSeveralTasks) {
     for (const int options : {ZEL_MSGQ_FIFO, ZEL_MSGQ_PRIORITY}) {
         const zelMsgQId queue = msgQCreate(8, 8, options);
@@ -143,39 +128,38 @@ TEST(MsgQOrder, SeveralMessagesWakeSeveralTasks) {
         for (int i = 0; i < 8; ++i) ASSERT_TRUE(receivers.emplace_back(queue).task.pends());
         for (int i = 0; i < 8; ++i) EXPECT_EQ(send(queue, "m"), ZEL_OK);
         for (Receiver &receiver : receivers) EXPECT_TRUE(receiver.task.ends());
-        for (int i = 0; i < 8; ++i) send(queue, "m");
-        for (int i = 0; i < 8; ++i) ASSERT_TRUE(senders.emplace_back(queue, "n").task.pends());
-        for (int i = 0; i < 16; ++i) EXPECT_EQ(receive(queue, WAIT_FOREVER), i < 8 ? "m" : "n");
+        for (int i = 0; i < 8; ++i) send(queue, std::to_string(i));
+        for (int i = 8; i < 16; ++i) ASSERT_TRUE(senders.emplace_back(queue, std::to_string(i)).task.pends());
+        for (int i = 0; i < 16; ++i) {
+            const std::string text = receive(queue, WAIT_FOREVER);
+            EXPECT_TRUE(options == ZEL_MSGQ_PRIORITY || text == std::to_string(i)) << text << " as " << i;
+        }
     }
 }
 
 // The task whose turn it is is deleted with the message, or the room, before it: the next one goes on.
 TEST(MsgQOrder, DeletedTaskPassesItsTurnOn) {
     const zelMsgQId queue = msgQCreate(1, 8, ZEL_MSGQ_FIFO);
-    {
-        Receiver first(queue);
-        ASSERT_TRUE(first.task.pends());
-        Receiver second(queue);
-        ASSERT_TRUE(second.task.pends());
-        taskSuspend(first.task.id());
-        EXPECT_EQ(send(queue, "a"), ZEL_OK);
-        first.task.remove();
-        EXPECT_TRUE(second.task.ends());
-        EXPECT_EQ(second.got, "a");
-    }
+    const auto passesItsTurn = [](TestTask &first, TestTask &second, const Body &serve) {
+        EXPECT_TRUE(first.pends() && second.pends());
+        taskSuspend(first.id());
+        serve();
+        EXPECT_FALSE(second.hasEnded());
+        first.remove();
+        EXPECT_TRUE(second.ends());
+    };
+    Receiver firstReceiver(queue);
+    ASSERT_TRUE(firstReceiver.task.pends());
+    Receiver secondReceiver(queue);
+    passesItsTurn(firstReceiver.task, secondReceiver.task, [&] { EXPECT_EQ(send(queue, "a"), ZEL_OK); });
+    EXPECT_EQ(secondReceiver.got, "a");
     EXPECT_EQ(send(queue, "b"), ZEL_OK);
-    Sender first(queue, "x");
-    ASSERT_TRUE(first.task.pends());
-    Sender second(queue, "c");
-    ASSERT_TRUE(second.task.pends());
-    taskSuspend(first.task.id());
-    EXPECT_EQ(receive(queue), "b");
-    first.task.remove();
-    EXPECT_TRUE(second.task.ends());
+    Sender firstSender(queue, "x");
+    ASSERT_TRUE(firstSender.task.pends());
+    Sender secondSender(queue, "c");
+    passesItsTurn(firstSender.task, secondSender.task, [&] { EXPECT_EQ(receive(queue), "b"); });
     EXPECT_EQ(receive(queue), "c");
 }
-
-// ---- Queues that hold nothing ----
 
 TEST(MsgQOfNone, PassesOneMessageFromASenderToAWaitingReceiver) {
     const zelMsgQId queue = msgQCreate(0, 8, ZEL_MSGQ_FIFO);
@@ -183,25 +167,19 @@ TEST(MsgQOfNone, PassesOneMessageFromASenderToAWaitingReceiver) {
     EXPECT_FAILS_WITH(ZEL_ERR_TIMEOUT, send(queue, "x", 1));
     EXPECT_EQ(receive(queue), unavailable);
     EXPECT_EQ(receive(queue, 1), timedOut);
-    {
-        Receiver receiver(queue);
-        ASSERT_TRUE(receiver.task.pends());
-        taskSuspend(receiver.task.id());
-        EXPECT_EQ(send(queue, "a"), ZEL_OK);
-        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, send(queue, "b"));  // does not overwrite the first
-        EXPECT_EQ(msgQNumMsgs(queue), 1);
-        taskResume(receiver.task.id());
-        EXPECT_TRUE(receiver.task.ends());
-        EXPECT_EQ(receiver.got, "a");
-    }
-    Sender first(queue, "a");
-    ASSERT_TRUE(first.task.pends());
-    Sender second(queue, "b");
-    ASSERT_TRUE(second.task.pends());
-    EXPECT_EQ(receive(queue, WAIT_FOREVER), "a");
-    EXPECT_TRUE(first.task.ends());
-    EXPECT_EQ(receive(queue, WAIT_FOREVER), "b");
-    EXPECT_TRUE(second.task.ends());
+    Receiver receiver(queue);
+    ASSERT_TRUE(receiver.task.pends());
+    taskSuspend(receiver.task.id());
+    EXPECT_EQ(send(queue, "a"), ZEL_OK);
+    EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, send(queue, "b"));  // does not overwrite the first
+    EXPECT_EQ(msgQNumMsgs(queue), 1);
+    taskResume(receiver.task.id());
+    EXPECT_TRUE(receiver.task.ends());
+    EXPECT_EQ(receiver.got, "a");
+    std::deque<Sender> senders;
+    for (const char *text : {"c", "d"}) ASSERT_TRUE(senders.emplace_back(queue, text).task.pends());
+    for (const char *text : {"c", "d"}) EXPECT_EQ(receive(queue, WAIT_FOREVER), text);
+    for (const Sender &sender : senders) EXPECT_TRUE(sender.task.ends());
 }
 
 // ---- Deletion ----
@@ -288,10 +266,7 @@ TEST(MsgQStream, DeliversEachMessageOnceAndWhole) {
                     sums[message.producer][1] += message.number;
                 }
             });
-        for (int i = 0; i < 20; ++i) {
-            TestTask visitor([&] { msgQSend(queue, nullptr, 0, WAIT_FOREVER, 7), taskDelay(1000); });
-            visitor.remove();
-        }
+        for (int i = 0; i < 20; ++i) TestTask([&] { msgQSend(queue, nullptr, 0, WAIT_FOREVER, 7), taskDelay(1000); });
         for (auto &producer : producers) ASSERT_TRUE(eventually(100, [&] { return producer.hasEnded(); }));
         ASSERT_TRUE(eventually(patience, [&] { return msgQNumMsgs(queue) == 0; }));
         EXPECT_EQ(msgQDelete(queue), ZEL_OK);
@@ -305,24 +280,19 @@ TEST(MsgQStream, DeliversEachMessageOnceAndWhole) {
 
 TEST(MsgQStream, DeletesRaceWithEveryOtherCall) {
     std::atomic<zelMsgQId> queue{msgQCreate(2, 8, ZEL_MSGQ_FIFO)};
-    std::atomic<bool> isOver{false};
+    Gate over;
     std::deque<TestTask> tasks;
     for (int t = 0; t < 4; ++t)
         tasks.emplace_back([&, t] {
             char buffer[8] = {};
-            while (!isOver) {
-                if (t % 2 == 0)
-                    msgQSend(queue, buffer, 8, 1, t == 0 ? ZEL_MSG_NORMAL : ZEL_MSG_URGENT);
-                else
-                    msgQReceive(queue, buffer, 8, 1);
-            }
+            while (!over.isOpen()) t < 2 ? msgQSend(queue, buffer, 8, 1, t) : msgQReceive(queue, buffer, 8, 1);
         });
     for (int i = 0; i < (isFullRun() ? 20'000 : 100); ++i) {
         const zelMsgQId old = queue.exchange(msgQCreate(i % 3, 8, i % 2));
         ASSERT_EQ(msgQDelete(old), ZEL_OK);
         if (i % 10 == 0) taskDelay(0);
     }
-    isOver = true;
+    over.open();
     for (auto &task : tasks) EXPECT_TRUE(task.ends());
 }
 

@@ -100,11 +100,10 @@ TEST(SemTake, AnswersByTokensAndTime) {
 }
 
 TEST(SemGive, HasNoCeilingAndPaysOffANegativeCount) {
-    for (const zelSemId id : {semBCreate(ZEL_SEM_FIFO, 0), semCCreate(ZEL_SEM_FIFO, -2)}) {
-        for (int i = 0; i < 4; ++i) EXPECT_EQ(semGive(id), ZEL_OK);
-        for (int tokens = id == 2304 ? 4 : 2; tokens > 0; --tokens) EXPECT_EQ(semTake(id, ZEL_NO_WAIT), ZEL_OK);
-        EXPECT_EQ(semTake(id, ZEL_NO_WAIT), ZEL_ERROR);
-    }
+    const zelSemId id = semBCreate(ZEL_SEM_FIFO, 0), negative = semCCreate(ZEL_SEM_FIFO, -2);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(semGive(id) + semGive(negative), ZEL_OK);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(semTake(id, ZEL_NO_WAIT), i < 4 ? ZEL_OK : ZEL_ERROR);
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(semTake(negative, ZEL_NO_WAIT), i < 2 ? ZEL_OK : ZEL_ERROR);
 }
 
 // ---- Mutexes ----
@@ -136,30 +135,40 @@ TEST(SemMutex, OnlyTheOwnerRecursesAndGives) {
 TEST(SemMutex, StaysWithADeletedOwnerAndNotWithItsAddress) {
     const zelSemId id = semMCreate(ZEL_SEM_PRIORITY | ZEL_SEM_INVERSION_SAFE);
     zelTcb tcb;
-    std::atomic<int> step{0};
-    const auto stay = [&] {
-        ++step;
-        for (;;) taskDelay(1);
-    };
-    const Body bodies[] = {
-        [&] {
-            EXPECT_EQ(semTake(id, WAIT_FOREVER), ZEL_OK);
-            stay();
-        },
-        [&] {
-            EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semGive(id));
-            EXPECT_FAILS_WITH(ZEL_ERR_TIMEOUT, semTake(id, 1));
-            stay();
-        },
-    };
+    const Body bodies[] = {[&] { EXPECT_EQ(semTake(id, WAIT_FOREVER), ZEL_OK); },
+                           [&] {
+                               EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semGive(id));
+                               EXPECT_FAILS_WITH(ZEL_ERR_TIMEOUT, semTake(id, 1));
+                           }};
     for (const Body &body : bodies) {
-        const int before = step;
         ASSERT_EQ(init(tcb, body), ZEL_OK);
         ASSERT_EQ(taskActivate(tcb.id), ZEL_OK);
-        ASSERT_TRUE(eventually(patience, [&] { return step == before + 1; }));
-        ASSERT_EQ(taskDeleteForce(tcb.id), ZEL_OK);
+        ASSERT_TRUE(ends(tcb.id));
     }
 }
+
+// An owner that holds a mutex twice and gives it once for each give of `go`.
+struct Owner {
+    Owner(zelSemId id, Body lastGive = {})
+        : task(
+              [this, id, lastGive] {
+                  semTake(id, WAIT_FOREVER), semTake(id, WAIT_FOREVER);
+                  semTake(go, WAIT_FOREVER), semGive(id);
+                  semTake(go, WAIT_FOREVER), lastGive ? lastGive() : void(semGive(id));
+                  semTake(go, WAIT_FOREVER);
+              },
+              200) {
+        EXPECT_TRUE(task.pends());
+    }
+    // Whether the owner waits for `go` again.
+    bool givesOnce() {
+        semGive(go);
+        return task.pends();
+    }
+    int priority() const { return field(task.id(), &zelTcb::currentPriority); }
+    const zelSemId go = semBCreate(ZEL_SEM_FIFO, 0);
+    TestTask task;
+};
 
 TEST(SemMutex, WaiterRaisesTheOwnerUntilItsLastGive) {
     const struct {
@@ -172,114 +181,66 @@ TEST(SemMutex, WaiterRaisesTheOwnerUntilItsLastGive) {
                 {ZEL_SEM_PRIORITY, WAIT_FOREVER, false}};
     for (const auto &row : rows) {
         const zelSemId id = semMCreate(row.options);
-        const zelSemId go = semBCreate(ZEL_SEM_FIFO, 0);
-        TestTask owner(
-            [&] {
-                semTake(id, WAIT_FOREVER);
-                semTake(id, WAIT_FOREVER);
-                for (int i = 0; i < 3; ++i) {
-                    semTake(go, WAIT_FOREVER);
-                    if (i < 2) semGive(id);
-                }
-            },
-            200);
-        const auto priority = [&] { return field(owner.id(), &zelTcb::currentPriority); };
-        ASSERT_TRUE(owner.pends());
-        const int own = priority();
+        Owner owner(id);
+        const int own = owner.priority(), raised = row.raises ? 254 - 10 : own;
         Taker waiter(id, row.ticks, 10);
         ASSERT_TRUE(row.ticks == ZEL_NO_WAIT ? waiter.task.ends() : waiter.task.pends());
-        EXPECT_EQ(priority(), row.raises ? 254 - 10 : own);
-        semGive(go);
-        ASSERT_TRUE(owner.pends());
-        EXPECT_EQ(priority(), row.raises ? 254 - 10 : own) << "given once of twice";
-        semGive(go);
+        EXPECT_EQ(owner.priority(), raised);
+        ASSERT_TRUE(owner.givesOnce());
+        EXPECT_EQ(owner.priority(), raised) << "given once of twice";
+        semGive(owner.go);
         ASSERT_TRUE(waiter.task.ends());
-        ASSERT_TRUE(eventually(patience, [&] { return priority() == own; }));
-        semGive(go);
-        EXPECT_TRUE(owner.ends());
+        EXPECT_TRUE(eventually(patience, [&] { return owner.priority() == own; }));
     }
 }
 
 TEST(SemMutex, DeleteSafeOwnerIsDeletedAfterItsLastGive) {
     const zelSemId id = semMCreate(ZEL_SEM_PRIORITY | ZEL_SEM_DELETE_SAFE);
-    const zelSemId go = semBCreate(ZEL_SEM_FIFO, 0);
-    for (const bool deletesMutex : {false, true}) {
-        TestTask owner([&] {
-            semTake(id, WAIT_FOREVER);
-            semTake(id, WAIT_FOREVER);
-            semTake(go, WAIT_FOREVER);
-            semGive(id);
-            semTake(go, WAIT_FOREVER);
-            deletesMutex ? semDelete(id) : semGive(id);
-            for (;;) taskDelay(1);
-        });
-        ASSERT_TRUE(owner.pends());
-        std::atomic<bool> isDeleted{false};
-        TestTask deleter([&] { isDeleted = taskDelete(owner.id()) == ZEL_OK; });
-        ASSERT_TRUE(eventually(patience, [&] { return field(owner.id(), &zelTcb::deletersWaiting) == 1; }));
-        semGive(go);
-        ASSERT_TRUE(owner.pends());
-        EXPECT_FALSE(isDeleted) << "one give of two";
-        semGive(go);
+    for (const Body &lastGive : {Body([&] { semGive(id); }), Body([&] { semDelete(id); })}) {
+        Owner owner(id, lastGive);
+        TestTask deleter([&] { EXPECT_EQ(taskDelete(owner.task.id()), ZEL_OK); });
+        ASSERT_TRUE(eventually(patience, [&] { return field(owner.task.id(), &zelTcb::deletersWaiting) == 1; }));
+        ASSERT_TRUE(owner.givesOnce());
+        EXPECT_FALSE(deleter.hasEnded()) << "one give of two";
+        semGive(owner.go);
         EXPECT_TRUE(deleter.ends());
-        EXPECT_TRUE(isDeleted);
     }
 }
 
 // ---- Order ----
 
-// A suspended waiter with a token to take: in order of arrival it blocks those behind it, in priority order not.
+// A suspended waiter with a token to take: in order of arrival it blocks those behind it until it goes on, which counts
+// more than its deadline, or is deleted; in priority order it blocks nobody.
 TEST(SemOrder, SuspendedWaiterHoldsUpOnlyAQueueInOrderOfArrival) {
-    for (const bool isFifo : {true, false}) {
-        const zelSemId id = semCCreate(isFifo ? ZEL_SEM_FIFO : ZEL_SEM_PRIORITY, 0);
-        Taker high(id, WAIT_FOREVER, 10);
+    const struct { bool isFifo, isDeleted; } rows[] = {{true, false}, {true, true}, {false, false}};
+    for (const auto &row : rows) {
+        const zelSemId id = semCCreate(row.isFifo ? ZEL_SEM_FIFO : ZEL_SEM_PRIORITY, 0);
+        Taker high(id, 25, 10);
         ASSERT_TRUE(high.task.pends());
         Taker low(id, WAIT_FOREVER, 200);
         ASSERT_TRUE(low.task.pends());
         ASSERT_EQ(taskSuspend(high.task.id()), ZEL_OK);
         EXPECT_EQ(semGive(id), ZEL_OK);
-        if (isFifo) {
+        if (row.isFifo) {
             EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, semTake(id, ZEL_NO_WAIT));  // two are ahead
-            EXPECT_FAILS_WITH(ZEL_ERR_TIMEOUT, semTake(id, 2));
+            EXPECT_FAILS_WITH(ZEL_ERR_TIMEOUT, semTake(id, 26));
             EXPECT_FALSE(low.task.hasEnded());
         } else {
             EXPECT_TRUE(low.task.ends());
         }
-        EXPECT_EQ(semGive(id), ZEL_OK);
-        EXPECT_FALSE(high.task.hasEnded());
-        EXPECT_EQ(taskResume(high.task.id()), ZEL_OK);
+        if (row.isDeleted) {
+            high.task.remove();
+        } else {
+            EXPECT_EQ(semGive(id), ZEL_OK);
+            EXPECT_FALSE(high.task.hasEnded());
+            EXPECT_EQ(taskResume(high.task.id()), ZEL_OK);
+        }
         EXPECT_TRUE(high.task.ends() && low.task.ends());
-        EXPECT_EQ(high.error + low.error, 0);
+        EXPECT_EQ(low.error, 0);
+        EXPECT_EQ(high.error, row.isDeleted ? -1 : 0);
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, semTake(id, ZEL_NO_WAIT));
+        EXPECT_EQ(semDelete(id), ZEL_OK) << "no waiter is left behind";
     }
-}
-
-// The head of the queue is deleted with a token before it: the next one gets it.
-TEST(SemOrder, TokenOfADeletedWaiterGoesToTheNext) {
-    const zelSemId id = semBCreate(ZEL_SEM_FIFO, 0);
-    Taker head(id);
-    ASSERT_TRUE(head.task.pends());
-    Taker next(id);
-    ASSERT_TRUE(next.task.pends());
-    ASSERT_EQ(taskSuspend(head.task.id()), ZEL_OK);
-    semGive(id);
-    EXPECT_FALSE(next.task.hasEnded());
-    head.task.remove();
-    EXPECT_TRUE(next.task.ends());
-    EXPECT_EQ(semTake(id, ZEL_NO_WAIT), ZEL_ERROR);
-    EXPECT_EQ(semDelete(id), ZEL_OK) << "no waiter is left behind";
-}
-
-// Resumed after its deadline, a waiter looks for a token before it looks at the time.
-TEST(SemOrder, TokenCountsMoreThanTheDeadline) {
-    const zelSemId id = semBCreate(ZEL_SEM_FIFO, 0);
-    Taker lucky(id, 25);
-    ASSERT_TRUE(lucky.task.pends());
-    ASSERT_EQ(taskSuspend(lucky.task.id()), ZEL_OK);
-    taskDelay(26);
-    semGive(id);
-    taskResume(lucky.task.id());
-    EXPECT_TRUE(lucky.task.ends());
-    EXPECT_EQ(lucky.error, 0);
 }
 
 // ---- Flush and deletion ----
@@ -303,30 +264,38 @@ TEST(SemFlush, ReleasesEachWaiterOnceHoweverSoonItComesBack) {
     for (auto &task : tasks) EXPECT_TRUE(task.ends());
 }
 
-// While a suspended waiter keeps them: one flusher is deleted, the other is through before the semaphore goes.
-TEST(SemFlush, EndsBeforeADeletionThatCameLater) {
-    const zelSemId id = semBCreate(ZEL_SEM_PRIORITY, 0);
-    Taker waiter(id);
-    ASSERT_TRUE(waiter.task.pends());
-    ASSERT_EQ(taskSuspend(waiter.task.id()), ZEL_OK);
-    std::atomic<int> flushed{-1}, deleted{-1};
-    TestTask cancelled([&] { semFlush(id); });
-    TestTask flusher([&] { flushed = semFlush(id); });
-    ASSERT_TRUE(cancelled.pends() && flusher.pends());
-    cancelled.remove();
-    TestTask deleter([&] { deleted = semDelete(id); });
-    ASSERT_TRUE(deleter.pends());
-    EXPECT_FALSE(flusher.hasEnded());
-    EXPECT_EQ(taskResume(waiter.task.id()), ZEL_OK);
-    EXPECT_TRUE(flusher.ends() && deleter.ends() && waiter.task.ends());
-    EXPECT_EQ(flushed, ZEL_OK);
-    EXPECT_EQ(deleted, ZEL_OK);
-    EXPECT_EQ(waiter.error, 0) << "the flush came first";
+// While a suspended waiter keeps a deletion open, the id is dead to everybody. A flush that came first ends first, and
+// flushers and deleters may be deleted themselves.
+TEST(SemDelete, IsOverWhenTheLastWaiterHasLeft) {
+    for (const bool isFlushed : {true, false}) {
+        const zelSemId id = semCCreate(ZEL_SEM_PRIORITY, 0);
+        Taker waiter(id);
+        ASSERT_TRUE(waiter.task.pends());
+        ASSERT_EQ(taskSuspend(waiter.task.id()), ZEL_OK);
+        std::deque<TestTask> flushers, deleters;
+        for (int i = 0; isFlushed && i < 2; ++i) {
+            flushers.emplace_back([&] { EXPECT_EQ(semFlush(id), ZEL_OK); });
+            ASSERT_TRUE(flushers.back().pends());
+        }
+        if (isFlushed) flushers.front().remove();
+        ASSERT_TRUE(deleters.emplace_back([&] { EXPECT_EQ(semDelete(id), ZEL_OK); }).pends());
+        expectRefused(id);
+        EXPECT_FALSE(deleters.front().hasEnded());
+        if (!isFlushed) deleters.front().remove();
+        EXPECT_EQ(taskResume(waiter.task.id()), ZEL_OK);
+        EXPECT_TRUE(waiter.task.ends() && deleters.front().ends());
+        for (const TestTask &flusher : flushers) EXPECT_TRUE(flusher.ends());
+        EXPECT_EQ(waiter.error, isFlushed ? 0 : ZEL_ERR_INVALID_OBJECT_ID);
+    }
+    for (std::uint32_t i = 0; i < semaphoreSlots; ++i)
+        ASSERT_NE(semBCreate(0, 0), 0u) << "both slots are free again, " << i << " created";
 }
+
+// ---- Races ----
 
 // Wherever a deletion or a restart reaches a task that takes and gives a delete-safe mutex: it does not end as the
 // owner or inside its section, and starts again safe as often as it is owner.
-TEST(SemMutex, DeleteSafeOneIsNeverLeftOwnedByADeletedTask) {
+TEST(SemRaces, DeletionAndRestartMeetADeleteSafeMutex) {
     const zelSemId id = semMCreate(ZEL_SEM_DELETE_SAFE);
     for (int round = 0; round < (isFullRun() ? 20'000 : 200); ++round) {
         std::atomic<bool> runs{false};
@@ -349,28 +318,6 @@ TEST(SemMutex, DeleteSafeOneIsNeverLeftOwnedByADeletedTask) {
         ASSERT_EQ(semGive(id), ZEL_OK);
     }
 }
-
-// While a suspended waiter keeps a deletion open, the id is dead to everybody, and the deleter may itself be deleted.
-TEST(SemDelete, IdIsDeadBeforeTheLastWaiterHasLeft) {
-    for (const bool deleterIsDeleted : {false, true}) {
-        const zelSemId id = semCCreate(ZEL_SEM_FIFO, 0);
-        Taker waiter(id);
-        ASSERT_TRUE(waiter.task.pends());
-        ASSERT_EQ(taskSuspend(waiter.task.id()), ZEL_OK);
-        TestTask deleter([&] { semDelete(id); });
-        ASSERT_TRUE(deleter.pends());
-        expectRefused(id);
-        EXPECT_FALSE(deleter.hasEnded());
-        if (deleterIsDeleted) deleter.remove();
-        EXPECT_EQ(taskResume(waiter.task.id()), ZEL_OK);
-        EXPECT_TRUE(waiter.task.ends() && deleter.ends());
-        EXPECT_EQ(waiter.error, ZEL_ERR_INVALID_OBJECT_ID);
-    }
-    for (std::uint32_t i = 0; i < semaphoreSlots; ++i)
-        ASSERT_NE(semBCreate(0, 0), 0u) << "both slots are free again, " << i << " created";
-}
-
-// ---- Races ----
 
 // Tasks take, give, flush, create and delete the same few semaphores at random; a mutex guards a plain counter.
 TEST(SemRaces, HammeringKeepsExclusionAndHangsNobody) {
