@@ -17,10 +17,8 @@ namespace {
 
 void expectRefused(zelSemId id) {
     EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, semTake(id, ZEL_NO_WAIT));
-    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, semGive(id));
-    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, semFlush(id));
-    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, semInfo(id));
-    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, semDelete(id));
+    for (const auto call : {semGive, semFlush, semInfo, semDelete})
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_OBJECT_ID, call(id));
 }
 
 std::string shown(zelSemId id) {
@@ -109,27 +107,32 @@ TEST(SemGive, HasNoCeilingAndPaysOffANegativeCount) {
 // ---- Mutexes ----
 
 TEST(SemMutex, OnlyTheOwnerRecursesAndGives) {
-    for (const int options : {ZEL_SEM_FIFO, ZEL_SEM_PRIORITY | ZEL_SEM_DELETE_SAFE | ZEL_SEM_INVERSION_SAFE}) {
-        const zelSemId id = semMCreate(options);
-        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semGive(id));  // a free mutex has no owner
-        for (int i = 0; i < 3; ++i) EXPECT_EQ(semTake(id, WAIT_FOREVER), ZEL_OK);
-        TestTask stranger([&] {
-            EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semGive(id));
-            EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, semTake(id, ZEL_NO_WAIT));
-        });
-        EXPECT_TRUE(stranger.ends());
-        Taker next(id);
-        EXPECT_TRUE(next.task.pends());
-        EXPECT_NE(shown(id).find("held 3 times, illegal gives 2"), std::string::npos);
-        for (int i = 0; i < 3; ++i) {
-            EXPECT_TRUE(next.task.isPending()) << i << " of 3 gives";
-            EXPECT_EQ(semGive(id), ZEL_OK);
-        }
-        EXPECT_TRUE(next.task.ends());
-        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semGive(id));  // the other task owns it now
-        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semFlush(id));
-        EXPECT_EQ(semDelete(id), ZEL_OK);
+    const zelSemId id = semMCreate(ZEL_SEM_DELETE_SAFE | ZEL_SEM_INVERSION_SAFE);
+    const std::int32_t &safeCount = currentTask().safeCount;
+    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semGive(id));  // a free mutex has no owner
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(semTake(id, WAIT_FOREVER), ZEL_OK);
+    TestTask stranger([&] {
+        EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semGive(id));
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, semTake(id, ZEL_NO_WAIT));
+    });
+    EXPECT_TRUE(stranger.ends());
+    Taker next(id);
+    EXPECT_TRUE(next.task.pends());
+    EXPECT_NE(shown(id).find("held 3 times, illegal gives 2"), std::string::npos);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(next.task.isPending()) << i << " of 3 gives";
+        EXPECT_EQ(safeCount, 1);
+        EXPECT_EQ(semGive(id), ZEL_OK);
     }
+    EXPECT_EQ(safeCount, 0);
+    EXPECT_TRUE(next.task.ends());
+    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semGive(id));  // the other task owns it now, although it ended
+    EXPECT_FAILS_WITH(ZEL_ERR_INVALID_SEM_OPERATION, semFlush(id));
+    EXPECT_EQ(semDelete(id), ZEL_OK);
+    const zelSemId own = semMCreate(ZEL_SEM_DELETE_SAFE);
+    EXPECT_EQ(semTake(own, WAIT_FOREVER) + semTake(own, WAIT_FOREVER), ZEL_OK);
+    EXPECT_EQ(semDelete(own), ZEL_OK);
+    EXPECT_EQ(safeCount, 0) << "an owner that deletes its mutex leaves its section";
 }
 
 TEST(SemMutex, StaysWithADeletedOwnerAndNotWithItsAddress) {
@@ -141,70 +144,36 @@ TEST(SemMutex, StaysWithADeletedOwnerAndNotWithItsAddress) {
                                EXPECT_FAILS_WITH(ZEL_ERR_TIMEOUT, semTake(id, 1));
                            }};
     for (const Body &body : bodies) {
-        ASSERT_EQ(init(tcb, body), ZEL_OK);
-        ASSERT_EQ(taskActivate(tcb.id), ZEL_OK);
+        ASSERT_EQ(init(tcb, body) + taskActivate(tcb.id), ZEL_OK);
         ASSERT_TRUE(ends(tcb.id));
     }
 }
 
-// An owner that holds a mutex twice and gives it once for each give of `go`.
-struct Owner {
-    Owner(zelSemId id, Body lastGive = {})
-        : task(
-              [this, id, lastGive] {
-                  semTake(id, WAIT_FOREVER), semTake(id, WAIT_FOREVER);
-                  semTake(go, WAIT_FOREVER), semGive(id);
-                  semTake(go, WAIT_FOREVER), lastGive ? lastGive() : void(semGive(id));
-                  semTake(go, WAIT_FOREVER);
-              },
-              200) {
-        EXPECT_TRUE(task.pends());
-    }
-    // Whether the owner waits for `go` again.
-    bool givesOnce() {
-        semGive(go);
-        return task.pends();
-    }
-    int priority() const { return field(task.id(), &zelTcb::currentPriority); }
-    const zelSemId go = semBCreate(ZEL_SEM_FIFO, 0);
-    TestTask task;
-};
-
 TEST(SemMutex, WaiterRaisesTheOwnerUntilItsLastGive) {
     const struct {
-        int options;
-        int ticks;
+        int options, ticks;
         bool raises;
     } rows[] = {{ZEL_SEM_PRIORITY | ZEL_SEM_INVERSION_SAFE, WAIT_FOREVER, true},
                 {ZEL_SEM_FIFO | ZEL_SEM_INVERSION_SAFE, 1000, true},
                 {ZEL_SEM_PRIORITY | ZEL_SEM_INVERSION_SAFE, ZEL_NO_WAIT, false},
                 {ZEL_SEM_PRIORITY, WAIT_FOREVER, false}};
-    for (const auto &row : rows) {
-        const zelSemId id = semMCreate(row.options);
-        Owner owner(id);
-        const int own = owner.priority(), raised = row.raises ? 254 - 10 : own;
-        Taker waiter(id, row.ticks, 10);
-        ASSERT_TRUE(row.ticks == ZEL_NO_WAIT ? waiter.task.ends() : waiter.task.pends());
-        EXPECT_EQ(owner.priority(), raised);
-        ASSERT_TRUE(owner.givesOnce());
-        EXPECT_EQ(owner.priority(), raised) << "given once of twice";
-        semGive(owner.go);
-        ASSERT_TRUE(waiter.task.ends());
-        EXPECT_TRUE(eventually(patience, [&] { return owner.priority() == own; }));
-    }
-}
-
-TEST(SemMutex, DeleteSafeOwnerIsDeletedAfterItsLastGive) {
-    const zelSemId id = semMCreate(ZEL_SEM_PRIORITY | ZEL_SEM_DELETE_SAFE);
-    for (const Body &lastGive : {Body([&] { semGive(id); }), Body([&] { semDelete(id); })}) {
-        Owner owner(id, lastGive);
-        TestTask deleter([&] { EXPECT_EQ(taskDelete(owner.task.id()), ZEL_OK); });
-        ASSERT_TRUE(eventually(patience, [&] { return field(owner.task.id(), &zelTcb::deletersWaiting) == 1; }));
-        ASSERT_TRUE(owner.givesOnce());
-        EXPECT_FALSE(deleter.hasEnded()) << "one give of two";
-        semGive(owner.go);
-        EXPECT_TRUE(deleter.ends());
-    }
+    TestTask owner([&] {
+        const auto priority = [] { return field(taskIdSelf(), &zelTcb::currentPriority); };
+        const int own = priority();
+        for (const auto &row : rows) {
+            const zelSemId id = semMCreate(row.options);
+            EXPECT_EQ(semTake(id, WAIT_FOREVER) + semTake(id, WAIT_FOREVER), ZEL_OK);
+            Taker waiter(id, row.ticks, 10);
+            EXPECT_TRUE(row.ticks == ZEL_NO_WAIT ? waiter.task.ends() : waiter.task.pends());
+            for (int gives = 0; gives < 2; ++gives) {
+                EXPECT_EQ(priority(), row.raises ? 254 - 10 : own) << gives << " gives";
+                semGive(id);
+            }
+            EXPECT_EQ(priority(), own);
+            EXPECT_TRUE(waiter.task.ends());
+        }
+    });
+    EXPECT_TRUE(owner.ends());
 }
 
 // ---- Order ----
