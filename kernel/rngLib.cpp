@@ -3,7 +3,7 @@
 // The writer alone moves the write index and the reader alone the read index; each publishes its own with a release and
 // reads the other's with an acquire, so bytes are seen before the index that covers them. Both stand on lines of their
 // own, and each side keeps the last value it saw of the other's index: it looks again only when that is not enough, so
-// in a stream the two rarely touch each other's line.
+// in a stream the two rarely touch each other's line. A side's index never passes what it saw of the other's.
 //
 // One byte is always unused, which tells a full ring from an empty one.
 #include <algorithm>
@@ -153,8 +153,10 @@ int rngIsFull(zelRingId ring) {
 }
 
 void rngMoveAhead(zelRingId ring, int n) {
-    Index &index = ring->writer.index;
-    index.store(advanced(index.load(std::memory_order_relaxed), n, ring->size), std::memory_order_release);
+    Side &self = ring->writer;
+    self.seen = ring->reader.index.load(std::memory_order_acquire);  // the write index may pass what was seen before
+    const int write = self.index.load(std::memory_order_relaxed);
+    self.index.store(advanced(write, n, ring->size), std::memory_order_release);
 }
 
 void rngPutAhead(zelRingId ring, char byte, int offset) {
