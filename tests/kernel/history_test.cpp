@@ -53,26 +53,18 @@ TEST(History, RepeatsWithinASecondAreCounted) {
     EXPECT_STREQ(history.text(1), "\t - Repeated 2 times.\r\n");
     EXPECT_EQ(history.module(2), 5u) << "a rewritten line is noted at the index";
     EXPECT_EQ(lastMsgCount[0], 2u);
-    zelErrorPrintf(5, "other");
-    zelErrorPrintf(5, "other");
-    EXPECT_STREQ(history.text(3), "\t - Repeated 1 time.\r\n");
-
-    clock.moveTo(StandingClock::second + 1);
-    zelErrorPrintf(5, "other");
-    EXPECT_EQ(history.index(), 5u);
-    EXPECT_NE(strstr(history.text(4), ":21] ****** ERROR IPC"), nullptr);
-
-    // Hardware levels are compared among themselves.
-    zelHwErrorPrintf(5, "hardware");
-    zelErrorPrintf(5, "between");
-    zelHwErrorPrintf(5, "hardware");
-    EXPECT_STREQ(History(2).text(1), "\t - Repeated 1 time.\r\n");
-
-    // What differs behind the 199th character counts as the same.
+    // What differs behind the 199th character counts as the same; hardware levels are compared among themselves.
     const std::string prefix(200, 'p');
     zelErrorPrintf(5, "%s1", prefix.c_str());
+    zelHwErrorPrintf(5, "hardware");
     zelErrorPrintf(5, "%s2", prefix.c_str());
-    EXPECT_STREQ(history.text(7), "\t - Repeated 1 time.\r\n");
+    zelHwErrorPrintf(5, "hardware");
+    for (const auto &[buffer, entry] : {std::pair{0, 3u}, {2, 1u}})
+        EXPECT_STREQ(History(buffer).text(entry), "\t - Repeated 1 time.\r\n");
+    clock.moveTo(StandingClock::second + 1);
+    zelHwErrorPrintf(5, "hardware");
+    EXPECT_EQ(History(2).index(), 3u);
+    EXPECT_NE(strstr(History(2).text(2), ":21] ****** HW ERR: IPC"), nullptr);
 }
 
 TEST(History, WrapsAfterThreeThousandEntries) {

@@ -197,38 +197,38 @@ TEST_F(TaskDelete, OrRestartOrSuspensionOfEachOther) {
     }
 }
 
-TEST_F(TaskDelete, ATaskMayDeleteOthersAsItUnwinds) {
+// Its deleter waits for it, or comes to it as it unwinds.
+TEST_F(TaskDelete, AVictimWhoseDeleterIsDeletedReapsItself) {
     struct Owner {
         zelTaskId child;
         ~Owner() { taskDelete(child); }
     };
-    std::atomic<zelTaskId> child{0};
-    const zelTaskId parent = spawn([&] {
-        const Owner owner{child = spawn([&] { gate.spin(); })};
-        for (;;) taskDelay(1);
-    });
-    ASSERT_TRUE(eventually(20, [&] { return field(parent, &zelTcb::state) == ZEL_TASK_DELAYED; }));
-    EXPECT_EQ(taskDelete(parent), ZEL_OK);
-    gate.open();
-    EXPECT_TRUE(ends(child));
-}
-
-TEST_F(TaskDelete, AVictimWhoseDeleterIsDeletedReapsItself) {
-    std::atomic<bool> isBusy{false};
-    const zelTaskId victim = spawn([&] {
-        isBusy = true;
-        gate.spin();
-    });
-    ASSERT_TRUE(eventually(20, [&] { return isBusy.load(); }));
-    const zelTaskId deleter = spawn([&] { taskDelete(victim); });
-    ASSERT_TRUE(eventually(20, [&] { return (field(victim, &zelTcb::lifeFlags) & kernel::lifeEnding) != 0; }));
-    EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, taskDelete(victim));  // no second one
-    EXPECT_EQ(taskDelete(deleter), ZEL_OK);                         // it waits for the victim, which is out of reach
-    EXPECT_TRUE(exists(victim));
-    EXPECT_EQ(hooked, 1);
-    gate.open();
-    EXPECT_TRUE(ends(victim));
-    EXPECT_EQ(hooked, 2);
+    for (const bool isUnwinding : {false, true}) {
+        gate.close();
+        hooked = 0;
+        std::atomic<bool> isBusy{false};
+        const zelTaskId victim = spawn([&] {
+            isBusy = true;
+            gate.spin();
+        });
+        ASSERT_TRUE(eventually(20, [&] { return isBusy.load(); }));
+        const zelTaskId deleter = spawn([&] {
+            if (!isUnwinding) taskDelete(victim);
+            const Owner owner{victim};
+            taskDelay(1000000);
+        });
+        if (isUnwinding)
+            ASSERT_TRUE(eventually(20, [&] { return field(deleter, &zelTcb::state) == ZEL_TASK_DELAYED; }));
+        else
+            ASSERT_TRUE(eventually(20, [&] { return (field(victim, &zelTcb::lifeFlags) & kernel::lifeEnding) != 0; }));
+        EXPECT_EQ(taskDelete(deleter), ZEL_OK);  // although the victim is out of reach
+        EXPECT_TRUE(exists(victim));
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_DELETED, taskDelete(victim));  // no second one
+        EXPECT_EQ(hooked, 1);
+        gate.open();
+        EXPECT_TRUE(ends(victim));
+        EXPECT_EQ(hooked, 2);
+    }
 }
 
 TEST_F(TaskDelete, OfManyDeletersAndTheTaskItselfExactlyOneReaps) {
