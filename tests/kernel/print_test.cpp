@@ -64,17 +64,16 @@ TEST_F(Print, EachLevelHasItsHeaderAndItsBuffer) {
     uint32_t entries[3] = {};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.level);
-        const std::string expected = row.kind == nullptr ? ""
-                                                         : "[11/14 22:13:20] " + std::string(row.kind) +
-                                                               "RTM-((null)):CPBLOB:0: 7 routes, done\r\n";
-        EXPECT_EQ(printedBy([&] { printAt(row.level, 51, "%d routes, %s", 7, "done"); }), expected);
-        const History history(row.buffer);
+        const std::string text = printedBy([&] { printAt(row.level, 51, "%d routes, %s", 7, "done"); });
         if (row.kind != nullptr) {
+            const History history(row.buffer);
             const uint32_t entry = entries[row.buffer]++;
-            EXPECT_EQ(history.text(entry), expected);
+            EXPECT_EQ(text, std::string("[11/14 22:13:20] ") + row.kind + "RTM-((null)):CPBLOB:0: 7 routes, done\r\n");
+            EXPECT_EQ(history.text(entry), text);
             EXPECT_EQ(history.module(entry), 51u);
             EXPECT_EQ(history.level(entry), row.storedLevel);
         }
+        EXPECT_EQ(text.empty(), row.kind == nullptr);
         EXPECT_EQ(History(0).index(), entries[0]);
         EXPECT_EQ(History(2).index(), entries[2]);
     }
@@ -121,13 +120,10 @@ TEST_F(Print, TextLongerThanTheBufferIsCutAndReported) {
     const std::string banner = "\r\n+++++++++++++++++++++++++++++++++++++++++++++\r\n\r";
     EXPECT_EQ(printedBy([&] { zelTracePrintf(5, "%sy", fits.c_str()); }),
               banner + "Error: The IPC trace string is longer than 1200 !\r\n" + banner + header + fits + "\r\n");
-}
-
-TEST_F(Print, FixedTextKeepsAllButItsFirstPercent) {
-    zelTraceInit();
+    zelTracePrintOff();
+    // A fixed text is cut at 199 and loses its first percent alone.
     zelTracePrintStr(5, ("50% of %d" + std::string(300, 'z')).c_str());
-    EXPECT_STREQ(lastMsg[0],
-                 ("[11/14 22:13:20] IPC-((null)):CPBLOB:0: 50! of %d" + std::string(199 - 49, 'z')).c_str());
+    EXPECT_EQ(lastMsg[0], header + "50! of %d" + std::string(199 - 49, 'z'));
 }
 
 TEST_F(Print, ModuleWordKeepsPlainTracesOutOfTheHistory) {
@@ -135,11 +131,15 @@ TEST_F(Print, ModuleWordKeepsPlainTracesOutOfTheHistory) {
     zelSetModuleTraceFlag(5, 0x80000021u);
     EXPECT_EQ(wrap_modtraceflags(5), 0x21u);
     zelTracePrintf(5, "not recorded");
-    zelErrorPrintf(5, "recorded");
-    zelTracePrintf(6, "recorded");
+    zelErrorPrintf(5, "recorded"), zelTracePrintf(6, "recorded");
     EXPECT_EQ(History(0).index(), 2u);
     EXPECT_EQ(printedBy([] { zelSetModuleTraceFlag(0, 1), zelSetModuleTraceFlag(142, 1); }),
               "Invalid module id 0 \r\nInvalid module id 142 \r\n");
+    for (const char *name : {"rtm", "RTM", "cryptoMGR"})
+        EXPECT_EQ(zelTraceGetModuleIdFromName(name), *name == 'c' ? 139u : 51u);
+    const std::string names = printedBy([] { EXPECT_EQ(zelTraceGetModuleIdFromName("rt"), 0u); });
+    EXPECT_EQ(names.rfind("Invalid module.\r\nValid modules: SYS   RAM   ", 0), 0u);
+    EXPECT_EQ(zelTraceGetModuleIdFromName(nullptr), 0u);
 }
 
 TEST_F(Print, AssertReportsCallerAndGoesOn) {

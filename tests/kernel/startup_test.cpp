@@ -28,21 +28,21 @@ TEST(StartUpLate, ATaskThatComesBeforeTheLibraryTouchesNoForeignKey) {
 TEST_F(StartUp, TheServiceTasksRunAboveAllOthers) {
     EXPECT_EQ(vx2bsdLibInit() + init_system() + vx2bsd_start(0, 0, 1, 1), 0);
     EXPECT_EQ(taskCount(), 0);
-    startServices();
-    const auto priorityOf = [](const char *name) { return field(taskNameToId(name), &zelTcb::currentPriority); };
-    EXPECT_EQ(priorityOf("tExcTask"), 254);
-    EXPECT_EQ(priorityOf("tTimerTask"), 253);
-    EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, vx2bsd_start(1, 1, 0, 0));
-    EXPECT_EQ(taskCount(), 2);
-    EXPECT_EQ(spawn([] {}), 1);  // they take no small id
-}
-
-TEST_F(StartUp, GivenPrioritiesAreMappedOneHigherThanThoseOfOtherTasks) {
-    ASSERT_EQ(vx2bsd_start(0, 1, 10, 4000), ZEL_OK);
-    EXPECT_EQ(taskNameToId("tExcTask"), ZEL_ERROR);
-    ASSERT_EQ(vx2bsd_start(1, 0, 10, 4000), ZEL_OK);
-    EXPECT_EQ(field(taskNameToId("tExcTask"), &zelTcb::currentPriority), 245);
-    EXPECT_EQ(field(taskNameToId("tTimerTask"), &zelTcb::currentPriority), 0);
+    // Given priorities are mapped one higher than those of other tasks.
+    const struct {
+        std::uint32_t given[2];
+        int becomes[2];
+    } rows[] = {{{0, 0}, {254, 253}}, {{10, 4000}, {245, 0}}};
+    for (const auto &row : rows) {
+        ASSERT_EQ(vx2bsd_start(1, 0, row.given[0], row.given[1]), ZEL_OK);
+        EXPECT_EQ(taskNameToId("tTimerTask"), ZEL_ERROR);
+        ASSERT_EQ(vx2bsd_start(0, 1, row.given[0], row.given[1]), ZEL_OK);
+        EXPECT_EQ(field(taskNameToId("tExcTask"), &zelTcb::currentPriority), row.becomes[0]);
+        EXPECT_EQ(field(taskNameToId("tTimerTask"), &zelTcb::currentPriority), row.becomes[1]);
+        EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, vx2bsd_start(1, 1, 0, 0));
+        EXPECT_EQ(spawn([] {}), 1);  // they take no small id
+        stopServices();
+    }
 }
 
 // Policy and host priority of a task, as the host sees them.

@@ -97,11 +97,14 @@ protected:
     }
     void TearDown() override {
         gate.open();
-        for (const char *service : {"tExcTask", "tTimerTask"})
-            if (const zelTaskId tid = taskNameToId(service); tid != ZEL_ERROR) taskDelete(tid);
+        stopServices();
         EXPECT_TRUE(eventually(20, [&] { return taskCount() == tasksBefore_; })) << taskCount() << " tasks are left";
     }
     void startServices() { ASSERT_EQ(vx2bsd_start(1, 1, 0, 0), ZEL_OK); }
+    static void stopServices() {
+        for (const char *service : {"tExcTask", "tTimerTask"})
+            if (const zelTaskId tid = taskNameToId(service); tid != ZEL_ERROR) taskDelete(tid);
+    }
 
     Gate gate;  // opened at the end of the test; tasks that wait for it end before it goes
 
