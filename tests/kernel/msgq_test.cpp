@@ -134,26 +134,22 @@ TEST(MsgQOrder, SeveralMessagesWakeSeveralTasks) {
 
 // The task whose turn it is is deleted with the message, or the room, before it: the next one goes on.
 TEST(MsgQOrder, DeletedTaskPassesItsTurnOn) {
-    const zelMsgQId queue = msgQCreate(1, 8, ZEL_MSGQ_FIFO);
-    const auto passesItsTurn = [](TestTask &first, TestTask &second, const Body &serve) {
-        EXPECT_TRUE(first.pends() && second.pends());
-        taskSuspend(first.id());
-        serve();
-        EXPECT_FALSE(second.hasEnded());
-        first.remove();
-        EXPECT_TRUE(second.ends());
-    };
-    Receiver firstReceiver(queue);
-    ASSERT_TRUE(firstReceiver.task.pends());
-    Receiver secondReceiver(queue);
-    passesItsTurn(firstReceiver.task, secondReceiver.task, [&] { EXPECT_EQ(send(queue, "a"), ZEL_OK); });
-    EXPECT_EQ(secondReceiver.got, "a");
-    EXPECT_EQ(send(queue, "b"), ZEL_OK);
-    Sender firstSender(queue, "x");
-    ASSERT_TRUE(firstSender.task.pends());
-    Sender secondSender(queue, "c");
-    passesItsTurn(firstSender.task, secondSender.task, [&] { EXPECT_EQ(receive(queue), "b"); });
-    EXPECT_EQ(receive(queue), "c");
+    for (const bool isFull : {false, true}) {
+        const zelMsgQId queue = msgQCreate(1, 8, ZEL_MSGQ_FIFO);
+        if (isFull) send(queue, "full");
+        std::deque<TestTask> tasks;
+        for (int i = 0; i < 2; ++i) {
+            tasks.emplace_back(
+                [&] { isFull ? void(send(queue, "x", WAIT_FOREVER)) : void(receive(queue, WAIT_FOREVER)); });
+            ASSERT_TRUE(tasks.back().pends());
+        }
+        taskSuspend(tasks[0].id());
+        EXPECT_TRUE(isFull ? receive(queue) == "full" : send(queue, "x") == ZEL_OK);
+        EXPECT_FALSE(tasks[1].hasEnded());
+        tasks[0].remove();
+        EXPECT_TRUE(tasks[1].ends());
+        EXPECT_EQ(msgQNumMsgs(queue), isFull ? 1 : 0);
+    }
 }
 
 TEST(MsgQOfNone, PassesOneMessageFromASenderToAWaitingReceiver) {

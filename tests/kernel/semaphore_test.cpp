@@ -214,25 +214,6 @@ TEST(SemOrder, SuspendedWaiterHoldsUpOnlyAQueueInOrderOfArrival) {
 
 // ---- Flush and deletion ----
 
-TEST(SemFlush, ReleasesEachWaiterOnceHoweverSoonItComesBack) {
-    const zelSemId id = semBCreate(ZEL_SEM_FIFO, 0);
-    EXPECT_EQ(semFlush(id), ZEL_OK) << "nobody waits";
-    std::array<std::atomic<int>, 3> released{};
-    std::deque<TestTask> tasks;
-    for (auto &count : released)
-        tasks.emplace_back([&] {
-            while (semTake(id, WAIT_FOREVER) == ZEL_OK) ++count;
-        });
-    for (int round = 0; round < 100; ++round) {
-        for (auto &task : tasks) ASSERT_TRUE(task.pends());
-        for (auto &count : released) ASSERT_TRUE(eventually(patience, [&] { return count == round; }));
-        ASSERT_EQ(semFlush(id), ZEL_OK);
-    }
-    EXPECT_EQ(semTake(id, ZEL_NO_WAIT), ZEL_ERROR) << "a flush leaves no token";
-    EXPECT_EQ(semDelete(id), ZEL_OK);
-    for (auto &task : tasks) EXPECT_TRUE(task.ends());
-}
-
 // While a suspended waiter keeps a deletion open, the id is dead to everybody. A flush that came first ends first, and
 // flushers and deleters may be deleted themselves.
 TEST(SemDelete, IsOverWhenTheLastWaiterHasLeft) {
@@ -319,15 +300,21 @@ TEST(SemRaces, HammeringKeepsExclusionAndHangsNobody) {
     EXPECT_EQ(counted, 4L * rounds);
 }
 
-// A semaphore that is far too low for anybody to get a token counts each give, also beside a flusher that just leaves.
-TEST(SemRaces, FlushesLoseNoGive) {
+// Waiters that come back at once are released by each flush, and a semaphore far too low for any to get a token counts
+// each give, also beside a flusher that just leaves.
+TEST(SemRaces, FlushesReleaseAllAndLoseNoGive) {
     constexpr long depth = -2'000'000'000;
     const zelSemId id = semCCreate(ZEL_SEM_FIFO, depth);
-    TestTask waiter([&] {
-        for (int i = isFullRun() ? 100'000 : 1'000; i > 0; --i) semTake(id, WAIT_FOREVER);
-    });
+    EXPECT_EQ(semFlush(id), ZEL_OK) << "nobody waits";
+    std::atomic<int> waiting{3};
+    std::deque<TestTask> waiters;
+    for (int w = 0; w < 3; ++w)
+        waiters.emplace_back([&] {
+            for (int i = isFullRun() ? 100'000 : 500; i > 0; --i) EXPECT_EQ(semTake(id, WAIT_FOREVER), ZEL_OK);
+            --waiting;
+        });
     TestTask flusher([&] {
-        while (!waiter.hasEnded()) semFlush(id);
+        while (waiting > 0) semFlush(id);
     });
     long gives = 0;
     for (; !flusher.hasEnded(); ++gives) semGive(id);
