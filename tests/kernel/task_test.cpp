@@ -34,9 +34,7 @@ class Task : public KernelTest {};
 
 TEST_F(Task, IdsCountUpFromOneAndComeBackAfterTheHighest) {
     const auto wait = [&] { gate.wait(); };
-    EXPECT_EQ(spawn(wait), 1);
-    EXPECT_EQ(spawn(wait), 2);
-    EXPECT_EQ(spawn(wait), 3);
+    for (zelTaskId id = 1; id <= 3; ++id) EXPECT_EQ(spawn(wait), id);
     zelTcb own;
     ASSERT_EQ(init(own, wait), ZEL_OK);  // an address: takes no part
     EXPECT_EQ(taskDelete(3), ZEL_OK);
@@ -51,18 +49,14 @@ TEST_F(Task, IdsCountUpFromOneAndComeBackAfterTheHighest) {
     EXPECT_EQ(taskIdListGet(ids, 2), 2);
     EXPECT_EQ(taskIdListGet(ids, 0), 0);
     EXPECT_EQ(taskDelete(own.id), ZEL_OK);
-}
-
-TEST_F(Task, AtTheEndOfTheIdsTheLowestFreeOneIsTaken) {
-    const auto wait = [&] { gate.wait(); };
-    ASSERT_EQ(spawn(wait), 1);
-    zelTcb *last = taskTcb(spawn(wait));
     {
+        zelTcb *last = taskTcb(4);
         const Lock list(kernel::taskListLock);
         last->id = 0xFFFF;
     }
-    EXPECT_EQ(spawn(wait), 2);
-    EXPECT_EQ(spawn(wait), 3);
+    // At the end of the ids the lowest free one is taken.
+    EXPECT_EQ(spawn(wait), 1);
+    EXPECT_EQ(spawn(wait), 4);
 }
 
 TEST_F(Task, CallsTheEntryWithAllTenArgumentsAndAnErrorNumberOfZero) {

@@ -6,9 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
-#include <deque>
 #include <functional>
-#include <mutex>
 
 #include "kernel/task_private.h"
 #include "tests/support/eventually.h"
@@ -18,12 +16,16 @@ namespace zel::test {
 
 using Body = std::function<void()>;
 
-// Bodies outlive their tasks, which may be restarted or end at any time.
-inline Body *keepBody(Body body) {
-    static auto *const bodies = new std::deque<Body>;
-    static auto *const mutex = new std::mutex;
-    const std::lock_guard<std::mutex> lock(*mutex);
-    return &bodies->emplace_back(std::move(body));
+// Bodies outlive their tasks, which may be restarted or end at any time: they are never freed.
+inline intptr_t keep(Body body) {
+    static std::atomic<void *> reachable{nullptr};  // also for who looks for leaks
+    struct Kept {
+        Body body;
+        void *next;
+    };
+    auto *kept = new Kept{std::move(body), nullptr};
+    kept->next = reachable.exchange(kept);
+    return reinterpret_cast<intptr_t>(&kept->body);
 }
 
 inline int runBody(intptr_t body, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t, intptr_t,
@@ -31,36 +33,29 @@ inline int runBody(intptr_t body, intptr_t, intptr_t, intptr_t, intptr_t, intptr
     (*reinterpret_cast<Body *>(body))();
     return 0;
 }
-
 inline zelTaskId spawn(Body body, const char *name = nullptr, int priority = 100) {
-    return taskSpawn(name, priority, 0, 0, runBody, reinterpret_cast<intptr_t>(keepBody(std::move(body))), 0, 0, 0, 0,
-                     0, 0, 0, 0, 0);
+    return taskSpawn(name, priority, 0, 0, runBody, keep(std::move(body)), 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
-
 inline int init(zelTcb &tcb, Body body, const char *name = nullptr, int priority = 100) {
-    return taskInit(&tcb, name, priority, 0, nullptr, 0, runBody, reinterpret_cast<intptr_t>(keepBody(std::move(body))),
-                    0, 0, 0, 0, 0, 0, 0, 0, 0);
+    return taskInit(&tcb, name, priority, 0, nullptr, 0, runBody, keep(std::move(body)), 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
 
 inline bool exists(zelTaskId tid) {
     return taskTcb(tid) != nullptr;
 }
-
+inline bool ends(zelTaskId tid) {
+    return eventually(20, [&] { return !exists(tid); });
+}
+inline int taskCount() {
+    zelTaskId ids[64];
+    return taskIdListGet(ids, 64);
+}
 // A field of a task that runs; the value that a new control block has there when it has gone.
 template <class T>
 T field(zelTaskId tid, T zelTcb::*member) {
     const Lock list(kernel::taskListLock);
     const zelTcb *task = kernel::findTask(tid);
     return task != nullptr ? task->*member : T{};
-}
-
-inline bool ends(zelTaskId tid) {
-    return eventually(20, [&] { return !exists(tid); });
-}
-
-inline int taskCount() {
-    zelTaskId ids[64];
-    return taskIdListGet(ids, 64);
 }
 
 // Lets others run without being a place where a task can be deleted.
@@ -91,14 +86,11 @@ private:
 
 class KernelTest : public testing::Test {
 protected:
-    void SetUp() override {
-        ASSERT_EQ(vx2bsdLibInit(), 0);
-        tasksBefore_ = taskCount();
-    }
+    void SetUp() override { ASSERT_EQ(vx2bsdLibInit(), 0); }
     void TearDown() override {
         gate.open();
         stopServices();
-        EXPECT_TRUE(eventually(20, [&] { return taskCount() == tasksBefore_; })) << taskCount() << " tasks are left";
+        EXPECT_TRUE(eventually(20, [&] { return taskCount() == 0; })) << taskCount() << " tasks are left";
     }
     void startServices() { ASSERT_EQ(vx2bsd_start(1, 1, 0, 0), ZEL_OK); }
     static void stopServices() {
@@ -107,9 +99,6 @@ protected:
     }
 
     Gate gate;  // opened at the end of the test; tasks that wait for it end before it goes
-
-private:
-    int tasksBefore_ = 0;
 };
 
 constexpr double patience = 30;
@@ -118,12 +107,7 @@ constexpr double patience = 30;
 class TestTask {
 public:
     explicit TestTask(Body body, int priority = 100)
-        : id_(spawn(
-              [this, body = std::move(body)] {
-                  body();
-                  hasEnded_ = true;
-              },
-              nullptr, priority)) {
+        : id_(spawn([this, body = std::move(body)] { body(), hasEnded_ = true; }, nullptr, priority)) {
         EXPECT_GT(id_, 0);
     }
     TestTask(const TestTask &) = delete;
