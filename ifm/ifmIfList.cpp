@@ -22,9 +22,15 @@ zelRBTree *createTree() {
     return zelRBTreeCreate(tag, offsetof(Member, ifIndex), sizeof(uint32_t), nullptr, nullptr, _RBTCompareUL);
 }
 
+// Not 0, and nothing in the bit above the layouts: the order of members rests on that.
+bool isIndex(uint32_t ifIndex) {
+    return ifIndex != 0 && ifIndex >> 31 == 0;
+}
+
 // The tree in which an index belongs, null when it is no physical port and no port channel.
 zelRBTree *treeOf(const ifmIfList *list, uint32_t ifIndex) {
-    if (ifmIfIndexToPlFlag(ifIndex)) return ifIndex != 0 ? list->physical : nullptr;
+    if (!isIndex(ifIndex)) return nullptr;
+    if (ifmIfIndexToPlFlag(ifIndex)) return list->physical;
     return ifmIfIndexToIfType(ifIndex) == IFM_TYPE_PORT_CHANNEL ? list->lag : nullptr;
 }
 
@@ -33,7 +39,7 @@ uint32_t vlanIndex(uint32_t vlanId) {
 }
 
 bool isVlan(uint32_t ifIndex) {
-    return !ifmIfIndexToPlFlag(ifIndex) && ifmIfIndexToIfType(ifIndex) == IFM_TYPE_VLAN;
+    return isIndex(ifIndex) && !ifmIfIndexToPlFlag(ifIndex) && ifmIfIndexToIfType(ifIndex) == IFM_TYPE_VLAN;
 }
 
 int addToTree(zelRBTree *tree, uint32_t ifIndex) {

@@ -48,8 +48,9 @@ int positionIn(const NumberedRange &range, uint32_t number) {
     return isInside ? range.first + static_cast<int>(number) - 1 : IFM_ERROR;
 }
 
+// The slot as the layout holds it, whatever the type: a position comes back to the slot it was made of.
 int physicalPosition(uint32_t ifIndex) {
-    const int slot = ifmIfIndexToSlotId(ifIndex);
+    const int slot = static_cast<int>(ifIndex >> 20 & 0x3f) - 1;
     const uint32_t port = ifmIfIndexToPortId(ifIndex);
     if (slot < 0 || port >= IFM_PORTS_PER_SLOT || ifmIfIndexToPeFlag(ifIndex)) return IFM_ERROR;
     const int pos = ifmSlotPortToIfPos(slot, static_cast<int>(port));

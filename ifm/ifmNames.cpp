@@ -1,8 +1,8 @@
 // Interface names, written and read.
 //
 // One table gives each type its names. What follows the name tells the layout - one number is a logical index, two a
-// physical one, three a port extender's - so reading inverts writing without knowing the type. How users count the
-// ports of a card is the card table's to say; reading therefore looks for the port whose text is the one given.
+// physical one, three a port extender's. How users count the ports of a card is the card table's to say; reading
+// therefore looks for the port whose text is the one given, and takes an index only when it is printed that way.
 #include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -52,7 +52,8 @@ constexpr int firstManagementSlot = 13;
 constexpr size_t portTextSize = 16;
 
 // Widths of the fields that names fill, as numbers of values.
-constexpr long slots = 63, ports = 1024, extenders = 512, extenderSlots = 16, extenderPorts = 128, numbers = 16384;
+constexpr long noSlot = -1, slots = 63, ports = 1024, extenders = 512, extenderSlots = 16, extenderPorts = 128,
+               numbers = 16384;
 
 const TypeName &namesOf(uint32_t type) {
     for (const TypeName &names : typeNames)
@@ -134,7 +135,6 @@ bool isExtenderType(uint32_t type) {
 
 uint32_t readExtender(uint32_t type, const char *text) {
     long extender, slot, port;
-    if (!isExtenderType(type)) return 0;
     if (!takeNumber(text, 0, extenders, extender) || !takeSlash(text) || !takeNumber(text, 0, extenderSlots, slot) ||
         !takeSlash(text) || !isWhole(text, 1, extenderPorts + 1, port))
         return 0;
@@ -157,7 +157,7 @@ long portNamed(uint32_t type, int slot, const char *text) {
 uint32_t readPhysical(uint32_t type, const char *text) {
     const long offset = type == IFM_TYPE_MANAGEMENT ? firstManagementSlot : 0;
     long slot;
-    if (!takeNumber(text, -offset, slots - offset, slot) || !takeSlash(text)) return 0;
+    if (!takeNumber(text, noSlot - offset, slots - offset, slot) || !takeSlash(text)) return 0;
     slot += offset;
     const long port = portNamed(type, static_cast<int>(slot), text);
     if (port == ports) return 0;
@@ -168,6 +168,13 @@ uint32_t readLogical(uint32_t type, const char *text) {
     long number;
     if (!isWhole(text, 0, numbers, number)) return 0;
     return ifmCreateLogicalIfIndex(type, 0, 0, static_cast<uint16_t>(number));
+}
+
+uint32_t readAny(uint32_t type, const char *text) {
+    const char *slash = strchr(text, '/');
+    if (!slash) return readLogical(type, text);
+    const bool isExtender = isExtenderType(type) && strchr(slash + 1, '/');
+    return isExtender ? readExtender(type, text) : readPhysical(type, text);
 }
 
 }  // namespace
@@ -191,8 +198,8 @@ uint32_t zelIfmLNameToIfIndex(const char *name) {
     const TypeName *names = takeType(name);
     if (!names) return 0;
     while (*name == ' ') ++name;
-    const char *firstSlash = strchr(name, '/');
-    if (!firstSlash) return readLogical(names->type, name);
-    const bool isExtender = strchr(firstSlash + 1, '/') != nullptr;
-    return isExtender ? readExtender(names->type, name) : readPhysical(names->type, name);
+    const uint32_t ifIndex = readAny(names->type, name);
+    char printed[IFM_NAME_SIZE];
+    writeName(printed, "", ifIndex);
+    return strcasecmp(printed + 1, name) == 0 ? ifIndex : 0;
 }

@@ -172,7 +172,8 @@ char *ifmIfIndexToName(uint32_t ifIndex, char *ifNameBuf);
 char *ifmIfIndexToLName(uint32_t ifIndex, char *ifLNameBuf);
 /* The index that ifmIfIndexToLName prints that way; 0 when none does. Letters match in either case, and the blank may
  * be missing or repeated. Of two types with one name (4 and 10) the lower one is meant. Names of three numbers belong
- * to types 7, 8 and 9; in the physical layout these types are printed without their slot, which does not come back. */
+ * to types 7, 8 and 9; in the physical layout these are printed with another slot than their own, which does not come
+ * back. */
 uint32_t zelIfmLNameToIfIndex(const char *name);
 
 /* ==== Positions in interface bitmaps ============================================================================== */
@@ -200,7 +201,8 @@ int ifmPhysIfUnit(uint32_t ifIndex);
  * knows the tunnels as well. */
 int ifmIfPosToIfInfo(int pos, ifmIfInfo *info);
 int ifmExtIfPosToIfInfo(int pos, ifmIfInfo *info);
-/* The other way: the position of an index, -1 when it has none (port extenders, ports and numbers out of range). */
+/* The other way: the position of an index, -1 when it has none (port extenders, ports and numbers out of range). The
+ * slot is the one in the layout, also for type 9. */
 int ifmIfIndexToIfPos(uint32_t ifIndex);
 int ifmIfIndexToExtIfPos(uint32_t ifIndex);
 

@@ -90,8 +90,8 @@ typedef struct {
     uint32_t (*cardType)(void *context, int slot);
     /* The interface type of a port; by default 3, GigabitEthernet. */
     uint32_t (*portType)(void *context, int slot, uint32_t port);
-    /* Writes a port as users name it, with its zero at most `size` bytes, different for each port of a slot; by default
-     * port + 1 in decimal. */
+    /* Writes a port as users name it, with its zero at most `size` bytes (16); the texts of a slot's ports differ, also
+     * without regard to case, and none is empty. By default port + 1 in decimal. */
     void (*portText)(void *context, int slot, uint32_t port, char *text, size_t size);
     /* Non-zero: management ports are named by number, port + 1, whatever portText says. */
     int hasFourPartNames;

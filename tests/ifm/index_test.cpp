@@ -104,7 +104,7 @@ TEST(IfNames, AreReadBack) {
     for (const uint32_t type : namedTypes) {
         const bool hasExtenderSlot = type >= 7 && type <= 9;
         for (const uint16_t port : hasExtenderSlot ? Values{0, 127} : Values{0, 9, 127, 1023})
-            for (const uint16_t slot : hasExtenderSlot ? Values{0, 15} : Values{0, 13, 62})
+            for (const uint16_t slot : hasExtenderSlot ? Values{0, 15} : Values{0, 13, 62, 63})
                 for (const uint16_t extender : hasExtenderSlot ? Values{0, 511} : Values{0})
                     expectReadBack(hasExtenderSlot ? ifmCreatePeIfIndex(type, slot, port, extender)
                                                    : ifmCreatePhysicalIfIndex(type, slot, port, 0));
@@ -137,7 +137,10 @@ TEST(IfNames, WhatIsNoNameIsRefused) {
                              "peGigE 0/0/129",
                              "peGigE 0/0/0",
                              "peGigE 0/0/1/1",
-                             "ManagementEthernet -14/1",
+                             "ManagementEthernet -15/1",
+                             "Vlan 007",
+                             "ManagementEthernet -0/1",
+                             "peFortyGigE 5/3",
                              "Vlan 99999999999999999999"})
         EXPECT_EQ(zelIfmLNameToIfIndex(text), 0u) << text;
     EXPECT_EQ(zelIfmLNameToIfIndex(nullptr), 0u);
@@ -147,13 +150,13 @@ TEST(IfNames, FollowTheCardTable) {
     zelCardTable cards = {};
     cards.cardType = [](void *, int slot) { return static_cast<uint32_t>(slot + 40); };
     cards.portText = [](void *, int, uint32_t port, char *text, size_t size) {
-        snprintf(text, size, "%u:%c", port / 4 + 1, 'a' + static_cast<char>(port % 4));
+        snprintf(text, size, "%u/%c", port / 4 + 1, 'a' + static_cast<char>(port % 4));
     };
     zelPlatformSetCardTable(&cards);
     const uint32_t index = ifmCreateIfIndex(3, 2, 7, 0), management = ifmCreateIfIndex(1, 13, 3, 0);
-    EXPECT_EQ(longName(index), "GigabitEthernet 2/2:d");
-    EXPECT_EQ(zelIfmLNameToIfIndex("gigabitethernet2/2:D"), index);
-    EXPECT_EQ(shortName(management), "Ma 0/1:d");
+    EXPECT_EQ(longName(index), "GigabitEthernet 2/2/d");
+    EXPECT_EQ(zelIfmLNameToIfIndex("gigabitethernet2/2/D"), index);
+    EXPECT_EQ(shortName(management), "Ma 0/1/d");
     EXPECT_EQ(ifmIfIndexToCardType(index), 42u);
     EXPECT_EQ(ifmIfIndexToCardType(management), 200u);
     EXPECT_EQ(ifmIfIndexToCardType(0), 0u);
@@ -192,6 +195,7 @@ TEST(IfPositions, HaveExactlyTheirBounds) {
         ASSERT_EQ(ifmIfIndexToExtIfPos(index), pos);
         ASSERT_EQ(ifmIfIndexToIfPos(index), pos < 4940 ? pos : -1);
     }
+    EXPECT_EQ(ifmIfIndexToIfPos(ifmCreateIfIndex(9, 5, 3, 0)), 5 * 54 + 3);
     for (const uint32_t index : {ifmCreateIfIndex(3, 13, 13, 0), ifmCreateIfIndex(3, 0, 54, 0),
                                  ifmCreateIfIndex(7, 0, 0, 0), ifmCreateIfIndex(22, 0, 0, 130), 0u})
         EXPECT_EQ(ifmIfIndexToExtIfPos(index), -1);

@@ -67,7 +67,8 @@ TEST(IfList, RandomOperationsAgainstASet) {
         ASSERT_TRUE(IFM_IFLIST_EQUAL(&copy, &list));
     }
     EXPECT_EQ(IFM_IFLIST_ADD(&list, ifmCreateIfIndex(IFM_TYPE_TUNNEL, 0, 0, 1)), IFM_ERR_TYPE);
-    EXPECT_EQ(IFM_IFLIST_ADD(&list, 0), IFM_ERR_TYPE);
+    for (const uint32_t none : {0u, 0x80100283u, 0x80000000u | ifmCreateIfIndex(24, 0, 0, 1)})
+        EXPECT_EQ(IFM_IFLIST_ADD(&list, none), IFM_ERR_TYPE);
     IFM_IFLIST_CLEAR(&list);
     EXPECT_TRUE(membersOf(list).empty());
     EXPECT_FALSE(IFM_IFLIST_EQUAL(&copy, &list));
