@@ -82,8 +82,7 @@ void Pool::flush() {
 void Pool::clear() {
     while (Page *page = pages.head) {
         for (std::uint32_t i = 0; page->isCounted && i < total; ++i) {
-            const auto *data = bytesOf(*page) + firstHeader + i * stride + headerBytes;
-            if (const std::uint32_t taker = forgetTaker(*page, data)) platform::noteFreed(taker, chunkSize);
+            if (const std::uint32_t taker = forgetTaker(*page, i)) platform::noteFreed(taker, chunkSize);
         }
         dropPage(*page);
     }
@@ -97,12 +96,12 @@ void Pool::rememberTaker(Page &page, const std::byte *data, std::uint32_t site) 
     std::memcpy(sites(page) + indexOf(load<std::uint64_t>(data - headerBytes)) * sizeof taker, &taker, sizeof taker);
 }
 
-std::uint32_t Pool::forgetTaker(Page &page, const std::byte *data) const {
+std::uint32_t Pool::forgetTaker(Page &page, std::uint32_t index) const {
     std::uint16_t taker = 0;
-    std::byte *at = sites(page) + indexOf(load<std::uint64_t>(data - headerBytes)) * sizeof taker;
+    std::byte *at = sites(page) + index * sizeof taker;
     if (page.isCounted) std::memcpy(&taker, at, sizeof taker);
     if (taker != 0) std::memset(at, 0, sizeof taker);
-    return taker;
+    return taker < platform::siteCapacity ? taker : 0;  // the last chunk's data ends shortly before
 }
 
 Finding Pool::examineNext() const {

@@ -90,9 +90,10 @@ struct Pool {
     std::byte *take(std::uint32_t tag);
     // False when the data is no allocated chunk of this page.
     bool give(Page &page, std::byte *data);
-    // The site that a chunk is counted for, and an end to that: 0 when it is not.
+    // The site that a chunk, just taken, is counted for; and an end to that: 0 when it is not, or can no longer be
+    // told.
     void rememberTaker(Page &page, const std::byte *data, std::uint32_t site) const;
-    std::uint32_t forgetTaker(Page &page, const std::byte *data) const;
+    std::uint32_t forgetTaker(Page &page, std::uint32_t index) const;
     // Why they refused.
     Finding examineNext() const;
     Finding examineGiven(const Page &page, const std::byte *data) const;

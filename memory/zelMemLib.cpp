@@ -224,7 +224,7 @@ void traceFree(const Page *page, bool isBack, const Pool &pool) {
     const Finding finding = guarded(*pool.set, [&]() -> Finding {
         isBack = page->firstFree == noChunk;
         if (!pool.give(*page, data)) return pool.examineGiven(*page, data);
-        site = pool.forgetTaker(*page, data);
+        site = pool.forgetTaker(*page, indexOf(load<std::uint64_t>(data - headerBytes)));
         return {};
     });
     if (finding.assertion != nullptr) return refuseBlock(addr, finding);

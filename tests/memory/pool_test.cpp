@@ -467,6 +467,16 @@ TEST_P(Pools, BlocksAreCountedForTheLineThatTookThem) {
     EXPECT_EQ(refusedFree(b), badHeader);
 }
 
+TEST_P(Pools, DamagedBlocksThatAreForcedFreeLeadNowhere) {
+    ASSERT_EQ(M_memPoolCreate(pool, "counted", 16384), 0);  // one chunk a page
+    const auto take = [](int line) { return static_cast<char *>(zelMC_M_memBlockAlloc("damaged", line, pool, 1, 0)); };
+    memset(take(1) - 8, 0xff, 8);
+    memset(take(2) + 16384, 0xff, 32);  // also where the page notes who took it
+    EXPECT_EQ(M_sysForceMemBlockFree(partId), 0);
+    EXPECT_EQ(siteOf("damaged", 1).liveBlocks, 0);
+    EXPECT_EQ(siteOf("damaged", 2).liveBlocks, 1);
+}
+
 TEST_P(Pools, TracesTellOfPagesAndChunks) {
     zelTracePrintOn();
     zelMemSetDebug(0x10);
