@@ -3,8 +3,9 @@
 //
 // The header ends in a check word made of all it says and of where it stands. A block whose check word does not fit is
 // not given to the heap: it was freed before, never came from here, or was written to in front of its first byte.
-// Whoever frees such a block is told on standard error, which is all that may be done here: callers hold locks, and
-// printing allocates.
+// Whoever frees a block takes the check word away first, in one step, so of two threads with the same block one is
+// refused. Whoever frees such a block is told on standard error, which is all that may be done here: callers hold
+// locks, and printing allocates.
 //
 // Headers of foreign blocks and of blocks freed before are read on purpose, hence outside the sanitizers' sight.
 #include <errno.h>
@@ -57,9 +58,13 @@ void *tooLarge() {
     return nullptr;
 }
 
-__attribute__((no_sanitize("address"))) __attribute__((no_sanitize("thread"))) bool isBlock(const BlockHeader *header) {
-    return reinterpret_cast<std::uintptr_t>(header) % alignof(BlockHeader) == 0 &&
-           header->check == checkOf(header, header->what);
+// A block on its way to the heap no longer passes for one, wherever the heap leaves it: true for the one caller who
+// makes it so. Only what looks like a block is written to.
+__attribute__((no_sanitize("address"))) __attribute__((no_sanitize("thread"))) bool claim(BlockHeader *header) {
+    if (reinterpret_cast<std::uintptr_t>(header) % alignof(BlockHeader) != 0) return false;
+    std::uint64_t check = checkOf(header, header->what);
+    return header->check == check &&
+           __atomic_compare_exchange_n(&header->check, &check, 0, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
 }
 
 __attribute__((cold)) void reportBadFree(const char *tag, int line, const void *block) {
@@ -76,15 +81,10 @@ __attribute__((cold)) void reportBadFree(const char *tag, int line, const void *
     errno = savedErrno;
 }
 
-// A block on its way to the heap no longer passes for one, wherever the heap leaves it.
-void spoil(BlockHeader *header) {
-    *static_cast<volatile std::uint64_t *>(&header->check) = 0;
-}
-
-// The header of a block that may be freed, null with a report otherwise.
+// The header of a block that is now the caller's to free, null with a report otherwise.
 BlockHeader *headerToFree(const char *tag, int line, void *block) {
     BlockHeader *header = static_cast<BlockHeader *>(block) - 1;
-    if (isBlock(header)) [[likely]]
+    if (claim(header)) [[likely]]
         return header;
     reportBadFree(tag, line, block);
     return nullptr;
@@ -108,13 +108,12 @@ void *zelMemCheckCalloc(const char *tag, int line, size_t count, size_t bytes) {
 
 void *zelMemCheckRealloc(const char *tag, int line, void *block, size_t bytes) {
     if (block == nullptr) return zelMemCheckMalloc(tag, line, bytes);
-    BlockHeader *header = headerToFree(tag, line, block);
-    if (header == nullptr || bytes > mostBytes) return tooLarge();
+    BlockHeader *header = bytes <= mostBytes ? headerToFree(tag, line, block) : nullptr;
+    if (header == nullptr) return tooLarge();
     const BlockHeader before = *header;
-    spoil(header);
     void *memory = realloc(header, bytes + sizeof(BlockHeader));
     if (memory == nullptr) {
-        *header = before;
+        header->check = checkOf(header, header->what);
         return nullptr;
     }
     noteFreed(before.site(), before.bytes());
@@ -126,7 +125,6 @@ void zelMemCheckFree(const char *tag, int line, void *block) {
     BlockHeader *header = headerToFree(tag, line, block);
     if (header == nullptr) return;
     noteFreed(header->site(), header->bytes());
-    spoil(header);
     free(header);
 }
 

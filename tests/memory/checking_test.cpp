@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <thread>
@@ -128,6 +129,32 @@ TEST(CheckingAllocator, RefusesWhatIsNoBlock) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 3 + 32 + 1);
     EXPECT_EQ(siteOf("bad", 2).badFrees, 32u);
     EXPECT_EQ(siteOf("block", 1).liveBlocks, 0);
+}
+
+TEST(CheckingAllocator, OfTwoThreadsThatFreeABlockOneIsRefused) {
+    constexpr int rounds = 1000;
+    std::atomic<int> turn{0};
+    void *block = nullptr;
+    testing::internal::CaptureStderr();
+    std::thread other([&] {
+        for (int i = 1; i <= rounds; ++i) {
+            while (turn.load() != i) {
+            }
+            zelMC_free("both", 2, block);
+            turn = -i;
+        }
+    });
+    for (int i = 1; i <= rounds; ++i) {
+        block = zelMC_malloc("both", 1, 40);
+        turn = i;
+        zelMC_free("both", 2, block);
+        while (turn.load() != -i) {
+        }
+    }
+    other.join();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(siteOf("both", 2).badFrees, static_cast<uint64_t>(rounds));
+    EXPECT_EQ(siteOf("both", 1).liveBlocks, 0);
 }
 
 TEST(CheckingAllocator, AFullTableCountsUnderOneLine) {
