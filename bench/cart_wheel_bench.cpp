@@ -23,46 +23,41 @@
 namespace {
 
 constexpr uint32_t buckets = 256, words = buckets / 64;
-constexpr uint32_t longest = 250;
+constexpr uint8_t longest = 250;
 constexpr uint32_t batch = 100'000;
 
-std::vector<uint32_t> randomTimeouts(std::size_t count) {
+std::vector<uint8_t> randomTimeouts(std::size_t count) {
     std::mt19937 random(1);
-    std::uniform_int_distribution<uint32_t> timeout(1, longest);
-    std::vector<uint32_t> timeouts(count);
-    for (uint32_t &each : timeouts) each = timeout(random);
+    std::vector<uint8_t> timeouts(count);
+    for (uint8_t &each : timeouts) each = static_cast<uint8_t>(1 + random() % longest);
     return timeouts;
 }
 
 long fired = 0;
 
-// Its records lie side by side, as those of the peers do.
+// Its records lie side by side, as those of the peers do, and are all in use.
 class Wheel {
 public:
-    explicit Wheel(uint32_t timers) : records_(timers), timers_(timers) {
+    explicit Wheel(uint32_t timers) : records_(timers) {
         nextRecord_ = records_.data();
         wheel_ = zelcwTimerInit(
             buckets, timers, 0, [](std::size_t) -> void * { return nextRecord_++; }, [](void *) {},
             [](void *) { ++fired; }, nullptr, 0, sizeof(zelcwTimer));
-        for (void *&timer : timers_) timer = zelcwGetTimer(wheel_);
+        while (timers-- > 0) zelcwGetTimer(wheel_);
     }
-    ~Wheel() {
-        for (void *timer : timers_) zelcwFreeTimer(wheel_, timer);
-        zelcwTimerUnInit(wheel_);
-    }
+    ~Wheel() { zelcwTimerUnInit(wheel_); }
     Wheel(const Wheel &) = delete;
     Wheel &operator=(const Wheel &) = delete;
 
-    void start(std::size_t timer, uint32_t ticks) { zelcwStartTimer(wheel_, timers_[timer], ticks); }
-    void stop(std::size_t timer) { zelcwStopTimer(timers_[timer]); }
+    void start(std::size_t timer, uint32_t ticks) { zelcwStartTimer(wheel_, &records_[timer], ticks); }
+    void stop(std::size_t timer) { zelcwStopTimer(&records_[timer]); }
     void tick() { zelcwTimerTick(wheel_); }
     int next() { return zelcwTimerRetNext(wheel_); }
 
 private:
     static inline zelcwTimer *nextRecord_ = nullptr;
-    zelcwTimerCB *wheel_;
     std::vector<zelcwTimer> records_;
-    std::vector<void *> timers_;
+    zelcwTimerCB *wheel_;
 };
 
 class Simple {
@@ -79,7 +74,7 @@ private:
 template <class Contender>
 void startAndStop(benchmark::State &state) {
     constexpr std::size_t timers = 1000, lag = 500;
-    const std::vector<uint32_t> timeouts = randomTimeouts(timers);
+    const std::vector<uint8_t> timeouts = randomTimeouts(timers);
     Contender wheel(timers);
     for (std::size_t i = 0; i < lag; ++i) wheel.start(i, timeouts[i]);
     std::size_t started = lag, stopped = 0;
@@ -92,7 +87,7 @@ void startAndStop(benchmark::State &state) {
 }
 
 void ourExpiry(benchmark::State &state) {
-    const std::vector<uint32_t> timeouts = randomTimeouts(batch);
+    const std::vector<uint8_t> timeouts = randomTimeouts(batch);
     Wheel wheel(batch);
     fired = 0;
     for (auto _ : state) {
@@ -103,7 +98,7 @@ void ourExpiry(benchmark::State &state) {
 }
 
 void uvExpiry(benchmark::State &state) {
-    const std::vector<uint32_t> timeouts = randomTimeouts(batch);
+    const std::vector<uint8_t> timeouts = randomTimeouts(batch);
     uv_loop_t loop;
     uv_loop_init(&loop);
     std::vector<uv_timer_t> handles(batch);
@@ -128,15 +123,15 @@ void uvExpiry(benchmark::State &state) {
 constexpr std::size_t wheels = 64;
 
 void ourNext(benchmark::State &state) {
-    const std::vector<uint32_t> timeouts = randomTimeouts(wheels);
+    const std::vector<uint8_t> timeouts = randomTimeouts(wheels);
     std::vector<std::unique_ptr<Wheel>> all;
-    for (const uint32_t timeout : timeouts) all.emplace_back(std::make_unique<Wheel>(1))->start(0, timeout);
+    for (const uint8_t timeout : timeouts) all.emplace_back(std::make_unique<Wheel>(1))->start(0, timeout);
     std::size_t i = 0;
     for (auto _ : state) benchmark::DoNotOptimize(all[i++ % wheels]->next());
 }
 
 void bitmapNext(benchmark::State &state) {
-    const std::vector<uint32_t> timeouts = randomTimeouts(wheels);
+    const std::vector<uint8_t> timeouts = randomTimeouts(wheels);
     std::vector<std::vector<uint64_t>> all(wheels, std::vector<uint64_t>(words));
     for (std::size_t i = 0; i < wheels; ++i) all[i][timeouts[i] / 64] = uint64_t{1} << timeouts[i] % 64;
     std::size_t i = 0;

@@ -7,11 +7,14 @@
 
 namespace zel::containers {
 
-// The timers that fire in one tick, in the order in which they were started.
+// The timers that fire in one tick, in the order in which they were started, behind a node of no timer: a ring, so that
+// no end is ever tested for.
 struct WheelBucket {
-    std::uintptr_t reserved;
-    zelcwTimer *first;
-    zelcwTimer *last;
+    zelcwTimer ends;
+
+    zelcwTimer *first() const { return ends.next; }
+    zelcwTimer *last() const { return ends.prev; }
+    bool isEmpty() const { return ends.next == &ends; }
 };
 
 }  // namespace zel::containers

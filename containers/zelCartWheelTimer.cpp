@@ -1,8 +1,8 @@
 // A single-level timing wheel.
 //
-// Timer t of bucket b fires when the cursor reaches b. A bucket is a list from the first timer started to the last; a
-// running timer knows its bucket, which is all that stopping it takes. An idle one has no bucket and no neighbours,
-// except on the free list, which goes through `next`.
+// A timer fires when the cursor reaches its bucket. A bucket is a ring from the first timer started to the last, so
+// stopping a timer takes its neighbours alone. A running timer knows its bucket; an idle one has none and no
+// neighbours, except on the free list, which goes through `next`.
 //
 // The bitmap lets RetNext skip empty buckets. Starting sets a bucket's bit; stopping, which does not know the wheel,
 // and expiry leave it, and RetNext clears the bits of empty buckets that it comes across: at most one for each start.
@@ -43,7 +43,7 @@ uint32_t recordSizeFor(uint32_t wanted) {
     return size > UINT32_MAX - step ? size : (size + step - 1) / step * step;
 }
 
-// The control block with its buckets and their bits behind it, all zero.
+// A control block with empty buckets, or without where memory is short.
 zelcwTimerCB *allocateWheel(uint32_t buckets) {
     const uint32_t words = (buckets + bitsPerWord - 1) / bitsPerWord;
     auto *wheel = static_cast<zelcwTimerCB *>(zelMC_calloc(source, __LINE__, 1, sizeof(zelcwTimerCB)));
@@ -51,6 +51,10 @@ zelcwTimerCB *allocateWheel(uint32_t buckets) {
     wheel->tmrNumBuckets = buckets;
     wheel->buckets = static_cast<WheelBucket *>(zelMC_calloc(source, __LINE__, buckets, sizeof(WheelBucket)));
     wheel->mayHold = static_cast<uint64_t *>(zelMC_calloc(source, __LINE__, words, sizeof(uint64_t)));
+    for (uint32_t i = 0; wheel->buckets && i < buckets; ++i) {
+        zelcwTimer &ends = wheel->buckets[i].ends;
+        ends.prev = ends.next = &ends;
+    }
     return wheel;
 }
 
@@ -71,17 +75,15 @@ void clearBit(zelcwTimerCB *wheel, uint32_t bucket) {
 }
 
 void append(WheelBucket &bucket, zelcwTimer *timer) {
-    zelcwTimer *last = bucket.last;
-    *timer = {last, nullptr, &bucket};
-    (last ? last->next : bucket.first) = timer;
-    bucket.last = timer;
+    zelcwTimer *last = bucket.last();
+    *timer = {last, &bucket.ends, &bucket};
+    last->next = bucket.ends.prev = timer;
 }
 
 void remove(zelcwTimer *timer) {
-    auto &bucket = *static_cast<WheelBucket *>(timer->bucket);
     zelcwTimer *prev = timer->prev, *next = timer->next;
-    (prev ? prev->next : bucket.first) = next;
-    (next ? next->prev : bucket.last) = prev;
+    prev->next = next;
+    next->prev = prev;
     *timer = {};
 }
 
@@ -90,14 +92,15 @@ void stop(zelcwTimer *timer) {
 }
 
 zelcwTimer *takeFirst(WheelBucket &bucket) {
-    zelcwTimer *timer = bucket.first;
-    if (timer) remove(timer);
+    if (bucket.isEmpty()) return nullptr;
+    zelcwTimer *timer = bucket.first();
+    remove(timer);
     return timer;
 }
 
 // Fetches the records of a bucket from both ends at once: they lie anywhere, and each tells where the next one is.
 void fetchAll(const WheelBucket &bucket) {
-    const zelcwTimer *front = bucket.first, *back = bucket.last;
+    const zelcwTimer *front = bucket.first(), *back = bucket.last();
     while (front != back && front->next != back) {
         front = front->next;
         back = back->prev;
@@ -113,7 +116,7 @@ uint32_t firstHolding(zelcwTimerCB *wheel, uint32_t from, uint32_t to) {
         for (; bits; bits &= bits - 1) {
             const uint32_t bucket = at + static_cast<uint32_t>(std::countr_zero(bits));
             if (bucket >= to) return to;
-            if (wheel->buckets[bucket].first) return bucket;
+            if (!wheel->buckets[bucket].isEmpty()) return bucket;
             clearBit(wheel, bucket);
         }
     }
@@ -155,7 +158,8 @@ void printRunning(const zelcwTimerCB *wheel) {
     fputs("---------------------------------------------------\r", stdout);
     if (!wheel->printFn) return;
     for (uint32_t i = 0; i < wheel->tmrNumBuckets; ++i)
-        for (zelcwTimer *timer = wheel->buckets[i].first; timer; timer = timer->next) wheel->printFn(timer);
+        for (zelcwTimer *at = wheel->buckets[i].first(); at != &wheel->buckets[i].ends; at = at->next)
+            wheel->printFn(at);
 }
 
 void printFree(const zelcwTimerCB *wheel) {

@@ -121,12 +121,12 @@ protected:
             const auto &bucket = wheel->buckets[i];
             const auto due = model.find(next() + ((i - wheel->cursor) & (GetParam() - 1)));
             std::list<Record *> timers;
-            const zelcwTimer *last = nullptr;
-            for (zelcwTimer *at = bucket.first; at; last = at, at = at->next) {
+            const zelcwTimer *last = &bucket.ends;
+            for (zelcwTimer *at = bucket.first(); at != &bucket.ends; last = at, at = at->next) {
                 ASSERT_TRUE(at->prev == last && at->bucket == &bucket);
                 timers.push_back(reinterpret_cast<Record *>(at));
             }
-            ASSERT_EQ(bucket.last, last);
+            ASSERT_EQ(bucket.last(), last);
             ASSERT_EQ(timers, due == model.end() ? std::list<Record *>{} : due->second);
             ASSERT_TRUE(timers.empty() || (wheel->mayHold[i / 64] >> i % 64 & 1));
         }
