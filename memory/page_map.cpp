@@ -33,7 +33,7 @@ GranuleTable *makeTable(std::uintptr_t number) {
 }
 
 // The place of a granule; null when its table does not exist and is not to be made, or cannot be.
-std::atomic<Page *> *placeOf(std::uintptr_t granule, bool isToBeMade) {
+std::atomic<std::uintptr_t> *placeOf(std::uintptr_t granule, bool isToBeMade) {
     const std::uintptr_t number = granule >> tableBits;
     if (number >= tables.size()) return nullptr;
     GranuleTable *table = tables[number].load(std::memory_order_acquire);
@@ -52,21 +52,22 @@ void openPageWindow(bool isOpen) {
     if (isWindowReady) pageWindow.granules.store(isOpen ? granulesPerTable : 0);
 }
 
-bool enterPage(Page *page, std::size_t bytes) {
+bool enterPage(Page *page, std::size_t bytes, std::uintptr_t mark) {
     const std::uintptr_t first = granuleOf(page), last = granuleOf(reinterpret_cast<std::byte *>(page) + bytes - 1);
     if (placeOf(first, true) == nullptr || placeOf(last, true) == nullptr) return false;
-    for (std::uintptr_t i = first; i <= last; ++i) placeOf(i, true)->store(page, std::memory_order_release);
+    for (std::uintptr_t i = first; i <= last; ++i)
+        placeOf(i, true)->store(reinterpret_cast<std::uintptr_t>(page) | mark, std::memory_order_release);
     return true;
 }
 
 void removePage(Page *page, std::size_t bytes) {
     const std::uintptr_t first = granuleOf(page), last = granuleOf(reinterpret_cast<std::byte *>(page) + bytes - 1);
-    for (std::uintptr_t i = first; i <= last; ++i) placeOf(i, true)->store(nullptr, std::memory_order_release);
+    for (std::uintptr_t i = first; i <= last; ++i) placeOf(i, true)->store(0, std::memory_order_release);
 }
 
-Page *pageAt(const void *pointer) {
-    const std::atomic<Page *> *place = placeOf(granuleOf(pointer), false);
-    return place != nullptr ? place->load(std::memory_order_acquire) : nullptr;
+PageEntry entryAt(const void *pointer) {
+    const std::atomic<std::uintptr_t> *place = placeOf(granuleOf(pointer), false);
+    return {place != nullptr ? place->load(std::memory_order_acquire) : 0};
 }
 
 }  // namespace zel::memory

@@ -31,7 +31,8 @@ Pool *newPool(PoolSet &set, std::uint32_t poolId, const char *name, std::uint32_
     pool->id = poolId;
     pool->creator = taskIdSelf();
     pool->set = &set;
-    pool->isLocking = set.isLocking;
+    const bool isVariable = &set == &partitions[partitionNumber(poolId)].variable;
+    pool->lockMark = set.isLocking ? lockMark(partitionNumber(poolId), isVariable) : 0;
     return pool;
 }
 

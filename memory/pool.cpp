@@ -40,7 +40,7 @@ bool Pool::grow() {
     const auto address = reinterpret_cast<std::uintptr_t>(memory);
     auto *page = reinterpret_cast<Page *>((address + granuleBytes - 1) / granuleBytes * granuleBytes);
     cut(*page, memory);
-    if (!enterPage(page, hostPageBytes())) {
+    if (!enterPage(page, hostPageBytes(), lockMark)) {
         zelMC_free(source, __LINE__, memory);
         return false;
     }
@@ -53,7 +53,7 @@ bool Pool::grow() {
 void Pool::cut(Page &page, void *memory) {
     new (&page) Page{};
     page.pool = this;
-    page.plainPool = isLocking ? nullptr : this;
+    page.plainPool = this;
     page.memory = memory;
     std::memset(sites(page), 0, total * sizeof(std::uint16_t));
     auto *header = reinterpret_cast<std::byte *>(&page) + firstHeader;

@@ -32,7 +32,7 @@ struct Page {
     Links withFree;
     std::uint32_t firstFree;        // its offset from chunk 0, noChunk when none is free
     std::atomic<bool> isCounted;    // some chunk was taken for a line of source
-    std::atomic<Pool *> plainPool;  // its pool when nobody counts or locks, else null
+    std::atomic<Pool *> plainPool;  // its pool when nobody counts, else null
     Pool *pool;
     void *memory;        // the block of the heap that it stands in
     std::uint32_t used;  // chunks; apart from firstFree, lest compilers load both at once behind two stores
@@ -79,7 +79,7 @@ struct Pool {
     std::uint32_t pageCount;
     std::int32_t bound;
     bool isExempt;
-    bool isLocking;
+    std::uintptr_t lockMark;  // of its pages, 0 when it does not lock
     char name[ZEL_MEM_POOL_NAME];
     std::uint32_t id;
     zelTaskId creator;

@@ -95,6 +95,11 @@ inline Partition *findPartition(std::uint32_t partId) {
 inline Partition *partitionOf(std::uint32_t poolId) {
     return poolId == ZEL_MEM_BEST_FIT ? callersPartition() : findPartition(partitionNumber(poolId));
 }
+// Whose mark it is.
+inline PoolSet &lockedSet(std::uintptr_t mark) {
+    Partition &partition = partitions[mark >> 1 & 0xff];
+    return (mark & 1) != 0 ? partition.variable : partition.fixed;
+}
 inline Pool *poolAt(const PoolSet &set, std::uint32_t number) {
     return number < set.places.load(std::memory_order_acquire) ? set.pools[number].load(std::memory_order_acquire)
                                                                : nullptr;

@@ -175,7 +175,7 @@ void *refuse(Partition *partition, const Request &request, const Try &result) {
 [[gnu::noinline]] void *allocateFixed(std::uint32_t poolId, std::uint32_t size, std::uint32_t tag) {
     Pool *pool = fixedPool(poolId);
     if (pool && size <= pool->chunkSize && !isTracing()) {
-        if (!pool->isLocking) shortcutTo(poolId).store(pool, std::memory_order_release);
+        if (pool->lockMark == 0) shortcutTo(poolId).store(pool, std::memory_order_release);
         void *block = guarded(*pool->set, [&] { return pool->take(nibble(tag)); });
         if (block) return block;
     }
@@ -205,42 +205,67 @@ void *allocateCounted(const char *tag, int line, Request request) {
     return fail(ZEL_ERR_INVALID_OBJECT_ID);
 }
 
-void traceFree(const Page *page, bool isBack, const Pool &pool) {
-    if (isBack) trace("Inserted Page int Free List %x, direction is %d\r\n", shown(page), atTheHead);
+// Does the work with the page that the address is in, guarded, and found there again: until then another thread may
+// flush it, and then this is no block.
+template <class Work>
+void withPage(void *addr, Work work) {
+    const PageEntry entry = entryAt(addr);
+    if (entry.page() == nullptr) return;
+    if (entry.mark() == 0) return work(*entry.page());
+    locked(lockedSet(entry.mark()), [&] {
+        if (entryAt(addr) == entry) work(*entry.page());
+    });
+}
+
+// What became of a block, with what is to be counted and traced of it.
+struct Return {
+    Finding finding{"chnkHdr->chnkMarker == Blk_Magic_front", "Header"};
+    std::uint32_t site = 0, chunkSize = 0, inUse = 0, pageCount = 0;
+    const Page *page = nullptr;  // not to be looked at
+    bool isBack = false;
+};
+
+Return giveBack(Page &page, std::byte *data) {
+    Pool &pool = *page.pool;
+    Return result;
+    result.isBack = page.firstFree == noChunk;
+    result.finding = pool.give(page, data) ? Finding{} : pool.examineGiven(page, data);
+    if (result.finding.assertion != nullptr) return result;
+    result.site = pool.forgetTaker(page, indexOf(load<std::uint64_t>(data - headerBytes)));
+    result.chunkSize = pool.chunkSize;
+    result.inUse = pool.inUse();
+    result.pageCount = pool.pageCount;
+    result.page = &page;
+    return result;
+}
+
+void traceFree(const Return &result) {
+    if (result.isBack) trace("Inserted Page int Free List %x, direction is %d\r\n", shown(result.page), atTheHead);
     const char *name = taskIdSelf() != 0 ? taskName(0) : nullptr;
-    trace("Free TName: %s, Pages: %d, Chnks: %d\r\n", name != nullptr ? name : "Unk", static_cast<int>(pool.pageCount),
-          static_cast<int>(pool.inUse()));
+    trace("Free TName: %s, Pages: %d, Chnks: %d\r\n", name != nullptr ? name : "Unk",
+          static_cast<int>(result.pageCount), static_cast<int>(result.inUse));
 }
 
 // Every case but the plain one below.
 [[gnu::noinline]] int releaseStepwise(void *addr) {
     if (!asserted(addr != nullptr, "addr != NULL", source)) return fail(ZEL_ERR_INVALID_OBJECT_ID);
-    Page *page = pageAt(addr);
-    if (page == nullptr) return refuseBlock(addr, {"chnkHdr->chnkMarker == Blk_Magic_front", "Header"});
-    auto *data = static_cast<std::byte *>(addr);
-    Pool &pool = *page->pool;
-    std::uint32_t site = 0;
-    bool isBack = false;
-    const Finding finding = guarded(*pool.set, [&]() -> Finding {
-        isBack = page->firstFree == noChunk;
-        if (!pool.give(*page, data)) return pool.examineGiven(*page, data);
-        site = pool.forgetTaker(*page, indexOf(load<std::uint64_t>(data - headerBytes)));
-        return {};
-    });
-    if (finding.assertion != nullptr) return refuseBlock(addr, finding);
-    if (site != 0) platform::noteFreed(site, pool.chunkSize);
-    if (isTracing()) traceFree(page, isBack, pool);
+    Return result;
+    withPage(addr, [&](Page &page) { result = giveBack(page, static_cast<std::byte *>(addr)); });
+    if (result.finding.assertion != nullptr) return refuseBlock(addr, result.finding);
+    if (result.site != 0) platform::noteFreed(result.site, result.chunkSize);
+    if (isTracing()) traceFree(result);
     return ZEL_OK;
 }
 
 // A block of a page that is not plain, or is outside the window.
 [[gnu::noinline]] int releaseGuarded(void *addr) {
-    Page *page = pageAt(addr);
-    if (page && !page->isCounted.load(std::memory_order_relaxed) && !isTracing()) {
-        Pool &pool = *page->pool;
-        if (guarded(*pool.set, [&] { return pool.give(*page, static_cast<std::byte *>(addr)); })) return ZEL_OK;
-    }
-    return releaseStepwise(addr);
+    if (isTracing()) return releaseStepwise(addr);
+    bool isGiven = false;
+    withPage(addr, [&](Page &page) {
+        isGiven =
+            !page.isCounted.load(std::memory_order_relaxed) && page.pool->give(page, static_cast<std::byte *>(addr));
+    });
+    return isGiven ? static_cast<int>(ZEL_OK) : releaseStepwise(addr);
 }
 
 inline int release(void *addr) {

@@ -1,6 +1,7 @@
 // Partitions and pools: layout, choice of pool, faults and what they leave intact, limits, listings, threads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -516,6 +517,25 @@ TEST_F(SharedPools, AThreadCancelledInTheMiddleLeavesThePartitionUsable) {
     onAllocation = nullptr;
     EXPECT_EQ(statsOf().pages, 0u);
     EXPECT_NE(allocate(), nullptr);
+}
+
+TEST_F(SharedPools, AStaleBlockMayBeFreedWhileItsPageIsFlushed) {
+    mallopt(M_MMAP_THRESHOLD, 4096);  // what is flushed is gone from the address space
+    ASSERT_EQ(M_memPoolCreate(pool, "stale", 16384), 0);
+    std::atomic<void *> stale{nullptr};
+    std::atomic<bool> isOver{false};
+    std::thread other([&] {
+        while (!isOver)
+            if (void *block = stale) M_memBlockFree(pool, block);
+    });
+    for (int i = 0; i < 3000; ++i) {
+        stale = allocate();
+        M_memBlockFree(pool, stale);
+        EXPECT_EQ(M_memPoolFlush(pool), 0);
+    }
+    isOver = true;
+    other.join();
+    EXPECT_EQ(statsOf().pages, 0u);
 }
 
 TEST_F(SharedPools, ThreadsPassBlocksToEachOther) {
