@@ -68,10 +68,12 @@ Pool *choose(const PoolSet &set, const Request &request) {
     return pool && pool->chunkSize >= request.size ? pool : nullptr;
 }
 
-// One try, with the pools guarded, and what stood in its way.
+// One try, with the pools guarded, and what stood in its way. The pool may be deleted once they no longer are.
 struct Try {
     std::byte *block = nullptr;
-    Pool *pool = nullptr;
+    bool hasPool = false;
+    bool isExempt = false;
+    std::uint32_t poolId = 0, pageSize = 0;
     Finding finding;
     bool needsPage = false;
     bool isNewPage = false;
@@ -79,8 +81,7 @@ struct Try {
     std::uint32_t freeInPage = 0, inUse = 0, pageCount = 0;
 };
 
-void take(Try &result, const Request &request) {
-    Pool &pool = *result.pool;
+void take(Pool &pool, Try &result, const Request &request) {
     const Page *page = pool.freePages.head;
     result.block = pool.take(request.tag);
     if (result.block == nullptr) {
@@ -96,40 +97,43 @@ void take(Try &result, const Request &request) {
 
 Try tryOnce(const PoolSet &set, const Request &request, bool mayGrow) {
     Try result;
-    result.pool = choose(set, request);
-    if (result.pool == nullptr) return result;
-    if (result.pool->freePages.head == nullptr) {
-        if (!result.pool->mayGrow()) return result;
+    Pool *pool = choose(set, request);
+    if (pool == nullptr) return result;
+    result.hasPool = true;
+    result.isExempt = pool->isExempt;
+    result.poolId = pool->id;
+    result.pageSize = pageBytes(pool->chunkSize);
+    if (pool->freePages.head == nullptr) {
+        if (!pool->mayGrow()) return result;
         result.needsPage = !mayGrow;
-        if (!mayGrow || !result.pool->grow()) return result;
+        if (!mayGrow || !pool->grow()) return result;
         result.isNewPage = true;
     }
-    take(result, request);
+    take(*pool, result, request);
     return result;
 }
 
 // True when the pool is exempt or the check allows it; says so when it does not.
-bool isPageAllowed(const Pool &pool) {
+bool isPageAllowed(const Try &result) {
     const zelTaskId task = taskIdSelf();
-    const std::uint32_t bytes = pageBytes(pool.chunkSize);
-    if (pool.isExempt || zelMemUsageCheck(task, pool.id, bytes) != 0) return true;
+    if (result.isExempt || zelMemUsageCheck(task, result.poolId, result.pageSize) != 0) return true;
     const char *name = task != 0 ? taskName(task) : nullptr;
     zelErrorPrintf(moduleMemory, "Mem req by task: %s, size: %d retStatus: %s ", name != nullptr ? name : "Unk",
-                   static_cast<int>(bytes), "DENIED");
+                   static_cast<int>(result.pageSize), "DENIED");
     return false;
 }
 
 void traceAllocation(const Request &request, const Try &result) {
     if (request.poolId == ZEL_MEM_BEST_FIT || request.isVariable)
         trace("findPool: size: %d, poolId is %d\r\n", static_cast<int>(request.size),
-              static_cast<int>(poolNumber(result.pool->id)));
+              static_cast<int>(poolNumber(result.poolId)));
     if (result.isNewPage) {
         trace("Alloc: New Page Added, Page %x\r\n", shown(result.page));
         trace("Inserted Page int Free List %x, direction is %d\r\n", shown(result.page), atTheHead);
     }
     if (result.freeInPage == 0) trace("Deleted Page From Free List, Page: %x\r\n", shown(result.page));
-    trace("Alloc: PartId: %d, PoolId: %d, Chnks: %d, Pages: %d\r\n", static_cast<int>(partitionNumber(result.pool->id)),
-          static_cast<int>(poolNumber(result.pool->id)), static_cast<int>(result.inUse),
+    trace("Alloc: PartId: %d, PoolId: %d, Chnks: %d, Pages: %d\r\n", static_cast<int>(partitionNumber(result.poolId)),
+          static_cast<int>(poolNumber(result.poolId)), static_cast<int>(result.inUse),
           static_cast<int>(result.pageCount));
 }
 
@@ -141,18 +145,27 @@ void reportTaken(const Finding &finding) {
     _zelAssert(finding.assertion, source, __LINE__);
 }
 
+PoolSet &setFor(Partition &partition, const Request &request) {
+    return request.isVariable ? partition.variable : partition.fixed;
+}
+
+// For the pool that was chosen, if it is still there, or for the partition.
+void countFailure(Partition &partition, const Request &request, const Try &result) {
+    PoolSet &set = setFor(partition, request);
+    guarded(set, [&] {
+        Pool *pool = result.hasPool ? poolAt(set, poolNumber(result.poolId)) : nullptr;
+        (pool != nullptr ? pool->failures : partition.failures).fetch_add(1, std::memory_order_relaxed);
+    });
+}
+
 void *refuse(Partition *partition, const Request &request, const Try &result) {
-    if (result.pool != nullptr) {
-        result.pool->failures.fetch_add(1, std::memory_order_relaxed);
-    } else if (partition != nullptr) {
-        partition->failures.fetch_add(1, std::memory_order_relaxed);
-    }
+    if (partition != nullptr) countFailure(*partition, request, result);
     if (result.finding.assertion != nullptr) {
         reportTaken(result.finding);
     } else {
         reportFailure(request.poolId, request.size, partition != nullptr);
     }
-    errno = result.pool != nullptr ? ZEL_ERR_NOT_ENOUGH_MEMORY : ZEL_ERR_INVALID_OBJECT_ID;
+    errno = result.hasPool ? ZEL_ERR_NOT_ENOUGH_MEMORY : ZEL_ERR_INVALID_OBJECT_ID;
     return nullptr;
 }
 
@@ -161,9 +174,9 @@ void *refuse(Partition *partition, const Request &request, const Try &result) {
     Partition *partition = partitionOf(request.poolId);
     Try result;
     if (partition != nullptr) {
-        PoolSet &set = request.isVariable ? partition->variable : partition->fixed;
+        PoolSet &set = setFor(*partition, request);
         result = guarded(set, [&] { return tryOnce(set, request, false); });
-        if (result.needsPage && isPageAllowed(*result.pool))
+        if (result.needsPage && isPageAllowed(result))
             result = guarded(set, [&] { return tryOnce(set, request, true); });
     }
     if (result.block == nullptr) return refuse(partition, request, result);

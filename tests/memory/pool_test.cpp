@@ -25,6 +25,7 @@ unsigned allocationsLeft = 0;  // the last of them fails; 0 switches that off
 bool hasFailed = false;
 std::function<void()> onAllocation;
 int refusals = 0;  // pages that the usage check will not allow
+std::function<void()> onUsageCheck;
 
 bool isOutOfMemory() {
     if (onAllocation) onAllocation();
@@ -47,6 +48,7 @@ void zelMC_free(const char *tag, int line, void *block) {
     zelMemCheckFree(tag, line, block);
 }
 int zelMemUsageCheck(zelTaskId, uint32_t, uint32_t) {
+    if (onUsageCheck) onUsageCheck();
     return refusals-- <= 0;
 }
 
@@ -370,6 +372,19 @@ TEST_P(Pools, ABoundIsRefusedOnceReachedAndTheUsageCheckMayDenyAPage) {
     EXPECT_EQ(statsOf().pages, 3u);
     EXPECT_EQ(M_memPoolSetSize(pool + 7, 1), -1);
     refusals = 0;
+}
+
+TEST_P(Pools, TheUsageCheckMayDeleteThePoolItIsAskedAbout) {
+    onUsageCheck = [] { EXPECT_EQ(zel_memPartVarDelete(partId), 0); };
+    for (const int refused : {0, 1}) {
+        refusals = refused;
+        ASSERT_EQ(M_memVarPoolCreate(pool, "deleted", 64), 0);
+        EXPECT_EQ(M_memBlockVarAlloc(pool, 10, 0), nullptr);
+        zelMemPartStats stats{};
+        EXPECT_EQ(M_memPartGetStats(partId, &stats), 0);
+        EXPECT_EQ(stats.failures, static_cast<uint32_t>(refused) + 1);
+    }
+    onUsageCheck = nullptr;
 }
 
 TEST_P(Pools, TheLogPoolReportsInPrint) {
