@@ -82,18 +82,18 @@ void Pool::flush() {
 void Pool::clear() {
     while (Page *page = pages.head) {
         for (std::uint32_t i = 0; page->isCounted && i < total; ++i) {
-            if (const std::uint32_t taker = forgetTaker(*page, i)) platform::noteFreed(taker, chunkSize);
+            if (const std::uint32_t taker = forgetTaker(*page, i)) platform::noteFreed(siteOfTaker(taker), chunkSize);
         }
         dropPage(*page);
     }
     belowHighWater = highWater;
 }
 
-void Pool::rememberTaker(Page &page, const std::byte *data, std::uint32_t site) const {
-    const auto taker = static_cast<std::uint16_t>(site);
+void Pool::rememberTaker(Page &page, const std::byte *data, std::uint32_t taker) const {
+    const auto noted = static_cast<std::uint16_t>(taker);
     page.isCounted = true;
     page.plainPool = nullptr;
-    std::memcpy(sites(page) + indexOf(load<std::uint64_t>(data - headerBytes)) * sizeof taker, &taker, sizeof taker);
+    std::memcpy(sites(page) + indexOf(load<std::uint64_t>(data - headerBytes)) * sizeof noted, &noted, sizeof noted);
 }
 
 std::uint32_t Pool::forgetTaker(Page &page, std::uint32_t index) const {
@@ -101,7 +101,7 @@ std::uint32_t Pool::forgetTaker(Page &page, std::uint32_t index) const {
     std::byte *at = sites(page) + index * sizeof taker;
     if (page.isCounted) std::memcpy(&taker, at, sizeof taker);
     if (taker != 0) std::memset(at, 0, sizeof taker);
-    return taker < platform::siteCapacity ? taker : 0;  // the last chunk's data ends shortly before
+    return taker <= platform::siteCapacity ? taker : 0;  // the last chunk's data ends shortly before
 }
 
 Finding Pool::examineNext() const {

@@ -59,6 +59,15 @@ struct PageList {
     }
 };
 
+// For which site a chunk is counted, as pages note it: 0 is nobody, because site 0 counts too, for all that the table
+// of sites has no room for.
+constexpr std::uint32_t takerOf(std::uint32_t site) {
+    return site + 1;
+}
+constexpr std::uint32_t siteOfTaker(std::uint32_t taker) {
+    return taker - 1;
+}
+
 // What is wrong with a chunk, and where.
 struct Finding {
     const char *assertion = nullptr;
@@ -90,9 +99,8 @@ struct Pool {
     std::byte *take(std::uint32_t tag);
     // False when the data is no allocated chunk of this page.
     bool give(Page &page, std::byte *data);
-    // The site that a chunk, just taken, is counted for; and an end to that: 0 when it is not, or can no longer be
-    // told.
-    void rememberTaker(Page &page, const std::byte *data, std::uint32_t site) const;
+    // For whom a chunk, just taken, is counted; and an end to that: 0 when it is not, or can no longer be told.
+    void rememberTaker(Page &page, const std::byte *data, std::uint32_t taker) const;
     std::uint32_t forgetTaker(Page &page, std::uint32_t index) const;
     // Why they refused.
     Finding examineNext() const;

@@ -51,7 +51,7 @@ void reportFailure(std::uint32_t poolId, std::uint32_t size, bool isPartition) {
 struct Request {
     bool isVariable;
     std::uint32_t poolId, size, tag;
-    std::uint32_t site;  // 0: nobody counts
+    std::uint32_t taker;  // 0: nobody counts
 };
 
 constexpr std::uint32_t nibble(std::uint32_t tag) {
@@ -88,7 +88,7 @@ void take(Pool &pool, Try &result, const Request &request) {
         if (page != nullptr) result.finding = pool.examineNext();
         return;
     }
-    if (request.site != 0) pool.rememberTaker(*pageAt(result.block), result.block, request.site);
+    if (request.taker != 0) pool.rememberTaker(*pageAt(result.block), result.block, request.taker);
     result.page = page;
     result.freeInPage = pool.freeIn(*page);
     result.inUse = pool.inUse();
@@ -196,11 +196,11 @@ void *refuse(Partition *partition, const Request &request, const Try &result) {
 }
 
 void *allocateCounted(const char *tag, int line, Request request) {
-    request.site = platform::siteOf(tag, line);
+    const std::uint32_t site = platform::siteOf(tag, line);
+    request.taker = takerOf(site);
     void *block = allocateStepwise(request);
     if (block != nullptr)
-        platform::noteAllocated(request.site,
-                                sizeOf(load<std::uint64_t>(static_cast<const std::byte *>(block) - headerBytes)));
+        platform::noteAllocated(site, sizeOf(load<std::uint64_t>(static_cast<const std::byte *>(block) - headerBytes)));
     return block;
 }
 
@@ -233,7 +233,7 @@ void withPage(void *addr, Work work) {
 // What became of a block, with what is to be counted and traced of it.
 struct Return {
     Finding finding{"chnkHdr->chnkMarker == Blk_Magic_front", "Header"};
-    std::uint32_t site = 0, chunkSize = 0, inUse = 0, pageCount = 0;
+    std::uint32_t taker = 0, chunkSize = 0, inUse = 0, pageCount = 0;
     const Page *page = nullptr;  // not to be looked at
     bool isBack = false;
 };
@@ -244,7 +244,7 @@ Return giveBack(Page &page, std::byte *data) {
     result.isBack = page.firstFree == noChunk;
     result.finding = pool.give(page, data) ? Finding{} : pool.examineGiven(page, data);
     if (result.finding.assertion != nullptr) return result;
-    result.site = pool.forgetTaker(page, indexOf(load<std::uint64_t>(data - headerBytes)));
+    result.taker = pool.forgetTaker(page, indexOf(load<std::uint64_t>(data - headerBytes)));
     result.chunkSize = pool.chunkSize;
     result.inUse = pool.inUse();
     result.pageCount = pool.pageCount;
@@ -265,7 +265,7 @@ void traceFree(const Return &result) {
     Return result;
     withPage(addr, [&](Page &page) { result = giveBack(page, static_cast<std::byte *>(addr)); });
     if (result.finding.assertion != nullptr) return refuseBlock(addr, result.finding);
-    if (result.site != 0) platform::noteFreed(result.site, result.chunkSize);
+    if (result.taker != 0) platform::noteFreed(siteOfTaker(result.taker), result.chunkSize);
     if (isTracing()) traceFree(result);
     return ZEL_OK;
 }

@@ -164,8 +164,17 @@ TEST(CheckingAllocator, AFullTableCountsUnderOneLine) {
     const zelMemCheckSite others = siteOf("others", 0);
     EXPECT_GE(others.liveBlocks, 11);
     EXPECT_EQ(others.liveBytes, 8 * others.liveBlocks);
-    for (void *block : blocks) zelMC_free("full", 0, block);
-    EXPECT_EQ(siteOf("others", 0).liveBlocks, 0);
+    constexpr uint32_t pool = 5 << 16;
+    ASSERT_EQ(M_memPartCreate(5, 1, 1, 0), 0);
+    ASSERT_EQ(M_memPoolCreate(pool, "full", 64), 0);
+    M_memBlockFree(pool, M_memBlockAlloc(pool, 64, 0));  // the page is counted there too
+    const zelMemCheckSite before = siteOf("others", 0);
+    void *block = zelMC_M_memBlockAlloc("pool", 1, pool, 64, 0);
+    EXPECT_EQ(siteOf("others", 0).liveBlocks, before.liveBlocks + 1);
+    zelMC_M_memBlockFree("full", 0, pool, block);
+    EXPECT_EQ(siteOf("others", 0).liveBytes, before.liveBytes);
+    for (void *one : blocks) zelMC_free("full", 0, one);
+    EXPECT_EQ(siteOf("others", 0).liveBlocks, before.liveBlocks - others.liveBlocks);
     EXPECT_EQ(siteOf("full", 1000).liveBlocks, 0);
 }
 
