@@ -77,9 +77,12 @@ void insert(zelHash *table, uint32_t bid, void *record, int line) {
     if (++bucket->h_curnum > bucket->h_hwm) bucket->h_hwm = bucket->h_curnum;
 }
 
+bool isBucket(const zelHash *table, const zelHashBucket *bucket, int line = __builtin_LINE()) {
+    return zel::asserted(bucket >= table->hh_buckets && bucket < endOf(table), "bucket", source, line);
+}
+
 bool canRemove(const zelHash *table, const zelHashBucket *bucket, const void *record, int line = __builtin_LINE()) {
-    return zel::asserted(record, "record", source, line) &&
-           zel::asserted(bucket >= table->hh_buckets && bucket < endOf(table), "bucket", source, line);
+    return zel::asserted(record, "record", source, line) && isBucket(table, bucket, line);
 }
 
 void takeOut(zelHash *table, zelHashBucket *bucket, void *record) {
@@ -238,7 +241,8 @@ void *zelHashGetFirst(zelHash *table, zelHashBucket **cursor) {
 
 void *zelHashGetNext(zelHash *table, zelHashBucket **cursor, void *record) {
     if (!isTable(table)) return nullptr;
-    return record && *cursor ? next(table, cursor, record) : firstFrom(table, table->hh_buckets, cursor);
+    if (!record || !*cursor) return firstFrom(table, table->hh_buckets, cursor);
+    return isBucket(table, *cursor) ? next(table, cursor, record) : nullptr;
 }
 
 void *zelHashGetLast(zelHash *table, zelHashBucket **cursor) {
@@ -247,13 +251,14 @@ void *zelHashGetLast(zelHash *table, zelHashBucket **cursor) {
 
 void *zelHashGetPrev(zelHash *table, zelHashBucket **cursor, void *record) {
     if (!record || !*cursor) return zelHashGetLast(table, cursor);
-    if (!isTable(table)) return nullptr;
+    if (!isTable(table) || !isBucket(table, *cursor)) return nullptr;
     if (zelDLLNode *node = zelDLLGetPrev(&(*cursor)->h_list, nodeOf(record))) return node;
     return lastBefore(*cursor, table->hh_buckets, cursor);
 }
 
 void *zelHashGetBucketFirst(zelHash *table, zelHashBucket **cursor) {
-    return isTable(table) ? firstFrom(table, *cursor ? *cursor : table->hh_buckets, cursor) : nullptr;
+    if (!isTable(table) || (*cursor && !isBucket(table, *cursor))) return nullptr;
+    return firstFrom(table, *cursor ? *cursor : table->hh_buckets, cursor);
 }
 
 void zelHashStat(zelHash *table, uint32_t bid, uint32_t *total, uint32_t *nodes, uint32_t *hits, uint32_t *hwm) {

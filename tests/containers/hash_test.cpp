@@ -200,7 +200,7 @@ TEST(Hash, reportsBadArguments) {
     zelHash *table = zelHashCreate(4, nullptr, nullptr), foreign{};
     Item item;
     zelHashInsertAtBack(table, 3, &item);
-    zelHashBucket *none = nullptr, *beyond = table->hh_buckets + 4, *last = beyond - 1;
+    zelHashBucket *none = nullptr, *beyond = table->hh_buckets + 4, *last = beyond - 1, *ahead = beyond - 5;
     uint32_t word;
     const std::pair<const char *, std::function<bool()>> calls[] = {
         {"bid < hh->hh_size", [&] { return zelHashInsertAtFront(table, 4, &item), true; }},
@@ -208,6 +208,9 @@ TEST(Hash, reportsBadArguments) {
         {"bid < hh->hh_size", [&] { return zelHashStat(table, 4, &word, &word, &word, &word), true; }},
         {"bucket", [&] { return zelHashRemove(table, &none, &item), true; }},
         {"bucket", [&] { return !zelHashRemoveAndGetNext(table, &beyond, &item); }},
+        {"bucket", [&] { return !zelHashGetNext(table, &beyond, &item); }},
+        {"bucket", [&] { return !zelHashGetPrev(table, &beyond, &item); }},
+        {"bucket", [&] { return !zelHashGetBucketFirst(table, &ahead); }},
         {"record", [&] { return !zelHashRemoveAndGetNext(table, &last, nullptr); }},
         {"record", [&] { return zelHashInsertAtBack(table, 3, nullptr), true; }},
         {"hh->hh_magic == zelHASH_MAGIC", [&] { return zelHashInit(&foreign), true; }},
