@@ -41,6 +41,13 @@ bool isGiven(const zelRBTree *tree, const void *data, int line = __builtin_LINE(
     return !tree->rbtt_kind || zel::asserted(false, "one", source, line);
 }
 
+// Without checking, a look-up misses a null key only when it comes to compare it.
+bool isProbe(const zelRBTree *tree, const void *key, int line = __builtin_LINE()) {
+    if (key) [[likely]]
+        return true;
+    return (tree->rbtt_checking || tree->numinodes) && isGiven(tree, key, line);
+}
+
 // ---- Keys -----------------------------------------------------------------------------------------------------------
 
 template <class Word>
@@ -320,7 +327,7 @@ int zelRBTreeInsert(zelRBTree *tree, void *data) {
 }
 
 void *zelRBTreeRemove(zelRBTree *tree, const void *key) {
-    if (!isTree(tree) || !isGiven(tree, key)) return nullptr;
+    if (!isTree(tree) || !isProbe(tree, key)) return nullptr;
     zelRBNode *node = locate(tree, key).equal;
     if (node == &tree->rbtt_nil) return nullptr;
     void *data = node->rbtn_data;
@@ -332,7 +339,7 @@ void *zelRBTreeRemove(zelRBTree *tree, const void *key) {
 }
 
 void *zelRBTreeGetExact(zelRBTree *tree, const void *key) {
-    if (!isTree(tree) || !isGiven(tree, key)) return nullptr;
+    if (!isTree(tree) || !isProbe(tree, key)) return nullptr;
     return locate(tree, key).equal->rbtn_data;
 }
 
@@ -341,18 +348,18 @@ void *zelRBTreeGetFirst(zelRBTree *tree) {
 }
 
 void *zelRBTreeGetExactOrNext(zelRBTree *tree, const void *key) {
-    if (!isTree(tree) || !isGiven(tree, key)) return nullptr;
+    if (!isTree(tree) || !isProbe(tree, key)) return nullptr;
     return locateOrNext(tree, key)->rbtn_data;
 }
 
 void *zelRBTreeGetExactOrPrev(zelRBTree *tree, const void *key) {
-    if (!isTree(tree) || !isGiven(tree, key)) return nullptr;
+    if (!isTree(tree) || !isProbe(tree, key)) return nullptr;
     const Place place = locate(tree, key);
     return (place.equal != &tree->rbtt_nil ? place.equal : place.before())->rbtn_data;
 }
 
 void *zelRBTreeGetNext(zelRBTree *tree, const void *key) {
-    if (!isTree(tree) || !isGiven(tree, key) || !key) return nullptr;
+    if (!isTree(tree) || !(key || tree->rbtt_checking) || !isProbe(tree, key)) return nullptr;
     const Place place = locate(tree, key);
     return (place.equal != &tree->rbtt_nil ? successor(tree, place.equal) : place.behind())->rbtn_data;
 }

@@ -311,6 +311,13 @@ TEST_F(SmallRBTree, reportsBadArgumentsAndMisses) {
         EXPECT_EQ(lastAssertion(), text);
     }
     checkTree(tree, {some});
+    const int before = reportedAssertions();  // without checking, only what would be compared is missed
+    EXPECT_EQ(zelRBTreeGetNext(tree, nullptr), nullptr);
+    EXPECT_EQ(zelRBTreeRemove(tree, some), some);
+    EXPECT_EQ(zelRBTreeGetExactOrPrev(tree, nullptr), nullptr);
+    EXPECT_EQ(reportedAssertions(), before);
+    EXPECT_EQ(zelRBTreeInsert(tree, nullptr), 0);
+    EXPECT_EQ(lastAssertion(), "one");
 }
 
 // ---- Shared memory ------------------------------------------------------------------------------------------------
