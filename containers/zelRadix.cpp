@@ -307,8 +307,7 @@ zelRadixEntry *zelRadixInsert(zelRadix *tree, zelRadixEntry *entry, uint32_t bit
     if (!isTree(tree) || !isGiven(tree, entry, "rth")) return nullptr;
     if (!zel::asserted(entry->rth_addr, "rth->rth_addr", radixSource)) return nullptr;
     ++tree->rtt_inserts;
-    if (isTooLong(tree, bitlen)) return nullptr;
-    zelRadixEntry *stands = place(tree, entry, bitlen);
+    zelRadixEntry *stands = isTooLong(tree, bitlen) ? nullptr : place(tree, entry, bitlen);
     if (stands == entry) {
         noteChange(tree, entry);
         indexWhenLarge(tree);

@@ -326,5 +326,29 @@ TEST_F(SmallTree, printsEntriesBelowWhatCoversThem) {
               "  text\n  and 3 more\n");
 }
 
+// ---- What happens to one entry ------------------------------------------------------------------------------------
+
+const uint8_t ten[] = {10, 0, 0, 0, 0};
+
+zelRadixEntry wildEntry() {
+    zelRadixEntry entry;
+    memset(&entry, 0xa5, sizeof entry);
+    entry.rth_addr = ten;
+    return entry;
+}
+
+TEST(RadixEntry, isInNoTreeOnceItsKeyWasRefused) {
+    zelRadix *tree = zelRadixCreate("wild", 32, nullptr, nullptr, nullptr);
+    zelRadixEntry entry = wildEntry();
+    EXPECT_EQ(zelRadixInsert(tree, &entry, 33), nullptr);
+    zelRadixRemove(tree, &entry);
+    EXPECT_TRUE(!entry.rtn && !entry.rth_change.link.next);
+    tree->rtt_strict = 0;
+    entry = wildEntry();
+    EXPECT_EQ(zelRadixInsert(tree, &entry, 65536), nullptr);
+    EXPECT_EQ(entry.rtn, wildEntry().rtn);
+    zelRadixDestroy(tree);
+}
+
 }  // namespace
 }  // namespace zel::test
