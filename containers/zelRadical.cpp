@@ -84,8 +84,9 @@ bool isEntryOf(const zelRadix *tree, const zelRadixEntry *entry, int line = __bu
 
 }  // namespace
 
+// 0 is no version: nothing is earlier, and it is later than nothing.
 bool isLater(std::uint32_t version, std::uint32_t than) {
-    return static_cast<std::int32_t>(version - than) > 0;
+    return version != 0 && (than == 0 || static_cast<std::int32_t>(version - than) > 0);
 }
 
 bool mayHoldLater(const zelRadix *tree, std::uint32_t number, std::uint32_t since) {
@@ -136,7 +137,7 @@ void zelRadicalAppendToChangeList(zelRadix *tree, zelRadixEntry *entry) {
 
 uint32_t zelRadicalNextVersion(zelRadix *tree) {
     if (!isTree(tree, source)) return 0;
-    ++tree->rtt_version;
+    if (++tree->rtt_version == 0) tree->rtt_version = 1;
     releasePassed(tree);
     return tree->rtt_version;
 }

@@ -524,7 +524,8 @@ int zelRadixNodeIsLeaf(zelRadix *tree, zelRadixNode *node);
 /* ---- Versions */
 
 /* Visits the entries, live and marked, that changed after the version `since`, and passes over unchanged sub-trees. Of
- * two versions the one less than 2^31 ahead is the later. `visit` may remove the entry it is given. */
+ * two versions the one less than 2^31 ahead is the later; 0 stands before all of them, and for an entry that has none.
+ * `visit` may remove the entry it is given. */
 void zelRadixVersionWalk(zelRadix *tree, uint32_t since, zelRadixVisitFn visit, void *context);
 /* Gives an entry of the tree a version of the caller's choice, for the walk above. */
 void zelRadixSetVersion(zelRadix *tree, zelRadixEntry *entry, uint32_t version);

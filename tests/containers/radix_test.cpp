@@ -350,5 +350,24 @@ TEST(RadixEntry, isInNoTreeOnceItsKeyWasRefused) {
     zelRadixDestroy(tree);
 }
 
+TEST(RadixEntry, withoutAVersionIsNeverLater) {
+    zelRadix *tree = zelRadixCreate("versions", 32, nullptr, nullptr, nullptr);
+    zelRadixEntry unchanged = wildEntry(), changed = wildEntry();
+    zelRadixInsert(tree, &unchanged, 8);
+    zelRadixInsert(tree, &changed, 16);
+    zelRadixSetVersion(tree, &changed, 0x80000002);
+    const auto note = [](zelRadixEntry *entry, void *seen) {
+        return static_cast<std::vector<zelRadixEntry *> *>(seen)->push_back(entry), 0;
+    };
+    for (const uint32_t since : {0u, 0x80000000u, 0x80000001u, 0x80000002u}) {
+        std::vector<zelRadixEntry *> seen;
+        zelRadixVersionWalk(tree, since, note, &seen);
+        EXPECT_EQ(seen, std::vector(since < 0x80000002 ? 1u : 0u, &changed)) << since;
+    }
+    tree->rtt_version = UINT32_MAX;
+    EXPECT_EQ(zelRadicalNextVersion(tree), 1u);
+    zelRadixDestroy(tree);
+}
+
 }  // namespace
 }  // namespace zel::test
