@@ -160,7 +160,7 @@ void zelRadicalWalkDestructor(zelRadicalWalk *walk) {
 }
 
 uint32_t zelRadicalWalkChangeList(zelRadicalWalk *walk, zelRadixVisitFn visit, void *context, uint32_t max) {
-    if (!zel::asserted(walk, "walk", source)) return 0;
+    if (!zel::asserted(walk, "walk", source) || !canVisit(visit, source)) return 0;
     zelDLL *changes = &walk->tree->rtt_changes;
     uint32_t visited = 0;
     while (max == 0 || visited < max) {

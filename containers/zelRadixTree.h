@@ -21,6 +21,10 @@ inline bool isGiven(const zelRadix *tree, const void *argument, const char *text
     return argument || (tree->rtt_strict && asserted(false, text, source, line));
 }
 
+inline bool canVisit(zelRadixVisitFn visit, const char *source = radixSource, int line = __builtin_LINE()) {
+    return asserted(visit, "callback", source, line);
+}
+
 // ---- Keys -----------------------------------------------------------------------------------------------------------
 
 // Whether two keys agree in their first `bits` bits. No byte behind those is read, here and below.

@@ -61,7 +61,7 @@ zelRadixEntry *zelRadixGetNext(zelRadix *tree, zelRadixEntry *entry) {
 }
 
 void zelRadixWalk(zelRadix *tree, zelRadixVisitFn visit, void *context) {
-    if (isTree(tree) && tree->rtt_root) walk(tree, rootOf(tree), visit, context);
+    if (isTree(tree) && canVisit(visit) && tree->rtt_root) walk(tree, rootOf(tree), visit, context);
 }
 
 zelRadixNode *_zelRadixGetSubTree(zelRadix *tree, const void *key, uint32_t bitlen) {
@@ -74,7 +74,7 @@ zelRadixNode *_zelRadixGetSubTree(zelRadix *tree, const void *key, uint32_t bitl
 }
 
 void zelRadixWalkSubTree(zelRadix *tree, zelRadixNode *node, zelRadixVisitFn visit, void *context) {
-    if (isTree(tree) && isGiven(tree, node, "rtn")) walk(tree, node, visit, context);
+    if (isTree(tree) && canVisit(visit) && isGiven(tree, node, "rtn")) walk(tree, node, visit, context);
 }
 
 int zelRadixNodeIsLeaf(zelRadix *tree, zelRadixNode *node) {
@@ -83,7 +83,7 @@ int zelRadixNodeIsLeaf(zelRadix *tree, zelRadixNode *node) {
 }
 
 void zelRadixVersionWalk(zelRadix *tree, uint32_t since, zelRadixVisitFn visit, void *context) {
-    if (!isTree(tree)) return;
+    if (!isTree(tree) || !canVisit(visit)) return;
     zelRadixEntry *entry = changedFrom(tree, rootOf(tree), since);
     while (entry) {
         zelRadixEntry *next = changedFrom(tree, nextNode(tree, entry->rtn), since);

@@ -369,5 +369,23 @@ TEST(RadixEntry, withoutAVersionIsNeverLater) {
     zelRadixDestroy(tree);
 }
 
+TEST(RadixWalks, reportThatTheyHaveNothingToCall) {
+    zelRadix *tree = zelRadixCreate("walks", 32, nullptr, nullptr, nullptr);
+    tree->rtt_versioning = 1;
+    zelRadicalWalk *changes = zelRadicalWalkConstructor(tree);
+    zelRadixEntry entry = wildEntry();
+    zelRadixInsert(tree, &entry, 8);
+    zelRadicalNextVersion(tree);
+    const int before = reportedAssertions();
+    zelRadixWalk(tree, nullptr, nullptr);
+    zelRadixWalkSubTree(tree, entry.rtn, nullptr, nullptr);
+    zelRadixVersionWalk(tree, 0, nullptr, nullptr);
+    EXPECT_EQ(zelRadicalWalkChangeList(changes, nullptr, nullptr, 0), 0u);
+    EXPECT_EQ(reportedAssertions(), before + 4);
+    EXPECT_EQ(lastAssertion(), "callback");
+    zelRadicalWalkDestructor(changes);
+    zelRadixDestroy(tree);
+}
+
 }  // namespace
 }  // namespace zel::test
