@@ -146,6 +146,12 @@ void forget(zelTmrHead &head, zelTimer &timer) {
     timer.isEnabled = 0;
 }
 
+// The records may come into another head then, or be deleted there.
+void forgetAll(zelTmrHead &head) {
+    while (zelTimer *timer = findDue(head, UINT64_MAX)) forget(head, *timer);
+    while (head.firing != nullptr) forget(head, *head.firing);
+}
+
 // Releases a new record that does not get into its head, also when the task is cancelled at the guard.
 struct Unlinked {
     zelTmrFreeFn releaseRoutine;
@@ -262,8 +268,9 @@ int zelTmrHeadDestroy(zelTmrHead *head) {
         // Given first: a guard that nobody will give any more does not hold this up.
         semGive(head->guard);
         semTake(head->guard, WAIT_FOREVER);
-        semDelete(head->guard);
     }
+    forgetAll(*head);
+    if (head->guard != 0) semDelete(head->guard);
     *head = {};
     return ZEL_OK;
 }

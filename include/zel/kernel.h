@@ -534,8 +534,9 @@ struct zelTmrHead {
  * also when the guard, a semaphore, cannot be had. */
 int zelTmrHeadInit(zelTmrHead *head, zelTmrAllocFn allocRoutine, zelTmrFreeFn releaseRoutine, int withGuard,
                    uint32_t limit);
-/* Deletes the guard and clears the head. Timers are not released, and their head is gone: flush it before. May block.
- */
+/* Deletes the guard and clears the head. Timers that were not flushed are disabled but not released: their owner may
+ * enable them in a head that was made since, delete them there when it has the same release routine, or release them.
+ * Records that are linked must be there until then. May block. */
 int zelTmrHeadDestroy(zelTmrHead *head);
 /* Deletes every timer that is linked, or periodic and in its callback. */
 int zelTmrFlushAll(zelTmrHead *head);

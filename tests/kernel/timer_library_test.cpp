@@ -252,6 +252,23 @@ TEST_F(TimerHead, MayBeFlushedByACallback) {
     EXPECT_EQ(zelProcTimers(&head), 1);
 }
 
+// Its timers go on in the head that is made in the same place; one that fires is not linked there by the old loop.
+TEST_F(TimerHead, LetsGoOfItsTimersWhenDestroyed) {
+    const auto renew = [](intptr_t its) {
+        auto *old = reinterpret_cast<zelTmrHead *>(its);
+        EXPECT_EQ(zelTmrHeadDestroy(old) + zelTmrHeadInit(old, nullptr, nullptr, 1, 0), 0);
+    };
+    zelTimer *timers[] = {
+        zelTimerCreate(renew, reinterpret_cast<intptr_t>(&head), 0, ZEL_TIMER_PERIODIC, &head),
+        zelTimerCreate(nothing, 0, 9, 0, &head),
+        zelTimerCreate(nothing, 0, 9, 0, &head),
+    };
+    EXPECT_EQ(zelProcTimers(&head), 1);
+    EXPECT_EQ(zelTmrTreeEmpty(&head), 1);
+    EXPECT_EQ(zelTimerEnable(timers[1], &head), 0);
+    for (zelTimer *timer : timers) EXPECT_EQ(zelTimerDelete(timer, &head), 0);
+}
+
 TEST_F(TimerHead, IsSharedByTasks) {
     const auto count = [](intptr_t calls) { ++*reinterpret_cast<std::atomic<int> *>(calls); };
     std::atomic<int> calls{0}, busy{3};
