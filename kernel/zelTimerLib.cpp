@@ -82,27 +82,30 @@ zelTimer *findDue(zelTmrHead &head, std::uint64_t now) {
     return nullptr;
 }
 
-// Holds a head's guard, if it has one; not held when that was deleted. A task is not suspended while it holds one, and
-// gives it when it is cancelled.
+// Holds a head's guard, if it has one; not held when that was deleted, or the head destroyed before the guard was had.
+// A task is not suspended while it holds one, and gives it when it is cancelled.
 class Guard {
 public:
-    explicit Guard(zelTmrHead &head) : semaphore_(head.guard) {
-        if (semaphore_ == 0) return;
-        section_.emplace();
-        isHeld_ = semTake(semaphore_, WAIT_FOREVER) == ZEL_OK;
+    explicit Guard(zelTmrHead &head) : semaphore_(__atomic_load_n(&head.guard, __ATOMIC_ACQUIRE)) {
+        if (semaphore_ != 0) {
+            section_.emplace();
+            isTaken_ = semTake(semaphore_, WAIT_FOREVER) == ZEL_OK;
+        }
+        isDestroyed_ = __atomic_load_n(&head.releaseRoutine, __ATOMIC_RELAXED) == nullptr;
     }
     ~Guard() {
-        if (semaphore_ != 0 && isHeld_) semGive(semaphore_);
+        if (isTaken_) semGive(semaphore_);
     }
     Guard(const Guard &) = delete;
     Guard &operator=(const Guard &) = delete;
 
-    explicit operator bool() const { return isHeld_; }
+    explicit operator bool() const { return !isDestroyed_ && (isTaken_ || semaphore_ == 0); }
 
 private:
     const zelSemId semaphore_;
     std::optional<KernelSection> section_;
-    bool isHeld_ = true;
+    bool isTaken_ = false;
+    bool isDestroyed_ = false;
 };
 
 // Takes a record off the list of firing timers; false when it is not there, and perhaps no more.
@@ -164,7 +167,7 @@ struct Unlinked {
 // Runs `change` with the guard held.
 template <class Change>
 int with(zelTimer *timer, zelTmrHead *head, Change change) {
-    if (timer == nullptr || head == nullptr || head->releaseRoutine == nullptr) return ZEL_ERROR;
+    if (timer == nullptr || head == nullptr) return ZEL_ERROR;
     const Guard guard(*head);
     return guard ? change(*head, *timer) : ZEL_ERROR;
 }
@@ -264,13 +267,18 @@ int zelTmrHeadDestroy(zelTmrHead *head) {
     if (head == nullptr) return ZEL_ERROR;
     cancellationPoint();
     const platform::NoCancellation whole;
-    if (head->guard != 0) {
-        // Given first: a guard that nobody will give any more does not hold this up.
-        semGive(head->guard);
-        semTake(head->guard, WAIT_FOREVER);
+    const zelSemId guard = head->guard;
+    if (guard != 0) {
+        // Given first: a guard that nobody will give any more does not hold this up. Who held it may give it once more.
+        semGive(guard);
+        semTake(guard, WAIT_FOREVER);
+        semTake(guard, ZEL_NO_WAIT);
     }
     forgetAll(*head);
-    if (head->guard != 0) semDelete(head->guard);
+    // In this order: whoever finds no guard finds the head destroyed.
+    __atomic_store_n(&head->releaseRoutine, nullptr, __ATOMIC_RELAXED);
+    __atomic_store_n(&head->guard, 0, __ATOMIC_RELEASE);
+    if (guard != 0) semDelete(guard);
     *head = {};
     return ZEL_OK;
 }
@@ -294,12 +302,15 @@ zelTimer *zelTimerCreate(zelTmrCb callback, intptr_t argument, uint32_t seconds,
 
 zelTimer *zelTickTimerCreate(zelTmrCb callback, intptr_t argument, uint32_t seconds, uint32_t ticks, int type,
                              zelTmrHead *head) {
-    if (callback == nullptr || head == nullptr || head->allocRoutine == nullptr) return nullptr;
-    void *memory = head->allocRoutine(sizeof(zelTimer), callback, argument, seconds, ticks, type, head);
+    if (callback == nullptr || head == nullptr) return nullptr;
+    const zelTmrAllocFn allocRoutine = head->allocRoutine;
+    const zelTmrFreeFn releaseRoutine = head->releaseRoutine;
+    if (allocRoutine == nullptr || releaseRoutine == nullptr) return nullptr;
+    void *memory = allocRoutine(sizeof(zelTimer), callback, argument, seconds, ticks, type, head);
     if (memory == nullptr) return nullptr;
     auto *timer = new (memory)
         zelTimer{.callback = callback, .argument = argument, .period = seconds, .extraTicks = ticks, .type = type};
-    Unlinked mine{head->releaseRoutine, timer};
+    Unlinked mine{releaseRoutine, timer};
     if (zelTimerEnable(timer, head) != ZEL_OK) return nullptr;
     mine.timer = nullptr;
     return timer;

@@ -536,7 +536,9 @@ int zelTmrHeadInit(zelTmrHead *head, zelTmrAllocFn allocRoutine, zelTmrFreeFn re
                    uint32_t limit);
 /* Deletes the guard and clears the head. Timers that were not flushed are disabled but not released: their owner may
  * enable them in a head that was made since, delete them there when it has the same release routine, or release them.
- * Records that are linked must be there until then. May block. */
+ * Records that are linked must be there until then. A guard that is held is forced open: no other task may be inside a
+ * call for the head, or begin one before the head is made again; one that waits for the guard has it before, or fails.
+ * May block. */
 int zelTmrHeadDestroy(zelTmrHead *head);
 /* Deletes every timer that is linked, or periodic and in its callback. */
 int zelTmrFlushAll(zelTmrHead *head);

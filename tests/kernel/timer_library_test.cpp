@@ -269,6 +269,17 @@ TEST_F(TimerHead, LetsGoOfItsTimersWhenDestroyed) {
     for (zelTimer *timer : timers) EXPECT_EQ(zelTimerDelete(timer, &head), 0);
 }
 
+TEST_F(TimerHead, IsLookedForAgainWithTheGuard) {
+    zelTmrHead brief{};
+    ASSERT_EQ(zelTmrHeadInit(&brief, nullptr, FailingAllocator::release, 1, 0), 0);
+    brief.allocRoutine = [](size_t size, zelTmrCb, intptr_t, uint32_t, uint32_t, int, zelTmrHead *its) {
+        EXPECT_EQ(zelTmrHeadDestroy(its), 0);
+        return FailingAllocator::allocate(size);
+    };
+    EXPECT_EQ(zelTimerCreate(nothing, 0, 1, 0, &brief), nullptr);
+    EXPECT_EQ(FailingAllocator::live(), 0);
+}
+
 TEST_F(TimerHead, IsSharedByTasks) {
     const auto count = [](intptr_t calls) { ++*reinterpret_cast<std::atomic<int> *>(calls); };
     std::atomic<int> calls{0}, busy{3};
