@@ -10,10 +10,10 @@
 //
 // A timer that fires is unlinked first, and its callback and argument are copied in the same hold, so that another
 // task, or the callback, may delete it at any time. Meanwhile its record stands in the head's list of firing timers,
-// chained through the links that the heap does not use then. Whoever links, disables or deletes the timer takes it off
-// that list; so when the callback returns, a record that is still on it is alive, and the loop's to link again. The
-// list is searched for the address alone: a record that is not there may have been released. A task that is deleted in
-// a callback leaves the record on the list, where it does no harm.
+// linked again or not. Whoever deletes the timer takes it off that list; so when the callback returns, a record that is
+// still on it is alive, and the loop's to link again. The list is searched for the address alone: a record that is not
+// there may have been released. A task that is deleted in a callback leaves the record on the list, where it does no
+// harm: it may fire and leave the list then.
 #include <algorithm>
 #include <new>
 #include <optional>
@@ -26,7 +26,8 @@
 #include "zel/platform.h"
 
 struct zelTimer {
-    zel::HeapLinks<zelTimer> links{};  // while it fires: `next` is the next on the list of firing timers
+    zel::HeapLinks<zelTimer> links{};
+    zelTimer *nextFiring = nullptr;
     zelTick_t expiry{};
     zelTmrCb callback;
     intptr_t argument;
@@ -110,10 +111,10 @@ private:
 
 // Takes a record off the list of firing timers; false when it is not there, and perhaps no more.
 bool stopFiring(zelTmrHead &head, const zelTimer *timer) {
-    for (zelTimer **link = &head.firing; *link != nullptr; link = &(*link)->links.next) {
+    for (zelTimer **link = &head.firing; *link != nullptr; link = &(*link)->nextFiring) {
         if (*link != timer) continue;
         zelTimer &found = **link;
-        *link = found.links.next;
+        *link = found.nextFiring;
         found.isFiring = 0;
         return true;
     }
@@ -121,14 +122,14 @@ bool stopFiring(zelTmrHead &head, const zelTimer *timer) {
 }
 
 void startFiring(zelTmrHead &head, zelTimer &timer) {
+    if (timer.isFiring) return;
     timer.isFiring = 1;
-    timer.links.next = head.firing;
+    timer.nextFiring = head.firing;
     head.firing = &timer;
 }
 
 int linkTimer(zelTmrHead &head, zelTimer &timer) {
     if (timer.isLinked) return ZEL_ERROR;
-    if (timer.isFiring) stopFiring(head, &timer);
     const std::uint64_t delay = std::uint64_t{timer.period} * platform::ticksPerSecond + timer.extraTicks;
     timer.expiry = tickOf(zelTimerTickGet() + delay);
     insert(head, timer);
@@ -142,7 +143,7 @@ void unlinkTimer(zelTmrHead &head, zelTimer &timer) {
     timer.isLinked = 0;
 }
 
-// Nothing of the head knows the timer any more.
+// Nothing of the head knows the timer any more, or will link it.
 void forget(zelTmrHead &head, zelTimer &timer) {
     unlinkTimer(head, timer);
     if (timer.isFiring) stopFiring(head, &timer);
@@ -191,11 +192,15 @@ Shot takeDue(zelTmrHead &head, std::uint64_t now) {
     return {timer, timer->callback, timer->argument};
 }
 
-// After the callback: a periodic timer comes back unless somebody disabled, started or deleted it.
-void finish(zelTmrHead &head, zelTimer *timer) {
+bool comesBack(const zelTimer &timer) {
+    return timer.type == ZEL_TIMER_PERIODIC && timer.isEnabled;
+}
+
+// After the callback: a periodic timer comes back as it fired, unless somebody disabled, linked or deleted it.
+void finish(zelTmrHead &head, const Shot &shot) {
     const Guard guard(head);
-    if (!guard || !stopFiring(head, timer)) return;
-    if (timer->type == ZEL_TIMER_PERIODIC && timer->isEnabled) linkTimer(head, *timer);
+    if (!guard || !stopFiring(head, shot.timer)) return;
+    if (comesBack(*shot.timer) && linkTimer(head, *shot.timer) == ZEL_OK) shot.timer->callback = shot.callback;
 }
 
 // Fires what is due by present(), at most `most` timers unless that is 0, and calls afterEach(fired so far).
@@ -206,7 +211,7 @@ int fireDue(zelTmrHead &head, std::uint32_t most, Present present, AfterEach aft
         const Shot shot = takeDue(head, present());
         if (shot.timer == nullptr) break;
         shot.callback(shot.argument);
-        finish(head, shot.timer);
+        finish(head, shot);
         afterEach(++fired);
     }
     return static_cast<int>(fired);
@@ -223,7 +228,7 @@ zelTimer *takeAny(zelTmrHead &head) {
     if (!guard) return nullptr;
     zelTimer *timer = findDue(head, UINT64_MAX);
     if (timer == nullptr)
-        for (timer = head.firing; timer != nullptr && timer->type != ZEL_TIMER_PERIODIC;) timer = timer->links.next;
+        for (timer = head.firing; timer != nullptr && !comesBack(*timer);) timer = timer->nextFiring;
     if (timer != nullptr) forget(head, *timer);
     return timer;
 }
@@ -341,16 +346,20 @@ int zelTimerEnable(zelTimer *timer, zelTmrHead *head) {
 
 int zelTimerDisable(zelTimer *timer, zelTmrHead *head) {
     return with(timer, head, [](zelTmrHead &its, zelTimer &found) {
-        forget(its, found);
+        unlinkTimer(its, found);
+        found.isEnabled = 0;
         return ZEL_OK;
     });
 }
 
 int zelTimerDelete(zelTimer *timer, zelTmrHead *head) {
     const zelTmrFreeFn releaseRoutine = head != nullptr ? head->releaseRoutine : nullptr;
-    if (zelTimerDisable(timer, head) != ZEL_OK) return ZEL_ERROR;
-    releaseRoutine(timer);
-    return ZEL_OK;
+    const int result = with(timer, head, [](zelTmrHead &its, zelTimer &found) {
+        forget(its, found);
+        return ZEL_OK;
+    });
+    if (result == ZEL_OK) releaseRoutine(timer);
+    return result;
 }
 
 int zelTimerLink(zelTimer *timer, zelTmrHead *head) {

@@ -492,7 +492,8 @@ void process_vx2bsd_timer_list(void);
  * its timer unlinked.
  *
  * A timer is linked, and fires when it is due, from its creation, setting or enabling until it fires or is disabled. A
- * periodic one is linked again after its callback, unless that disabled, set or deleted it. Calls return 0 unless
+ * periodic one is linked again after its callback, with the callback that fired, when it is still enabled and not
+ * linked then: one that its own callback set keeps what was set, unless that unlinked it again. Calls return 0 unless
  * described otherwise, or -1 without effect when the head, the timer or the callback is null, or the head is destroyed
  * meanwhile; those that create return null.
  */
@@ -540,7 +541,7 @@ int zelTmrHeadInit(zelTmrHead *head, zelTmrAllocFn allocRoutine, zelTmrFreeFn re
  * call for the head, or begin one before the head is made again; one that waits for the guard has it before, or fails.
  * May block. */
 int zelTmrHeadDestroy(zelTmrHead *head);
-/* Deletes every timer that is linked, or periodic and in its callback. */
+/* Deletes every timer that is linked, or that comes back after the callback which runs. */
 int zelTmrFlushAll(zelTmrHead *head);
 /* 1 when no timer is linked, else 0. */
 int zelTmrTreeEmpty(zelTmrHead *head);

@@ -33,6 +33,7 @@ struct Timer {
     class TimersOfADay *day;
     zelTimer *timer = nullptr;  // null when it was deleted
     uint64_t delay = 0, expiry = 0;
+    bool isOther = false;  // of two callbacks
     bool isPeriodic = false, isEnabled = true, isLinked = false;
 };
 
@@ -68,7 +69,6 @@ protected:
     void unlink(Timer &timer) {
         if (timer.isLinked) linked.erase(&timer);
         timer.isLinked = false;
-        if (firing == &timer) firing = nullptr;
     }
 
     void create() {
@@ -79,7 +79,7 @@ protected:
         const uint32_t ticks = randomDelay(*timer, seconds);
         FailingAllocator::failAt(random() % 10 == 0);
         timer->timer =
-            zelTickTimerCreate(fire, reinterpret_cast<intptr_t>(timer.get()), seconds, ticks,
+            zelTickTimerCreate(fire<false>, reinterpret_cast<intptr_t>(timer.get()), seconds, ticks,
                                timer->isPeriodic ? ZEL_TIMER_PERIODIC : static_cast<int>(random() % 3), &head);
         ASSERT_EQ(timer->timer == nullptr, FailingAllocator::hasFailed());
         FailingAllocator::failAt(0);
@@ -91,11 +91,13 @@ protected:
         unlink(timer);
         uint32_t seconds;
         uint32_t ticks = randomDelay(timer, seconds);
+        timer.isOther = random() % 2;
+        const zelTmrCb callback = timer.isOther ? fire<true> : fire<false>;
         if (seconds == 0 || random() % 2) {
-            ASSERT_EQ(zelTickTimerSet(timer.timer, seconds, ticks, fire, &head), 0);
+            ASSERT_EQ(zelTickTimerSet(timer.timer, seconds, ticks, callback, &head), 0);
         } else {
             timer.delay = seconds * 50;
-            ASSERT_EQ(zelTimerSet(timer.timer, seconds, fire, &head), 0);
+            ASSERT_EQ(zelTimerSet(timer.timer, seconds, callback, &head), 0);
         }
         timer.isEnabled = true;
         link(timer);
@@ -104,18 +106,21 @@ protected:
         const bool enables = random() % 2;
         ASSERT_EQ((enables ? zelTimerEnable : zelTimerLink)(timer.timer, &head), timer.isLinked ? -1 : 0);
         timer.isEnabled |= enables;
-        if (timer.isLinked) return;
-        unlink(timer);
-        link(timer);
+        if (!timer.isLinked) link(timer);
     }
     void disable(Timer &timer) {
         ASSERT_EQ(zelTimerDisable(timer.timer, &head), 0);
         unlink(timer);
         timer.isEnabled = false;
     }
+    void takeOut(Timer &timer) {
+        ASSERT_EQ(zelTimerUnlink(timer.timer, &head), 0);
+        unlink(timer);
+    }
     void remove(Timer &timer) {
         ASSERT_EQ(zelTimerDelete(timer.timer, &head), 0);
         unlink(timer);
+        if (firing == &timer) firing = nullptr;
         timer.timer = nullptr;
         std::erase_if(timers,
                       [&](auto &each) { return each.get() == &timer && (deleted.push_back(std::move(each)), true); });
@@ -131,10 +136,8 @@ protected:
                 return disable(some);
             case 3:
                 return enable(some);
-            case 4:  // leaves a timer that fires where it is
-                ASSERT_EQ(zelTimerUnlink(some.timer, &head), 0);
-                if (some.isLinked) unlink(some);
-                return;
+            case 4:
+                return takeOut(some);
             default:
                 return set(some);
         }
@@ -142,11 +145,16 @@ protected:
 
     // What the loop does after a callback.
     void finish() {
-        if (firing && firing->isPeriodic && firing->isEnabled) link(*firing);
+        if (firing && firing->isPeriodic && firing->isEnabled && !firing->isLinked) {
+            firing->isOther = firedOther;
+            link(*firing);
+        }
         firing = nullptr;
     }
+    template <bool isOther>
     static void fire(intptr_t argument) {
         auto *timer = reinterpret_cast<Timer *>(argument);
+        ASSERT_EQ(timer->isOther, isOther);
         timer->day->fireInModel(*timer);
     }
     void fireInModel(Timer &timer) {
@@ -157,9 +165,11 @@ protected:
         ASSERT_LE(timer.expiry, rereads ? zelTimerTickGet() : now);
         unlink(timer);
         firing = &timer;
+        firedOther = timer.isOther;
         if (random() % 4 == 0) taskDelay(static_cast<int>(random() % 60));
         for (int i = static_cast<int>(random() % 3); i > 0; --i) act();
         if (random() % 4 == 0 && timer.timer) random() % 2 ? remove(timer) : set(timer);
+        if (random() % 4 == 0 && timer.timer) random() % 2 ? disable(timer) : takeOut(timer);
     }
 
     void process() {
@@ -183,7 +193,7 @@ protected:
     std::set<Timer *, InOrder> linked;
     Timer *firing = nullptr;
     uint64_t now = 0;
-    bool rereads = false;
+    bool rereads = false, firedOther = false;
     int fired = 0, steps = 0;
 };
 
