@@ -222,15 +222,15 @@ std::uint32_t tighter(std::uint32_t a, std::uint32_t b) {
     return a == 0 || b == 0 ? a + b : std::min(a, b);
 }
 
-// Unlinks a timer that would fire some time; null when there is none.
-zelTimer *takeAny(zelTmrHead &head) {
+// Unlinks a timer that would fire some time; null when there is none. False when the guard cannot be had.
+bool takeAny(zelTmrHead &head, zelTimer *&timer) {
     const Guard guard(head);
-    if (!guard) return nullptr;
-    zelTimer *timer = findDue(head, UINT64_MAX);
+    if (!guard) return false;
+    timer = findDue(head, UINT64_MAX);
     if (timer == nullptr)
         for (timer = head.firing; timer != nullptr && !comesBack(*timer);) timer = timer->nextFiring;
     if (timer != nullptr) forget(head, *timer);
-    return timer;
+    return true;
 }
 
 }  // namespace
@@ -291,8 +291,12 @@ int zelTmrHeadDestroy(zelTmrHead *head) {
 int zelTmrFlushAll(zelTmrHead *head) {
     if (head == nullptr) return ZEL_ERROR;
     const zelTmrFreeFn releaseRoutine = head->releaseRoutine;
-    while (zelTimer *timer = takeAny(*head)) releaseRoutine(timer);
-    return ZEL_OK;
+    zelTimer *timer = nullptr;
+    while (takeAny(*head, timer)) {
+        if (timer == nullptr) return ZEL_OK;
+        releaseRoutine(timer);
+    }
+    return ZEL_ERROR;
 }
 
 int zelTmrTreeEmpty(zelTmrHead *head) {

@@ -494,8 +494,8 @@ void process_vx2bsd_timer_list(void);
  * A timer is linked, and fires when it is due, from its creation, setting or enabling until it fires or is disabled. A
  * periodic one is linked again after its callback, with the callback that fired, when it is still enabled and not
  * linked then: one that its own callback set keeps what was set, unless that unlinked it again. Calls return 0 unless
- * described otherwise, or -1 without effect when the head, the timer or the callback is null, or the head is destroyed
- * meanwhile; those that create return null.
+ * described otherwise, or -1 without effect when the head, the timer or the callback is null, the head is destroyed, or
+ * its guard was deleted; those that create return null.
  */
 
 /* Time in ticks, high word first. */
@@ -543,7 +543,7 @@ int zelTmrHeadInit(zelTmrHead *head, zelTmrAllocFn allocRoutine, zelTmrFreeFn re
 int zelTmrHeadDestroy(zelTmrHead *head);
 /* Deletes every timer that is linked, or that comes back after the callback which runs. */
 int zelTmrFlushAll(zelTmrHead *head);
-/* 1 when no timer is linked, else 0. */
+/* 1 when no timer is linked, the head is null or destroyed, or its guard was deleted; else 0. */
 int zelTmrTreeEmpty(zelTmrHead *head);
 
 /* A new timer that calls callback(argument) after `seconds` and `ticks`; it is counted from the tick that has begun.
@@ -568,7 +568,8 @@ int zelTimerUnlink(zelTimer *timer, zelTmrHead *head);
 /* Calls the callbacks of the timers that are due now, in the order of their expiry, those of one tick in the order of
  * their records' addresses; how many. What becomes due meanwhile waits for the next call; a periodic timer counts its
  * next period from the end of its callback. One with a period of 0 fires again and again until the tick has passed.
- * One task at a time calls this for a head. */
+ * One task at a time calls this for a head. -1 for a null head only: one that is destroyed, or whose guard was deleted,
+ * has nothing due. */
 int zelProcTimers(zelTmrHead *head);
 /* The same with the time read again after each callback, so that it ends when nothing is due any more, or after
  * `maxFired` callbacks when that is not 0; without that, a periodic timer with a period of 0 keeps it for ever. Once

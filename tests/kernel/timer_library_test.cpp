@@ -243,7 +243,7 @@ TEST_F(TimerHead, RefusesNullAndADestroyedHead) {
         for (const auto call : {zelTimerEnable, zelTimerDisable, zelTimerDelete, zelTimerLink, zelTimerUnlink})
             EXPECT_EQ(call(timer, none) + call(nullptr, &head), -2);
         EXPECT_EQ(zelProcTimers(none), none ? 0 : -1);
-        EXPECT_EQ(zelTmrFlushAll(none), none ? 0 : -1);
+        EXPECT_EQ(zelTmrFlushAll(none), -1);
         EXPECT_EQ(zelTmrTreeEmpty(none), 1);
     }
     EXPECT_LT(zelTmrCompare(nullptr, timer), 0);
@@ -277,6 +277,15 @@ TEST_F(TimerHead, LetsGoOfItsTimersWhenDestroyed) {
     EXPECT_EQ(zelTmrTreeEmpty(&head), 1);
     EXPECT_EQ(zelTimerEnable(timers[1], &head), 0);
     for (zelTimer *timer : timers) EXPECT_EQ(zelTimerDelete(timer, &head), 0);
+}
+
+TEST_F(TimerHead, KeepsItsTimersWithoutItsGuard) {
+    zelTimer *timer = zelTimerCreate(nothing, 0, 0, 0, &head);
+    semDelete(head.guard);
+    EXPECT_EQ(zelTmrFlushAll(&head), -1);
+    EXPECT_EQ(zelProcTimers(&head), 0);
+    EXPECT_EQ(zelTmrHeadDestroy(&head), 0);
+    zelTimerLibFree(timer);
 }
 
 TEST_F(TimerHead, IsLookedForAgainWithTheGuard) {
