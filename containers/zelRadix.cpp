@@ -86,7 +86,8 @@ std::uint32_t comparand(const zelRadix *tree, const std::uint8_t *key, std::uint
     }
 }
 
-// The node for this very prefix exists: it has a live entry, a marked one, or only forks.
+// The node for this very prefix exists: it has a live entry, a marked one, or only forks. While a marked one is handed
+// over, its node stays marked: there is a key to compare with, and look-ups miss.
 zelRadixEntry *takeNode(zelRadix *tree, std::uint32_t number, zelRadixEntry *entry) {
     zelRadixNode *node = at(tree, number);
     zelRadixEntry *old = node->rtn_entry;
@@ -94,10 +95,10 @@ zelRadixEntry *takeNode(zelRadix *tree, std::uint32_t number, zelRadixEntry *ent
     if (old != entry) {
         if (old) forgetChange(tree, old);
         settle(tree, number, entry);
+        if (old) handOver(tree, old);
         if (!old) indexNode(tree, number, entry->rth_key);
     }
     node->rtn_flags &= static_cast<std::uint8_t>(~ZEL_RADIX_DELETED);
-    if (old && old != entry) handOver(tree, old);
     return entry;
 }
 

@@ -387,5 +387,23 @@ TEST(RadixWalks, reportThatTheyHaveNothingToCall) {
     zelRadixDestroy(tree);
 }
 
+TEST(RadixEntry, isHandedOverBeforeItsSuccessorIsFound) {
+    static zelRadix *tree;
+    static int handedOverEntries = 0;
+    tree = zelRadixCreate("successor", 32, nullptr, nullptr, [](zelRadixEntry *) {
+        ++handedOverEntries;
+        EXPECT_EQ(zelRadixGetExact(tree, ten, 8), nullptr);
+        EXPECT_EQ(zelRadixGetBest(tree, ten, 32), nullptr);
+    });
+    tree->rtt_versioning = 1;
+    zelRadixEntry first = wildEntry(), second = wildEntry();
+    zelRadixInsert(tree, &first, 8);
+    zelRadixRemove(tree, &first);
+    EXPECT_EQ(zelRadixInsert(tree, &second, 8), &second);
+    EXPECT_EQ(handedOverEntries, 1);
+    EXPECT_EQ(zelRadixGetExact(tree, ten, 8), &second);
+    zelRadixDestroy(tree);
+}
+
 }  // namespace
 }  // namespace zel::test
