@@ -126,7 +126,7 @@ struct zelRadicalWalk {
 };
 
 void zelRadixSetVersion(zelRadix *tree, zelRadixEntry *entry, uint32_t version) {
-    if (!isEntryOf(tree, entry)) return;
+    if (!isEntryOf(tree, entry) || entry->rth_change.link.next) return;
     entry->rth_change.version = version;
     raise(tree, numberOf(tree, entry->rtn), version);
 }

@@ -402,6 +402,9 @@ TEST(RadixEntry, isHandedOverBeforeItsSuccessorIsFound) {
     EXPECT_EQ(zelRadixInsert(tree, &second, 8), &second);
     EXPECT_EQ(handedOverEntries, 1);
     EXPECT_EQ(zelRadixGetExact(tree, ten, 8), &second);
+    // The list of changes goes by its entries' versions: nobody sets those.
+    zelRadixSetVersion(tree, &second, 77);
+    EXPECT_EQ(second.rth_change.version, 1u);
     zelRadixDestroy(tree);
 }
 
