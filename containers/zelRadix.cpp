@@ -13,8 +13,10 @@
 // A marked entry hides the shorter prefixes from best match on purpose: readers of the old version must not see a route
 // change its meaning before the version passes.
 //
-// A tree in shared memory may lose its writer at any moment. Each insertion and removal therefore takes effect by one
-// store (see `publish`), before and after which readers, who descend and climb, find a whole tree.
+// A tree in shared memory may lose its writer at any moment. Insertion and removal therefore change what look-ups
+// descend by with one store (see `publish`): look-ups after the writer's death find a whole tree, with that change or
+// without it; by a side index, with it for some keys. That is all that holds. Counts, parent links, unused nodes, the
+// list of changes and an index being built may be half done: the next writer builds the tree anew.
 #include <atomic>
 #include <cstring>
 

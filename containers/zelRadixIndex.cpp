@@ -84,8 +84,9 @@ void indexWhenLarge(zelRadix *tree) {
 }
 
 void dropIndex(zelRadix *tree) {
-    if (tree->rtt_index) tree->rtt_free(tree->rtt_index);
+    std::uint32_t *index = tree->rtt_index;
     tree->rtt_index = nullptr;
+    if (index) tree->rtt_free(index);
 }
 
 }  // namespace zel::containers

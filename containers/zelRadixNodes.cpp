@@ -25,10 +25,11 @@ bool widenTables(zelRadix *tree) {
         slabs[i] = tree->rtt_slabs[i];
         newest[i] = tree->rtt_newest[i];
     }
-    if (tree->rtt_slabs) tree->rtt_free(tree->rtt_slabs);
+    zelRadixNode **outgrown = tree->rtt_slabs;
     tree->rtt_slabs = slabs;
     tree->rtt_newest = newest;
     tree->rtt_slab_room = room;
+    if (outgrown) tree->rtt_free(outgrown);
     return true;
 }
 
