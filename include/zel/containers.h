@@ -235,8 +235,8 @@ struct zelRBTree {
     uint32_t numinodes;     /* nodes now in the tree */
     uint32_t rbtt_inserts;  /* insertions ever made */
     uint32_t rbtt_removes;  /* removals ever made */
-    uint32_t rbtt_allocs;   /* nodes obtained from rbtt_alloc */
-    uint32_t rbtt_releases; /* nodes given to rbtt_free */
+    uint32_t rbtt_allocs;   /* nodes ever taken, one by one or from a block of many */
+    uint32_t rbtt_releases; /* nodes ever given back, likewise */
     zelRBNode rbtt_nil;     /* black; its links point at itself */
     uint32_t rbtt_kind;     /* ZEL_RBTREE_UNSIGNED, ZEL_RBTREE_SIGNED, or 0 for the caller's comparator */
     void *rbtt_slabs;       /* of a tree with the default allocation: where nodes come from, */
@@ -256,10 +256,11 @@ zelRBTree *zelRBTreeCreate(const char *name, uint32_t keyOffset, uint32_t keyLen
                            zelFreeFn freeFn, zelRBTreeCompareFn compareFn);
 /* Frees the header, and no nodes but those of the default allocation: the caller empties the tree first. */
 void zelRBTreeDestroy(zelRBTree *tree);
-/* The same with the header in shared memory, from zelMC_MM_calloc. A tree that processes share takes functions that
- * allocate there, too. It holds addresses of functions, so processes other than the creator insert, remove, and use a
- * caller's comparator only where the same code is mapped at the same place; look-ups with a built-in comparator work
- * everywhere. Whoever shares the tree serialises access to it. */
+/* The same with the header in shared memory, from zelMC_MM_calloc. Links are addresses: only processes that map the
+ * memory at the creator's address use the tree. One that they share takes functions that allocate there, too; null ones
+ * put nodes into the creator's private memory. It also holds addresses of functions, so processes other than the
+ * creator insert, remove, and use a caller's comparator only where the same code is mapped at the same place; look-ups
+ * with a built-in comparator do without. Whoever shares the tree serialises access to it. */
 zelRBTree *zelRBTreeShmCreate(const char *name, uint32_t keyOffset, uint32_t keyLength, zelAllocFn allocFn,
                               zelFreeFn freeFn, zelRBTreeCompareFn compareFn);
 void zelRBTreeShmDestroy(zelRBTree *tree);
@@ -281,7 +282,8 @@ void *zelRBTreeGetNext(zelRBTree *tree, const void *key);
 /* Calls `visit` for the records from the exact-or-next one of `start` on, in key order, or with ZEL_RBTREE_PREORDER in
  * `flags` each before its sub-trees; a null `start` begins at the beginning. Ends early when `visit` returns non-zero,
  * and after `maximum` records unless that is 0. Returns the record visited last when it ended early, from which a later
- * call may resume (that one is visited again), and null when it ran to the end. `visit` must not change the tree. */
+ * call may resume where keys are unique (that one is visited again), and null when it ran to the end. `visit` must not
+ * change the tree. */
 void *zelRBTreeWalk(zelRBTree *tree, const void *start, int (*visit)(zelRBTree *tree, void *data, void *arg),
                     uint32_t maximum, uint32_t flags, void *arg);
 
@@ -433,7 +435,7 @@ struct zelRadix {
     uint32_t rtt_root;     /* number of the root, 0 when empty */
     uint32_t rtt_inserts;  /* insert calls */
     uint32_t rtt_nodes;    /* nodes now in the tree */
-    uint32_t rtt_released; /* entries handed to the deleted-entry callback */
+    uint32_t rtt_released; /* marked entries that left the tree, and were handed to the deleted-entry callback if any */
     uint16_t rtt_maxbits;
     uint8_t
         rtt_strict; /* 1 from creation: keys longer than rtt_maxbits are refused, and a refused entry's links cleared */
@@ -463,16 +465,19 @@ static inline zelRadixNode *zelRadixNodeAt(const zelRadix *tree, uint32_t number
 
 /* ---- Life */
 
-/* Creates an empty tree for keys of up to `maxbits` bits. Nodes come from `allocFn` and return to `freeFn`; null takes
- * zelRadixMalloc and zelRadixFree. `deletedFn` may be null. The header comes from zelMC_calloc. Null: no memory, or no
- * name. */
+/* Creates an empty tree for keys of up to `maxbits` bits. Its memory comes from `allocFn`, which is asked for blocks of
+ * any size, and returns to `freeFn`; null takes zelRadixMalloc and zelRadixFree. `deletedFn` may be null. The header
+ * comes from zelMC_calloc. Null: no memory, or no name. */
 zelRadix *zelRadixCreate(const char *name, uint16_t maxbits, zelAllocFn allocFn, zelFreeFn freeFn,
                          zelRadixDeletedFn deletedFn);
-/* Releases the tree's memory; entries are not touched, so they may have been freed before. Walks of the change list are
- * destructed first. */
+/* Releases the tree's memory; entries are not touched, so they may have been freed before. The caller destructs
+ * the walks of the change list first. */
 void zelRadixDestroy(zelRadix *tree);
-/* The same for a header that the caller provides, in shared memory for one, and keeps where it is. 0, or -1 without a
- * name. */
+/* The same for a header that the caller provides, in shared memory for one, and keeps where it is. Processes share a
+ * tree only when all of them map its memory at the same address and are of the same build, and when `allocFn`, entries
+ * and keys are of that memory. Look-ups and walks call no function that the header names; insertion, removal,
+ * zelRadixSetIndex, zelRadixSetVersion, zelRadixUninit and the zelRadical calls do, so only processes in which these
+ * have the same addresses make them. 0, or -1 without a name. */
 int zelRadixInit(zelRadix *tree, const char *name, uint16_t maxbits, zelAllocFn allocFn, zelFreeFn freeFn,
                  zelRadixDeletedFn deletedFn);
 void zelRadixUninit(zelRadix *tree);
@@ -527,7 +532,8 @@ int zelRadixNodeIsLeaf(zelRadix *tree, zelRadixNode *node);
  * two versions the one less than 2^31 ahead is the later; 0 stands before all of them, and for an entry that has none.
  * `visit` may remove the entry it is given. */
 void zelRadixVersionWalk(zelRadix *tree, uint32_t since, zelRadixVisitFn visit, void *context);
-/* Gives an entry of the tree a version of the caller's choice, for the walk above. */
+/* Gives an entry of the tree a version of the caller's choice, for the walk above. An entry in the list of changes
+ * keeps the version of its change. */
 void zelRadixSetVersion(zelRadix *tree, zelRadixEntry *entry, uint32_t version);
 /* Notes that an entry of the tree changed in the open version. Insertion and removal do so themselves. */
 void zelRadicalAppendToChangeList(zelRadix *tree, zelRadixEntry *entry);
@@ -690,7 +696,8 @@ zelAvlNode *zelAvlGetExact(avlcb *control, const void *key, zelAvlNode **root);
 /* The node behind `node`, which must be in the tree, in key order; null starts at the first. Null at the end. Takes
  * logarithmic time. */
 zelAvlNode *zelAvlGetNext(avlcb *control, zelAvlNode *node, zelAvlNode **root);
-/* Removes every node and hands it to the control block's release function, which may use the tree. */
+/* Removes every node and hands it to the control block's release function, which may use the tree; where that is null,
+ * frees it with zelMC_free, so nodes then are of the checking allocator. */
 void zelAvlDeleteTree(avlcb *control, zelAvlNode **root);
 
 /* ==== Table of large keys =========================================================================================
