@@ -45,7 +45,7 @@ void printPool(PoolSet &set, std::uint32_t number, const char *headline) {
     if (!gather(set, number, stats, pcb, nullptr, 0)) return;
     const std::unique_ptr<PageLine[]> lines(new (std::nothrow) PageLine[stats.pages]);
     const std::uint32_t capacity = lines ? stats.pages : 0;
-    gather(set, number, stats, pcb, lines.get(), capacity);
+    if (!gather(set, number, stats, pcb, lines.get(), capacity)) return;
     printf(headline, static_cast<int>(number), stats.name, pcb);
     printf("Total pages      : %10d\n", static_cast<int>(stats.pages));
     printf("ChnkSize         : %10d\n", static_cast<int>(stats.chunkSize));
