@@ -4,7 +4,7 @@
 // The header ends in a check word made of all it says and of where it stands. A block whose check word does not fit is
 // not given to the heap: it was freed before, never came from here, or was written to in front of its first byte.
 // Whoever frees a block takes the check word away first, in one step, so of two threads with the same block one is
-// refused. Whoever frees such a block is told on standard error, which is all that may be done here: callers hold
+// refused. Whoever is refused is told on standard error, which is all that may be done here: callers hold
 // locks, and printing allocates.
 //
 // Headers of foreign blocks and of blocks freed before are read on purpose, hence outside the sanitizers' sight.

@@ -14,7 +14,7 @@
  *
  * A partition made with `locking` may be used by any thread: its fixed and its variable pools each have a mutex, held
  * for moments and released when the thread is cancelled. Otherwise the caller serialises. Nothing here waits for
- * anything else, and nothing is a cancellation point.
+ * anything else, and only what reports, traces or lists, which is written with nothing held, is a cancellation point.
  *
  * A pool identifier has the partition in its upper 16 bits and the pool in its lower ones. Calls that return an int
  * return 0, or -1 with the error number: ZEL_ERR_INVALID_OBJECT_ID, no such partition or pool, or a bad block;
@@ -34,9 +34,12 @@ extern "C" {
 #endif
 #pragma GCC visibility push(default)
 
-/* The pool of the system log. Failures to allocate from it are printed as errors of module MEMMGR; all others are
- * raised as system error ZEL_EVENT_MEMORY, whose words are the addresses of the texts "zelMemMgmt" and of a function's
- * name, then the pool identifier and the size. */
+/* The pool of the system log, in partition 28: the host program creates both. Failures to allocate from it are printed
+ * as errors of module MEMMGR; all others are raised as system error ZEL_EVENT_MEMORY, whose words are the addresses of
+ * the texts "zelMemMgmt" and of a function's name, then the pool identifier and the size. A damaged chunk raises it
+ * with five words: those two, the addresses of a text that says which part is damaged, "Header", "Trailer" or
+ * "Header/Trailer", and of one that says what was not done, then the address of the block, or of the header of a chunk
+ * that was to be allocated. */
 #define SYS_LOG_POOL 0x1c0000u
 /* The calling process's partition, and its pool with the smallest chunks that suffice. */
 #define ZEL_MEM_BEST_FIT 0xffffffffu

@@ -116,7 +116,8 @@ void zelMC_free(const char *tag, int line, void *block);
 /* What they do by default, also for replacements that only add to it: blocks of the C library's heap, with 16 bytes in
  * front that tell who asked for how much. Freeing or resizing what is no block, was freed before, or was written to in
  * front of its first byte is refused: everything stays as it is, standard error gets a line, and the caller's line
- * counts it; the resized block is null. */
+ * counts it; the resized block is null. What was freed before is recognised as long as the heap keeps its memory and
+ * has not handed it out again; a large block, which the heap unmaps, faults when freed twice. */
 void *zelMemCheckMalloc(const char *tag, int line, size_t bytes);
 void *zelMemCheckCalloc(const char *tag, int line, size_t count, size_t bytes);
 void *zelMemCheckRealloc(const char *tag, int line, void *block, size_t bytes);
