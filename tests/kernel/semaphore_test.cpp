@@ -243,7 +243,7 @@ TEST(SemDelete, IsOverWhenTheLastWaiterHasLeft) {
 // owner or inside its section, and starts again safe as often as it is owner.
 TEST(SemRaces, DeletionAndRestartMeetADeleteSafeMutex) {
     const zelSemId id = semMCreate(ZEL_SEM_DELETE_SAFE);
-    for (int round = 0; round < (isFullRun() ? 20'000 : 200); ++round) {
+    for (int round = 0; round < (isFullRun() ? 4'000 : 200); ++round) {
         std::atomic<bool> runs{false};
         const zelTaskId tid = spawn([&] {
             while (semGive(id) == ZEL_OK) {
@@ -306,7 +306,7 @@ TEST(SemRaces, FlushesReleaseAllAndLoseNoGive) {
     std::deque<TestTask> waiters;
     for (int w = 0; w < 3; ++w)
         waiters.emplace_back([&] {
-            for (int i = isFullRun() ? 100'000 : 500; i > 0; --i) EXPECT_EQ(semTake(id, WAIT_FOREVER), ZEL_OK);
+            for (int i = isFullRun() ? 40'000 : 500; i > 0; --i) EXPECT_EQ(semTake(id, WAIT_FOREVER), ZEL_OK);
             --waiting;
         });
     TestTask flusher([&] {
