@@ -285,8 +285,8 @@ int taskDeleteForce(zelTaskId tid);
 int taskRestart(zelTaskId tid);
 
 /* Makes the calling task delete-safe, and takes that back; the calls nest. A task whose deletion or restart was decided
- * before ends in taskSafe. taskUnsafe may block: where deleters wait, the last one hands the task over to them, and does
- * not return then; a C++ destructor that calls it is noexcept(false). ZEL_OK. */
+ * before ends in taskSafe. taskUnsafe may block: where deleters wait, the last one hands the task over to them, and
+ * does not return then; a C++ destructor that calls it is noexcept(false). ZEL_OK. */
 int taskSafe(void);
 int taskUnsafe(void);
 
