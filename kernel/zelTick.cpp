@@ -143,8 +143,9 @@ int zelSleep(uint32_t seconds, uint32_t milliseconds, int resumeOnSignal) {
     const std::atomic<std::uint32_t> &suspensions = atomicWord(currentTask().suspendWord);
     std::uint32_t suspensionsBefore = suspensions.load();
     while (host.sleepUntil(host.context, deadline) == EINTR) {
-        const bool wasSuspended = suspensions.load() != suspensionsBefore;
-        suspensionsBefore = suspensions.load();
+        const std::uint32_t suspensionsNow = suspensions.load();
+        const bool wasSuspended = suspensionsNow != suspensionsBefore;
+        suspensionsBefore = suspensionsNow;
         if (resumeOnSignal == 0 && !wasSuspended) {
             errno = EINTR;
             return ZEL_ERROR;
