@@ -523,7 +523,7 @@ typedef void (*zelTmrFreeFn)(void *record);
 struct zelTmrHead {
     zelTimer *trees[ZEL_TMR_TREES]; /* each for the expiries that have its index as remainder */
     zelSemId guard;                 /* 0 without one */
-    uint32_t limit;                 /* the most callbacks of one zelProcTimers; 0 for any number */
+    uint32_t limit;                 /* the most callbacks of one call; 0 for any number */
     zelTmrAllocFn allocRoutine;
     zelTmrFreeFn releaseRoutine;
     uint32_t linked;   /* timers in the trees */
@@ -561,7 +561,7 @@ int zelTimerDisable(zelTimer *timer, zelTmrHead *head);
 /* Unlinks and releases the timer. Also a one-shot timer that fired stays the owner's until this. */
 int zelTimerDelete(zelTimer *timer, zelTmrHead *head);
 /* The steps of the calls above: counts the expiry from now and puts the timer in its place, -1 when it is linked
- * already; and takes it out. */
+ * already; and takes it out. A periodic timer that is taken out in its own callback comes back after it. */
 int zelTimerLink(zelTimer *timer, zelTmrHead *head);
 int zelTimerUnlink(zelTimer *timer, zelTmrHead *head);
 
@@ -572,8 +572,9 @@ int zelTimerUnlink(zelTimer *timer, zelTmrHead *head);
  * has nothing due. */
 int zelProcTimers(zelTmrHead *head);
 /* The same with the time read again after each callback, so that it ends when nothing is due any more, or after
- * `maxFired` callbacks when that is not 0; without that, a periodic timer with a period of 0 keeps it for ever. Once
- * more than `yieldAfter` callbacks were called, it yields after each, unless that is 0 or `thread` is null. */
+ * `maxFired` callbacks or as many as the head's limit, whichever is less and not 0; with neither, a periodic timer with
+ * a period of 0 keeps it for ever. Once more than `yieldAfter` callbacks were called, it yields after each, unless that
+ * is 0 or `thread` is null. */
 int zelProcTimersThread(zelTmrHead *head, uint32_t yieldAfter, uint32_t maxFired, void *thread);
 /* Weak; does nothing. A library of cooperative threads defines it. */
 void zelThreadYield(void *thread);

@@ -288,6 +288,12 @@ TEST_F(TimerHead, KeepsItsTimersWithoutItsGuard) {
     zelTimerLibFree(timer);
 }
 
+TEST_F(TimerHead, IsNotMadeWithoutItsGuard) {
+    while (semBCreate(ZEL_SEM_FIFO, 0) != 0) continue;
+    zelTmrHead refused{};
+    EXPECT_EQ(zelTmrHeadInit(&refused, nullptr, nullptr, 1, 0), -1);
+}
+
 TEST_F(TimerHead, IsLookedForAgainWithTheGuard) {
     zelTmrHead brief{};
     ASSERT_EQ(zelTmrHeadInit(&brief, nullptr, FailingAllocator::release, 1, 0), 0);
