@@ -40,7 +40,9 @@ TEST_F(StartUp, TheServiceTasksRunAboveAllOthers) {
         EXPECT_EQ(field(taskNameToId("tExcTask"), &zelTcb::currentPriority), row.becomes[0]);
         EXPECT_EQ(field(taskNameToId("tTimerTask"), &zelTcb::currentPriority), row.becomes[1]);
         EXPECT_FAILS_WITH(ZEL_ERR_OBJECT_UNAVAILABLE, vx2bsd_start(1, 1, 0, 0));
-        EXPECT_EQ(spawn([] {}), 1);  // they take no small id
+        const zelTaskId first = spawn([] {});
+        EXPECT_EQ(first, 1);  // they take no small id
+        EXPECT_TRUE(ends(first));
         stopServices();
     }
 }
