@@ -778,7 +778,8 @@ static inline int zelBitmapCompare(const uint32_t *left, const uint32_t *right, 
 }
 #define BITMAP_COMPARE_BITMAPS(left, right, bits) zelBitmapCompare(left, right, bits)
 
-/* The first clear bit behind bit `after` (-1: of all) among the first `bits` bits of a bitmap, or -1. */
+/* The first clear bit behind bit `after` (-1: of all) among the first `bits` bits of a bitmap, or -1. For bits below
+ * 2^31, as the result is signed. */
 static inline int32_t zelBitmapGetNextUnset(const uint32_t *bitmap, uint32_t bits, int32_t after) {
     uint32_t from = (uint32_t)after + 1;
     while (from < bits) {
@@ -788,6 +789,7 @@ static inline int32_t zelBitmapGetNextUnset(const uint32_t *bitmap, uint32_t bit
             const uint32_t bit = word + (uint32_t)__builtin_clz(clear);
             return bit < bits ? (int32_t)bit : -1;
         }
+        if (bits - word <= 32) break;
         from = word + 32;
     }
     return -1;
