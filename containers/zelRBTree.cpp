@@ -95,9 +95,7 @@ zelRBNode *child(const zelRBNode *node, bool onTheRight) {
     constexpr size_t toLeft = offsetof(zelRBNode, rbtn_left), toRight = offsetof(zelRBNode, rbtn_right);
     size_t offset = toLeft + onTheRight * (toRight - toLeft);
     asm("" : "+r"(offset));
-    zelRBNode *link;
-    memcpy(&link, reinterpret_cast<const char *>(node) + offset, sizeof link);
-    return link;
+    return *reinterpret_cast<zelRBNode *const *>(reinterpret_cast<const char *>(node) + offset);
 }
 
 // Where a search ends; nil where there is no such node.

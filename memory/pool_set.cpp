@@ -22,7 +22,7 @@ Partition *callersPartition() {
 }
 
 bool PoolSet::makePlaces(std::uint32_t number, bool isTabled) {
-    const std::size_t arrays = std::size_t{number} * (sizeof *pools + sizeof *bySize);
+    const std::size_t arrays = std::size_t{number} * (sizeof *pools + sizeof *bySize);  // NOLINT: of the pointers
     void *memory = zelMC_calloc(source, __LINE__, 1, arrays + (isTabled ? tabledSizes : 0));
     if (memory == nullptr) return false;
     pools = static_cast<std::atomic<Pool *> *>(memory);
