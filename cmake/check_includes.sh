@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.."
 
-declare -A floor=([rtm]=7 [resmgr]=7 [ipc]=6 [policy]=6 [ifm]=6 [containers]=5 [memory]=5 [kernel]=4 [platform]=3
+declare -A floor=([rtm]=7 [resmgr]=7 [aclmgr]=7 [ipc]=6 [policy]=6 [ifm]=6 [containers]=5 [memory]=5 [kernel]=4 [platform]=3
     [base]=2 [zel]=1)
 status=0
 
@@ -38,6 +38,6 @@ done < <(includes_of programs && includes_of examples)
 
 host='__linux__|__APPLE__|__FreeBSD__|_WIN32|__GLIBC__|__x86_64__|__i386__|__s390x__|__aarch64__|__BYTE_ORDER__'
 found=$(grep -rsnE "^ *# *(if|ifdef|ifndef|elif)\b.*\b($host)" --include='*.h' --include='*.cpp' --include='*.c' \
-    include base kernel containers memory ipc policy ifm rtm resmgr programs examples || true)
+    include base kernel containers memory ipc policy ifm rtm resmgr aclmgr programs examples || true)
 [[ -z $found ]] || complain "$found" 'hosts are told apart in platform/ only'
 exit "$status"
