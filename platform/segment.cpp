@@ -270,6 +270,16 @@ std::size_t policySegmentBytes() {
     return header != nullptr ? static_cast<std::size_t>(header->bytes.load(std::memory_order_acquire)) : 0;
 }
 
+constinit std::atomic<std::size_t> policyBackedBytes{0};
+
+bool isPolicyBackedNow(std::size_t bytes) {
+    struct stat status {};
+    if (!isPolicySegmentAttached() || fstat(policyFile, &status) != 0) return false;
+    const auto backed = static_cast<std::size_t>(status.st_size);
+    policyBackedBytes.store(backed, std::memory_order_relaxed);
+    return bytes <= backed;
+}
+
 }  // namespace zel::platform
 
 using namespace zel::platform;

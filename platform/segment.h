@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -54,5 +55,18 @@ bool growPolicySegment(std::size_t bytes);
 bool isPolicySegmentAttached();
 // Backed bytes from the segment's begin on.
 std::size_t policySegmentBytes();
+
+// Bytes from the segment's begin on that this process has seen backed by its file, whatever its header says; they stay
+// so, since the file only grows.
+extern std::atomic<std::size_t> policyBackedBytes;
+bool isPolicyBackedNow(std::size_t bytes);  // asks the host
+
+// Whether bytes lie in the blocks of the heap, so that reading them does not fault.
+inline bool isInPolicyHeap(std::uintptr_t address, std::size_t bytes) {
+    const std::uintptr_t offset = address - policyAddress;
+    if (offset < policyBlocksOffset || offset > policyReservedBytes || bytes > policyReservedBytes - offset)
+        return false;
+    return offset + bytes <= policyBackedBytes.load(std::memory_order_relaxed) || isPolicyBackedNow(offset + bytes);
+}
 
 }  // namespace zel::platform

@@ -1,0 +1,123 @@
+/*
+ * The writer of the policy tables that zel/policy.h checks: a library of its own, libzelAclMgr. It creates the shared
+ * segment, and creates, edits, resequences and removes lists.
+ *
+ * Lists change as a whole. Every call that changes one builds the changed list aside and puts it in place of the old
+ * one in one step, so that a check sees the list before or after the call and never between, even when the writer is
+ * killed in it. Setting a list whole is therefore much cheaper than adding its entries one by one. Hit counts of
+ * entries that stay as they are stay too.
+ *
+ * Results. Calls return 0, or a code that aclRetCodeToStr (zel/policy.h) puts into words; a call that fails has changed
+ * nothing.
+ *
+ * Who must serialise. Changes take the write side of the shared lock 0 and give it back: they block while others read,
+ * and must not be called by a thread that holds that lock. Any number of processes may write. Whoever takes the lock
+ * after a writer that died repairs what it left: memory it had in hand, links and counts that no check needs. A handle
+ * is used by one thread at a time.
+ */
+#ifndef ZEL_ACLMGR_H
+#define ZEL_ACLMGR_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+#pragma GCC visibility push(default)
+
+typedef struct zelAclMgr zelAclMgr;
+
+/* The two sets of tables: that of the plain checks, and that of those that begin with m_. */
+typedef enum { ZEL_ACLMGR_PRIMARY = 0, ZEL_ACLMGR_SECOND = 1 } zelAclMgrTables;
+
+/* Kinds of list. Lists of different kinds may have the same name; an IPv4 and an IPv6 access list of one name are two
+ * chains of one list. */
+typedef enum {
+    ZEL_ACLMGR_IP = 0,
+    ZEL_ACLMGR_IPV6,
+    ZEL_ACLMGR_PREFIX,
+    ZEL_ACLMGR_PREFIX6,
+    ZEL_ACLMGR_ASPATH,
+    ZEL_ACLMGR_COMMUNITY,
+    ZEL_ACLMGR_ROUTE_MAP
+} zelAclMgrKind;
+
+/* Entries, as given and as read back. Those of a list stand in the order of their sequence numbers, which differ. A
+ * sequence number of 0 in an entry that is added means: behind the last, at the next multiple of 5. Numbers are in host
+ * order, bytes in network order. `action` is 0 for permit, 1 for deny; another value is kept and answered as it is. */
+typedef struct {
+    uint32_t sequence;
+    uint8_t action;
+    uint8_t kind;                                /* 1: standard, matches on the source alone; 0: extended */
+    uint8_t protocol;                            /* 17: UDP, the only one that the UDP check looks at; 0: any */
+    uint8_t sourceOperator, destinationOperator; /* 1 eq, 2 ge, 3 le, 4 neq, 5 range, 255 any */
+    uint32_t source, sourceWildcard;             /* 1 bits of a wildcard are not compared */
+    uint32_t destination, destinationWildcard;
+    uint16_t sourcePort, sourcePortEnd, destinationPort, destinationPortEnd;
+} zelAclIpEntry;
+
+typedef struct {
+    uint32_t sequence;
+    uint8_t action;
+    uint8_t source[16], sourceMask[16]; /* 1 bits of a mask are compared */
+    uint8_t destination[16], destinationMask[16];
+} zelAclIpv6Entry;
+
+/* Address and mask take the first 4 bytes in an IPv4 list. A mask that is no prefix, or an address with bits behind its
+ * mask, makes an entry outside the tree, of which only the first that matches counts. */
+typedef struct {
+    uint16_t sequence;
+    uint8_t action;
+    uint8_t ge, le; /* lengths in bits, 0: not given */
+    uint8_t address[16], mask[16];
+    uint32_t hits; /* read back only */
+} zelAclPrefixEntry;
+
+/* The pattern is a POSIX extended expression in which an underscore stands for start, end or a separator. A pattern
+ * that was read back is good until the list changes. */
+typedef struct {
+    uint32_t sequence;
+    uint8_t action;
+    const char *pattern;
+} zelAclAspEntry;
+
+typedef struct {
+    uint32_t sequence;
+    uint8_t action;
+    uint8_t kind;                           /* 1 standard, 2 expanded */
+    uint8_t localAs, noAdvertise, noExport; /* standard: non-zero requires it */
+    uint32_t count;                         /* of values; 0 in an expanded entry */
+    const uint32_t *values;                 /* AS number in the upper half */
+    const char *pattern;                    /* expanded: over the communities as text */
+} zelAclCommEntry;
+
+/* What one clause of a route map asks; the clause matches when one of its lists permits. */
+typedef enum {
+    ZEL_ACLMGR_MATCH_PREFIX = 1, /* prefix lists of the route's family */
+    ZEL_ACLMGR_MATCH_ADDRESS,    /* access lists, by the route's address */
+    ZEL_ACLMGR_MATCH_NEXT_HOP,   /* access lists, by the next hop */
+    ZEL_ACLMGR_MATCH_ASPATH,     /* AS-path lists */
+    ZEL_ACLMGR_MATCH_COMMUNITY,  /* community lists */
+    ZEL_ACLMGR_MATCH_COMMUNITY_EXACT
+} zelAclMatch;
+
+typedef struct {
+    zelAclMatch match;
+    uint32_t count; /* of names, at least 1 */
+    const char *const *names;
+} zelAclClause;
+
+typedef struct {
+    uint32_t sequence;
+    uint8_t action;
+    uint32_t count; /* of clauses; without any the sequence matches every route */
+    const zelAclClause *clauses;
+} zelAclMapEntry;
+
+#pragma GCC visibility pop
+#ifdef __cplusplus
+}
+#endif
+
+#endif
