@@ -296,3 +296,11 @@ int zelPlatformHasSegments(void) {
     const NoCancellation guard;
     return File(shm_open(segmentName(sysKind.name).c_str(), O_RDWR, 0)) ? 1 : 0;
 }
+
+void *zelPolicyAttachSegment(int create) {
+    return attachPolicySegment(create != 0);
+}
+
+int zelPolicyIsInHeap(const void *address, size_t bytes) {
+    return isInPolicyHeap(reinterpret_cast<std::uintptr_t>(address), bytes) ? 1 : 0;
+}

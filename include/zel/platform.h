@@ -147,7 +147,8 @@ int zelMemCheckGrowth(const zelMemCheckSite *before, int beforeCount, zelMemChec
 
 /* The same in the policy segment, shared by all processes that attached it and at the same address in each of them;
  * weak. Null while this process has not attached the segment, and when it is full. Takes shared lock 31; a process
- * killed inside loses at most the block in hand. A block that is freed twice, or was never allocated, aborts. */
+ * killed inside loses at most the block in hand (zelPolicyHeapSweep finds it). A block that is freed twice, or was
+ * never allocated, aborts. */
 void *zelMC_MM_malloc(const char *tag, int line, size_t bytes);
 void *zelMC_MM_calloc(const char *tag, int line, size_t count, size_t bytes);
 void *zelMC_MM_realloc(const char *tag, int line, void *block, size_t bytes);
@@ -229,6 +230,31 @@ int zelShmLockWasAbandoned(int lock);
 int zelPlatformUnlinkSegments(void);
 /* 1 when this CPU's segment of the system exists, 0 when not; creates nothing. */
 int zelPlatformHasSegments(void);
+
+/* ---- The policy segment ------------------------------------------------------------------------------------------ */
+
+/* For the writer of the policy tables. Maps the segment, at the same address in every process, creating it when
+ * `create` is not 0. The root of the tables: 64 KiB, zero in a new segment; or null with errno (ENOENT: there is none;
+ * EEXIST: something else lies at its address). It stays mapped. May block while another process creates it. */
+void *zelPolicyAttachSegment(int create);
+/* 1 when the bytes lie in that part of the segment from which zelMC_MM_ serves, so that reading them does not fault. */
+int zelPolicyIsInHeap(const void *address, size_t bytes);
+
+/* What the heap holds under one tag. Bytes are those that blocks take up. */
+typedef struct {
+    uint64_t blocks; /* in use */
+    uint64_t bytes;
+    uint64_t lostBlocks; /* handed out under the tag but not in use, or nobody's and in no list of free blocks */
+    uint64_t lostBytes;
+    uint64_t strays; /* said to be in use, and no block of that tag */
+} zelPolicyHeapReport;
+
+/* Compares the heap with what the owner `tag` uses of it: the `count` blocks `inUse`, in ascending order. Counts what
+ * was lost when processes were killed, and when `recovers` is not 0 makes it free again. The caller sees to it that
+ * nobody else allocates under the tag. 0, or -1 with errno: ENXIO, not attached; EBADMSG, blocks do not follow each
+ * other any more, and what lies behind was not looked at. Takes shared lock 31. */
+int zelPolicyHeapSweep(const char *tag, const void *const *inUse, size_t count, int recovers,
+                       zelPolicyHeapReport *report);
 
 /* ---- Crashes ----------------------------------------------------------------------------------------------------- */
 
