@@ -45,7 +45,9 @@ struct Image {
     std::uint32_t entries;  // of the list; an image has at least one
 };
 
-// One list. Its place is kept as long as the list exists, whatever becomes of its entries.
+// One list. Its place is kept as long as the list exists, whatever becomes of its entries. The memory of a removed list
+// only becomes a list again, the one removed longest ago first: who holds on to a stale handle finds no magic there, or
+// another list.
 struct ListNode {
     static constexpr std::uint32_t validMagic = 0x7a6c7374;
     zelRadixEntry entry;  // in the tree of names; the key is `name`
@@ -53,6 +55,8 @@ struct ListNode {
     Kind kind;
     char name[nameLength + 1];
     std::atomic<Link> image;  // 0: the list has no entries
+    Link nextNode;            // of all nodes ever made
+    Link nextSpare;           // of those whose lists were removed
 };
 
 // One set of tables: a tree of names for each kind.
@@ -75,6 +79,8 @@ struct Root {
     ControlBlock aclNode;
     ControlBlock acl2CB;
     ExpressionRoots expressions;
+    std::atomic<Link> nodes;  // for writers: the list nodes made last, and the removed ones from the oldest on
+    Link firstSpare, lastSpare;
 };
 static_assert(sizeof(Root) <= platform::policyRootBytes);
 

@@ -115,6 +115,14 @@ typedef struct {
     const zelAclClause *clauses;
 } zelAclMapEntry;
 
+/* ---- Life */
+
+/* Attaches the segment of the tables, creating and preparing it when this is the first writer. Null with errno: EINVAL,
+ * `tables` is neither set; ENOMEM; or what kept the segment from being had (see "Shared segments" in zel/platform.h).
+ * The lists stay when the handle is closed. */
+zelAclMgr *zelAclMgrOpen(zelAclMgrTables tables);
+void zelAclMgrClose(zelAclMgr *manager);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

@@ -28,3 +28,9 @@ cc -std=c11 -Wall -Wextra -Werror -pedantic "$here/consumer.c" "${flags[@]}" -o 
 c++ -std=c++20 -Wall -Wextra -Werror -pedantic "$here/consumer.cpp" "${flags[@]}" -o "$work/cpp"
 run "$work/c"
 run "$work/cpp"
+
+read -ra flags < <(pkg-config --cflags --libs zelAclMgr)
+cc -std=c11 -Wall -Wextra -Werror -pedantic "$here/writer.c" "${flags[@]}" -o "$work/writer"
+for writer in "$work/writer" "$work/cmake/writer"; do
+    LD_LIBRARY_PATH=$lib timeout 60 "$writer" || { echo "$writer: failed" >&2 && exit 1; }
+done

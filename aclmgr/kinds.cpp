@@ -1,0 +1,31 @@
+// The kinds of list, each with its codes and with what its own source supplies.
+#include "aclmgr/draft.h"
+
+namespace zel::aclmgr {
+namespace {
+
+// In the order of zelAclMgrKind.
+constexpr KindRow rows[] = {
+    {Kind::ipAcl, 0x39000001, 0x39000003, 0x39000068, nullptr},      // IPv4
+    {Kind::ipAcl, 0x39000001, 0x39000003, 0x39000068, nullptr},      // IPv6
+    {Kind::prefix4, 0x39000020, 0x39000022, 0x3900006a, nullptr},    //
+    {Kind::prefix6, 0x39000020, 0x39000022, 0x3900006a, nullptr},    //
+    {Kind::asPath, 0x39000011, 0x39000013, 0x3900006c, nullptr},     //
+    {Kind::community, 0x39000016, 0x39000018, 0x3900006b, nullptr},  //
+    {Kind::routeMap, 0x39000006, 0x39000007, 0x39000069, nullptr},
+};
+
+}  // namespace
+
+const KindRow *rowOf(zelAclMgrKind kind) {
+    const auto index = static_cast<std::size_t>(kind);
+    return index < std::size(rows) ? &rows[index] : nullptr;
+}
+
+const ListOperations *operationsOf(Kind kind) {
+    for (const KindRow &row : rows)
+        if (row.kind == kind && row.operations != nullptr) return row.operations;
+    return nullptr;
+}
+
+}  // namespace zel::aclmgr

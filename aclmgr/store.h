@@ -1,0 +1,95 @@
+// The store behind the calls of the writer: the segment and its root, lists by name, and images put in place.
+//
+// Whoever changes lists makes a draft of the whole list (aclmgr/draft.h), then, under a `Change`, has it written into
+// an image and put in place of the one before:
+//
+//     PrefixDraft draft(entries, count);
+//     if (const std::uint32_t code = draft.check()) return code;
+//     Change change(*manager);
+//     return change.set(ZEL_ACLMGR_PREFIX, name, draft);
+//
+// A change is one store: in the list node, or, for a new list and for one that goes, in the tree of names. What a
+// killed writer leaves beyond that (blocks that nothing reaches, links that only writers follow, counts) is for
+// `repair`, which the next Change runs before anything else.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/cancellation.h"
+#include "policy/tables.h"
+#include "zel/aclmgr.h"
+
+struct zelAclMgr {
+    zel::policy::Root *root;
+    zel::policy::ControlBlock *tables;
+};
+
+namespace zel::aclmgr {
+
+using policy::Bytes;
+using policy::Image;
+using policy::Kind;
+using policy::Link;
+using policy::ListNode;
+
+// All blocks of the policy heap that lists are made of stand under this tag.
+inline constexpr char source[] = "zelAclMgr";
+
+// An image in the making.
+class ImageBuilder {
+public:
+    virtual ~ImageBuilder() = default;
+    // Of the list; without any it has no image.
+    virtual std::uint32_t entries() const = 0;
+    // Of the image, its header included; an upper bound will do.
+    virtual std::size_t bytes() const = 0;
+    // Fills the zeroed block behind the header, at its place for good. A reference that the image takes to something
+    // outside becomes the image's, and is dropped with it.
+    virtual void write(Image *at) const = 0;
+};
+
+// The block that a link or a pointer of the segment names, null when its bytes do not lie in the heap.
+const void *believedBlock(std::uintptr_t address, std::size_t bytes, std::size_t alignment);
+template <class T>
+const T *at(Link link, std::size_t bytes = sizeof(T)) {
+    return static_cast<const T *>(believedBlock(platform::policyAddress + link, bytes, alignof(T)));
+}
+
+// The image of a list, all of its bytes in the heap; empty when the list has no entries.
+Bytes imageOf(const ListNode &list);
+
+// The write lock of the tables, from the moment it is had to the end of the scope. What a writer that died in it left
+// is repaired then. No cancellation point, and it waits: for writers and readers that hold the lock.
+class Change {
+public:
+    explicit Change(const zelAclMgr &manager);
+    ~Change();
+    Change(const Change &) = delete;
+    Change &operator=(const Change &) = delete;
+
+    ListNode *find(zelAclMgrKind kind, const char *name) const;
+    // Makes the list that of the builder, creating it when there is none of that name. 0, or the code of why nothing
+    // changed: no memory, or a name that is none.
+    std::uint32_t set(zelAclMgrKind kind, const char *name, const ImageBuilder &builder);
+    void remove(ListNode &list);
+    policy::Root &root() const { return *manager_.root; }
+
+private:
+    zelRadix &names(Kind kind) const;
+    ListNode *makeNode(Kind kind, const char *name);
+
+    platform::NoCancellation guard_;
+    const zelAclMgr &manager_;
+};
+
+// Frees an image that no list leads to, and drops what it refers to.
+void dropImage(Link image);
+// Under the write lock: gives a tree of names the functions of this process, before it is changed.
+zelRadix &own(zelRadix &names);
+// Under the write lock: keeps the node of a list that is in no tree for another list.
+void keepSpare(policy::Root &root, ListNode &node);
+// Under the write lock: puts right what a writer that died in it left; see aclmgr/repair.cpp.
+void repair(policy::Root &root);
+
+}  // namespace zel::aclmgr
