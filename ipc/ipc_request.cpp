@@ -16,11 +16,12 @@
 
 namespace zel::ipc {
 
-ResponseTurn::ResponseTurn(const Endpoint &endpoint)
+ResponseTurn::ResponseTurn(const Endpoint &endpoint, int ticks)
     : semaphore_(endpoint.responseSemaphore.load(std::memory_order_acquire)) {
-    isTaken_ = semTake(semaphore_, WAIT_FOREVER) == ZEL_OK;
-    zelAssert(isTaken_, "zelIpcLib");
-    if (!isTaken_) errno = EBADF;  // the endpoint was closed
+    isTaken_ = semTake(semaphore_, ticks) == ZEL_OK;
+    const bool isTooLate = !isTaken_ && (errno == ZEL_ERR_TIMEOUT || errno == ZEL_ERR_OBJECT_UNAVAILABLE);
+    if (!isTooLate) zelAssert(isTaken_, "zelIpcLib");
+    if (!isTaken_) errno = isTooLate ? ETIMEDOUT : EBADF;  // EBADF: the endpoint was closed
 }
 
 int ResponseTurn::done(int result) {
@@ -42,6 +43,7 @@ struct Exchange {
     int responseSize;
     int timeoutSec;
     Wanted wanted;
+    std::uint64_t deadline = platform::forever;  // where the time-out began before the wait
 
     const char *peer() const { return nameOfQueue(IpcHeader::TargetQueue::get(header)); }
     int type() const { return static_cast<int>(wanted.type); }
@@ -131,6 +133,7 @@ int reportNoResponse(const Exchange &exchange) {
 int receiveResponse(const Exchange &exchange) {
     Queue &queue = exchange.endpoint.queues[responseQueue];
     Wait wait(queue, exchange.timeoutSec);
+    wait.endBy(exchange.deadline);
     for (;;) {
         const ssize_t length = wait.next(exchange.response, static_cast<std::size_t>(exchange.responseSize));
         if (length < 0) return reportNoResponse(exchange);
@@ -166,12 +169,19 @@ Exchange prepare(Endpoint &endpoint, const void *request, int sendLen, void *res
                       response,
                       recvLen,
                       timeoutSec,
-                      {}};
+                      {},
+                      platform::forever};
     memcpy(exchange.header, request, IpcHeader::size);
     return exchange;
 }
 
 }  // namespace
+
+int awaitResponse(Endpoint &endpoint, void *buffer, int size, int timeoutSec, std::uint64_t deadline,
+                  const Wanted &wanted) {
+    return receiveResponse({endpoint, {}, nullptr, 0, buffer, size, timeoutSec, wanted, deadline});
+}
+
 }  // namespace zel::ipc
 
 using namespace zel::ipc;
@@ -206,9 +216,10 @@ int zelIpcRecvOnRspQ(uint32_t key, void *buffer, int size, int timeoutSec, uint3
     if (!isValidWait(buffer, size, timeoutSec)) return ZEL_ERROR;
     Endpoint *endpoint = findOpenExchange(key);
     if (!endpoint) return ZEL_ERROR;
-    const Exchange exchange{*endpoint, {}, nullptr, 0, buffer, size, timeoutSec, {msgType, transaction}};
     ResponseTurn turn(*endpoint);
-    return turn.isTaken() ? turn.done(receiveResponse(exchange)) : ZEL_ERROR;
+    if (!turn.isTaken()) return ZEL_ERROR;
+    return turn.done(
+        awaitResponse(*endpoint, buffer, size, timeoutSec, zel::platform::forever, {msgType, transaction}));
 }
 
 int zelIpcReply(uint32_t key, void *message, int length) {

@@ -60,6 +60,13 @@ Wait::Wait(Queue &queue, int timeoutSec)
       mayBlock_(queue.receivers.fetch_add(1, std::memory_order_acq_rel) == 0 && timeoutSec != 0 &&
                 platform::canBlockInReceive()) {}
 
+// A blocking read ends only by its own time-out, and a tick more or less does not matter to whole seconds.
+void Wait::endBy(std::uint64_t deadline) {
+    if (deadline >= deadline_ || deadline_ - deadline <= platform::nanosecondsPerTick) return;
+    deadline_ = deadline;
+    mayBlock_ = false;
+}
+
 bool Wait::prepareBlocking() {
     if (!mayBlock_) return false;
     mayBlock_ = false;

@@ -35,6 +35,8 @@ public:
     // The next datagram: its whole length, also when that exceeds `size`. -1 with errno: ETIMEDOUT at the deadline,
     // EBADF when the queue was closed meanwhile.
     ssize_t next(void *buffer, std::size_t size);
+    // Ends the wait no later than at this deadline.
+    void endBy(std::uint64_t deadline);
     // Whether the last failure was that of waiting, not of reading.
     bool hasWaitFailed() const { return hasWaitFailed_; }
 
@@ -46,7 +48,7 @@ private:
     Queue &queue_;
     const int socket_;
     const int timeoutSec_;
-    const std::uint64_t deadline_;
+    std::uint64_t deadline_;
     bool mayBlock_;
     bool hasWaitFailed_ = false;
 };

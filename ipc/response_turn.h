@@ -2,14 +2,15 @@
 #pragma once
 
 #include "ipc/endpoint.h"
+#include "ipc/ipc_receive.h"
 
 namespace zel::ipc {
 
-// Taken without limit of time. A task deleted in the middle of its exchange gives it back while it unwinds; every other
-// way gives it by done(), which reports.
+// Taken without limit of time unless a number of ticks is given. A task deleted in the middle of its exchange gives it
+// back while it unwinds; every other way gives it by done(), which reports. Not taken: errno is EBADF, or ETIMEDOUT.
 class ResponseTurn {
 public:
-    explicit ResponseTurn(const Endpoint &endpoint);
+    explicit ResponseTurn(const Endpoint &endpoint, int ticks = WAIT_FOREVER);
     ~ResponseTurn() {
         if (isTaken_) semGive(semaphore_);
     }
@@ -24,5 +25,10 @@ private:
     const zelSemId semaphore_;
     bool isTaken_ = false;
 };
+
+// For whoever has the turn: the next such message on the response queue, as zelIpcRecvOnRspQ, but not beyond
+// `deadline`.
+int awaitResponse(Endpoint &endpoint, void *buffer, int size, int timeoutSec, std::uint64_t deadline,
+                  const Wanted &wanted);
 
 }  // namespace zel::ipc

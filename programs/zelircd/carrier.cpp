@@ -1,0 +1,146 @@
+#include "carrier.h"
+
+#include <arpa/inet.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "zel/ipc.h"
+#include "zel/platform.h"
+
+namespace zelircd {
+namespace {
+
+constexpr unsigned sourceAddressWord = 40;
+constexpr unsigned sourceQueueWord = 44;
+constexpr std::uint32_t millisecondsPerTick = 20;
+constexpr std::uint64_t nanosecondsPerTick = 20'000'000;
+constexpr std::uint32_t mostMissing = 1u << 31;  // more is a restart of the peer
+
+std::uint64_t now() {
+    const zelHostSeam *seam = zelPlatformSeam();
+    return seam->now(seam->context);
+}
+
+// Differs from run to run, and is not 0.
+std::uint32_t newEpoch() {
+    const zelHostSeam *seam = zelPlatformSeam();
+    return static_cast<std::uint32_t>(seam->randomBits(seam->context)) | 1u;
+}
+
+bool isOfTask(const zelIrcMessage &message) {
+    return message.type <= ZEL_IRC_ANSWER;
+}
+
+class Guard {
+public:
+    explicit Guard(zelSemId semaphore) : semaphore_(semaphore) { semTake(semaphore_, WAIT_FOREVER); }
+    ~Guard() { semGive(semaphore_); }
+    Guard(const Guard &) = delete;
+    Guard &operator=(const Guard &) = delete;
+
+private:
+    const zelSemId semaphore_;
+};
+
+}  // namespace
+
+Carrier::Carrier(std::uint32_t key, const Options &options)
+    : key_(key),
+      options_(options),
+      epoch_(newEpoch()),
+      guard_(semMCreate(ZEL_SEM_PRIORITY)),
+      link_(options.intervalTicks * options.lossIntervals * nanosecondsPerTick, options.version) {
+    publish();
+}
+
+Carrier::~Carrier() {
+    semDelete(guard_);
+}
+
+void Carrier::takeFromHere(void *message, int length) {
+    zelIrcMessage parsed;
+    if (zelIrcParse(message, length, &parsed) != 0) return zelIrcCount(ZEL_IRC_COUNT_MALFORMED, 1);
+    if (!isForTask(parsed) || zelIpcHdrGet32(message, sourceAddressWord) != zel_sysGetIpAddr())
+        return zelIrcCount(ZEL_IRC_COUNT_REFUSED, 1);
+    if (!link_.isUp()) return zelIrcCount(ZEL_IRC_COUNT_LINK_DOWN, 1);
+    const bool isSent = zelIrcForward(key_, message, length) == 0;
+    zelIrcCount(isSent ? ZEL_IRC_COUNT_FORWARDED : ZEL_IRC_COUNT_FAILED, 1);
+}
+
+void Carrier::takeFromPeer(void *message, int length) {
+    zelIrcMessage parsed;
+    if (zelIrcParse(message, length, &parsed) != 0) return zelIrcCount(ZEL_IRC_COUNT_MALFORMED, 1);
+    const bool isControl = !isOfTask(parsed);
+    const bool isOfService = zelIpcGetServiceFromSvce(zelIpcHdrGet32(message, sourceQueueWord)) == ZEL_IRC_SERVICE;
+    if (zelIpcHdrGet32(message, sourceAddressWord) != options_.peer || (isControl ? !isOfService : !isForTask(parsed)))
+        return zelIrcCount(ZEL_IRC_COUNT_REFUSED, 1);
+    if (isControl) {
+        zelIrcCount(ZEL_IRC_COUNT_CONTROL, 1);
+        return advance([&](std::uint64_t time) { return link_.take(parsed, time); });
+    }
+    link_.hear(now());
+    countMissing(parsed.sequence);
+    const bool isSent = zelIrcDeliver(key_, message, length, &parsed) == 0;
+    zelIrcCount(isSent ? ZEL_IRC_COUNT_DELIVERED : ZEL_IRC_COUNT_FAILED, 1);
+}
+
+void Carrier::tick() {
+    advance([this](std::uint64_t time) { return link_.tick(time); });
+}
+
+void Carrier::end() {
+    advance([this](std::uint64_t) { return link_.end(); });
+}
+
+// A message for the link service itself would be carried for ever.
+bool Carrier::isForTask(const zelIrcMessage &message) const {
+    return isOfTask(message) && message.service != ZEL_IRC_SERVICE;
+}
+
+void Carrier::countMissing(std::uint32_t sequence) {
+    const std::uint32_t missing = sequence - lastSequence_ - 1;
+    if (lastSequence_ != 0 && sequence != 0 && missing < mostMissing) zelIrcCount(ZEL_IRC_COUNT_MISSING, missing);
+    lastSequence_ = sequence;
+}
+
+// One step of the link: its new state is published before the peer learns of it.
+template <class Step>
+void Carrier::advance(Step step) {
+    bool wasUp;
+    {
+        const Guard guard(guard_);
+        wasUp = link_.isUp();
+        const Link::Messages messages = step(now());
+        publish();
+        for (int i = 0; i < messages.count; ++i)
+            if (zelIrcSendControl(key_, messages.types[i]) != 0) zelIrcCount(ZEL_IRC_COUNT_FAILED, 1);
+    }
+    if (link_.isUp() != wasUp) report(wasUp);
+}
+
+void Carrier::publish() {
+    zelIrcLinkState state{};
+    state.status = link_.isUp() ? ZEL_IRC_LINK_UP : ZEL_IRC_LINK_DOWN;
+    state.peerAddress = options_.peer;
+    state.instance = zelIpcGetInstance(key_);
+    state.isCompatible = link_.isCompatible();
+    state.epoch = epoch_;
+    state.version = options_.version;
+    snprintf(state.name, sizeof state.name, "%s", options_.name.c_str());
+    state.validMilliseconds = options_.intervalTicks * options_.lossIntervals * millisecondsPerTick;
+    zelIrcSetLinkState(&state);
+}
+
+void Carrier::report(bool wasUp) const {
+    const in_addr peer{htonl(options_.peer)};
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &peer, text, sizeof text);
+    zelIrcCount(wasUp ? ZEL_IRC_COUNT_LOSSES : ZEL_IRC_COUNT_UPS, 1);
+    if (wasUp)
+        printf("zelircd: the link to %s is down\n", text);
+    else
+        printf("zelircd: the link to %s is up, peer %s\n", text, link_.peerName());
+}
+
+}  // namespace zelircd

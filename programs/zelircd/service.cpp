@@ -1,0 +1,85 @@
+#include "service.h"
+
+#include <cstdio>
+#include <vector>
+
+#include "programs/support/program.h"
+
+namespace zelircd {
+namespace {
+
+constexpr int carryPriority = 100;
+constexpr int beatPriority = 90;  // ahead of them: under load the link must not seem lost
+constexpr int receiveSeconds = 1;
+// Room for what arrives while the other direction is served.
+constexpr int receiveBuffer = 8 << 20;
+
+using Buffer = std::vector<std::uint8_t>;
+
+// One byte more than a message may have, so that a longer one shows.
+Buffer newBuffer() {
+    return Buffer(ZEL_IRC_MAX_MESSAGE + 1);
+}
+
+int receive(std::uint32_t queue, Buffer &buffer, int seconds) {
+    return zelIpcRecv(queue, buffer.data(), static_cast<int>(buffer.size()), seconds, 0, 0);
+}
+
+}  // namespace
+
+Service::Service(std::uint32_t key, const Options &options) : key_(key), options_(options), carrier_(key, options) {}
+
+Service::~Service() {
+    for (const zelTaskId task : {carrying_, beating_})
+        if (task != ZEL_ERROR) taskDelete(task);
+    carrier_.end();
+}
+
+bool Service::openQueues() {
+    if (zelIpcOpenTmrQueue(key_) == ZEL_ERROR) return false;
+    for (const std::uint32_t type : {ZEL_IPC_QUEUE_REQUEST, ZEL_IPC_QUEUE_TIMER}) {
+        int error = 0;
+        if (zelIpcSetRecvBufferLimit(key_ | type, receiveBuffer, &error) != 0)
+            fprintf(stderr, "zelircd: a receive buffer stays small (error %d)\n", error);
+    }
+    return true;
+}
+
+zelTaskId Service::spawn(const char *name, int priority, zelTaskEntry entry) {
+    return taskSpawn(name, priority, 0, 0, entry, reinterpret_cast<Word>(this), 0, 0, 0, 0, 0, 0, 0, 0, 0);
+}
+
+int Service::run() {
+    if (!openQueues()) {
+        perror("zelircd: the queues cannot be opened");
+        return 1;
+    }
+    carrying_ = spawn("tIrcSend", carryPriority, carry);
+    beating_ = spawn("tIrcBeat", beatPriority, beat);
+    if (carrying_ == ZEL_ERROR || beating_ == ZEL_ERROR) return 1;
+    Buffer buffer = newBuffer();
+    while (!zel::programs::isStopping()) {
+        const int length = receive(key_ | ZEL_IPC_QUEUE_REQUEST, buffer, receiveSeconds);
+        if (length > 0 && !zel::programs::isStopping()) carrier_.takeFromPeer(buffer.data(), length);
+    }
+    return 0;
+}
+
+int Service::carry(Word self, Word, Word, Word, Word, Word, Word, Word, Word, Word) {
+    auto &service = *reinterpret_cast<Service *>(self);
+    Buffer buffer = newBuffer();
+    for (;;) {
+        const int length = receive(service.key_ | ZEL_IPC_QUEUE_TIMER, buffer, -1);
+        if (length > 0) service.carrier_.takeFromHere(buffer.data(), length);
+    }
+}
+
+int Service::beat(Word self, Word, Word, Word, Word, Word, Word, Word, Word, Word) {
+    auto &service = *reinterpret_cast<Service *>(self);
+    for (;;) {
+        service.carrier_.tick();
+        taskDelay(static_cast<int>(service.options_.intervalTicks));
+    }
+}
+
+}  // namespace zelircd
