@@ -38,28 +38,43 @@ std::uint32_t *makeNewest(zelRadix *tree, std::uint32_t number) {
         tree->rtt_newest_lost = 1;
         return nullptr;
     }
-    tree->rtt_newest[number / ZEL_RADIX_SLAB] = static_cast<std::uint32_t *>(memset(column, 0, bytes));
+    publish(tree->rtt_newest[number / ZEL_RADIX_SLAB], static_cast<std::uint32_t *>(memset(column, 0, bytes)));
     return newestOf(tree, number);
 }
 
-// The newest version of a sub-tree is that of all sub-trees around it, or older.
-void raise(zelRadix *tree, std::uint32_t number, std::uint32_t version) {
+// The newest version of a sub-tree is that of all sub-trees around it, or older. False when there is no memory.
+bool raise(zelRadix *tree, std::uint32_t number, std::uint32_t version) {
     for (; number; number = at(tree, number)->rtn_parent) {
         std::uint32_t *newest = makeNewest(tree, number);
-        if (!newest || !isLater(version, *newest)) return;
+        if (!newest) return false;
+        if (!isLater(version, *newest)) break;
         *newest = version;
     }
+    return true;
 }
 
 bool isClosed(const zelRadix *tree, const zelRadixChange *change) {
     return change->version != tree->rtt_version;
 }
 
-void append(zelRadix *tree, zelRadixEntry *entry) {
+bool append(zelRadix *tree, zelRadixEntry *entry) {
     forgetChange(tree, entry);
     entry->rth_change.version = tree->rtt_version;
     zelDLLInsertAtBack(&tree->rtt_changes, &entry->rth_change.link);
-    raise(tree, numberOf(tree, entry->rtn), tree->rtt_version);
+    return raise(tree, numberOf(tree, entry->rtn), tree->rtt_version);
+}
+
+void clearNewest(zelRadix *tree) {
+    for (std::uint32_t i = 0; i < tree->rtt_slab_count; ++i)
+        if (tree->rtt_newest[i]) memset(tree->rtt_newest[i], 0, ZEL_RADIX_SLAB * sizeof(std::uint32_t));
+}
+
+// Notes an entry anew that is in no list.
+bool restartChange(zelRadix *tree, const zelRadixNode *node) {
+    zelRadixChange &change = node->rtn_entry->rth_change;
+    change.link = {};
+    if (isMarked(node)) return append(tree, node->rtn_entry);
+    return change.version == 0 || raise(tree, numberOf(tree, node), change.version);
 }
 
 // Lets go of what everybody has seen.
@@ -116,6 +131,18 @@ void handOver(zelRadix *tree, zelRadixEntry *entry) {
     if (tree->rtt_deleted) tree->rtt_deleted(entry);
 }
 
+// Until all is noted, version walks pass over nothing.
+void restartChanges(zelRadix *tree) {
+    zelDLLInit(&tree->rtt_changes);
+    ++tree->rtt_repairs;
+    publish(tree->rtt_newest_lost, 1);
+    clearNewest(tree);
+    bool isComplete = true;
+    for (const zelRadixNode *node = zelRadixNodeAt(tree, tree->rtt_root); node; node = nextNode(tree, node))
+        if (node->rtn_entry && !restartChange(tree, node)) isComplete = false;
+    if (isComplete) publish(tree->rtt_newest_lost, 0);
+}
+
 }  // namespace zel::containers
 
 using namespace zel::containers;
@@ -123,6 +150,7 @@ using namespace zel::containers;
 struct zelRadicalWalk {
     zelRadixChange place;  // what lies in front of it in the list has been visited
     zelRadix *tree;
+    std::uint32_t repairs;  // a repair since then has taken the walk off the list
 };
 
 void zelRadixSetVersion(zelRadix *tree, zelRadixEntry *entry, uint32_t version) {
@@ -146,7 +174,7 @@ zelRadicalWalk *zelRadicalWalkConstructor(zelRadix *tree) {
     if (!isTree(tree, source)) return nullptr;
     auto *walk = static_cast<zelRadicalWalk *>(tree->rtt_alloc(sizeof(zelRadicalWalk)));
     if (!walk) return nullptr;
-    *walk = {{{nullptr, nullptr}, 0, 1}, tree};
+    *walk = {{{nullptr, nullptr}, 0, 1}, tree, tree->rtt_repairs};
     zelDLLInsertAtBack(&tree->rtt_changes, &walk->place.link);
     return walk;
 }
@@ -154,13 +182,14 @@ zelRadicalWalk *zelRadicalWalkConstructor(zelRadix *tree) {
 void zelRadicalWalkDestructor(zelRadicalWalk *walk) {
     if (!zel::asserted(walk, "walk", source)) return;
     zelRadix *tree = walk->tree;
-    zelDLLRemove(&tree->rtt_changes, &walk->place.link);
+    if (walk->repairs == tree->rtt_repairs) zelDLLRemove(&tree->rtt_changes, &walk->place.link);
     tree->rtt_free(walk);
     releasePassed(tree);
 }
 
 uint32_t zelRadicalWalkChangeList(zelRadicalWalk *walk, zelRadixVisitFn visit, void *context, uint32_t max) {
     if (!zel::asserted(walk, "walk", source) || !canVisit(visit, source)) return 0;
+    if (walk->repairs != walk->tree->rtt_repairs) return 0;
     zelDLL *changes = &walk->tree->rtt_changes;
     uint32_t visited = 0;
     while (max == 0 || visited < max) {

@@ -14,10 +14,10 @@
 // change its meaning before the version passes.
 //
 // A tree in shared memory may lose its writer at any moment. Insertion and removal therefore change what look-ups
-// descend by with one store (see `publish`): look-ups after the writer's death find a whole tree, with that change or
-// without it; by a side index, with it for some keys. That is all that holds. Counts, parent links, unused nodes, the
-// list of changes and an index being built may be half done: the next writer builds the tree anew.
-#include <atomic>
+// descend by with one store (see `publish`): look-ups after the writer's death find a whole tree, each with that change
+// or without it. Parent links climb past no entry but the one that comes or goes. The rest - counts, the order that
+// walks take from parent links, unused nodes, the list of changes, the place of that one change in the side index - may
+// be half done: zelRadixRepair puts it right for the next writer.
 #include <cstring>
 
 #include "containers/zelRadixTree.h"
@@ -38,19 +38,12 @@ bool isProbe(const zelRadix *tree, const void *key, std::uint32_t bitlen, int li
 
 // ---- Insertion ------------------------------------------------------------------------------------------------------
 
-// Everything written before is in memory before the one store that lets readers see it, and that before what follows.
-void publish(std::uint32_t &link, std::uint32_t number) {
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-    __atomic_store_n(&link, number, __ATOMIC_RELEASE);
-    std::atomic_signal_fence(std::memory_order_seq_cst);
-}
-
 void settle(zelRadix *tree, std::uint32_t number, zelRadixEntry *entry) {
     zelRadixNode *node = at(tree, number);
     entry->rtn = node;
     entry->rth_key = entry->rth_addr;
     entry->rth_change = {};
-    __atomic_store_n(&node->rtn_entry, entry, __ATOMIC_RELEASE);
+    publish(node->rtn_entry, entry);
 }
 
 // The link that leads to the node.
@@ -194,7 +187,7 @@ void emptyNode(zelRadix *tree, std::uint32_t number, const std::uint8_t *key) {
     zelRadixNode *node = at(tree, number);
     const zelRadixNode *parent = zelRadixNodeAt(tree, node->rtn_parent);
     if (node->rtn_left && node->rtn_right) {
-        __atomic_store_n(&node->rtn_entry, nullptr, __ATOMIC_RELEASE);
+        publish(node->rtn_entry, nullptr);
         node->rtn_flags &= static_cast<std::uint8_t>(~ZEL_RADIX_DELETED);
     } else if (anyChild(node) || !parent || parent->rtn_entry) {
         unlink(tree, number, anyChild(node), key);

@@ -2,7 +2,9 @@
 //
 // Nodes lie in blocks of ZEL_RADIX_SLAB; number n is node n % ZEL_RADIX_SLAB of block n / ZEL_RADIX_SLAB, and number 0
 // is none. A table finds the blocks; its second half is for the words of the version walk, a column beside each block,
-// which is there only where versions are used. Unused nodes hang on a list through rtn_parent.
+// which is there only where versions are used. Unused nodes hang on a list through rtn_parent. Every number below
+// rtt_fresh lies in a block of the table at any moment, also when the writer dies: blocks enter the table before they
+// count, and leave it before they are freed.
 #include <bit>
 #include <cstring>
 
@@ -26,9 +28,9 @@ bool widenTables(zelRadix *tree) {
         newest[i] = tree->rtt_newest[i];
     }
     zelRadixNode **outgrown = tree->rtt_slabs;
-    tree->rtt_slabs = slabs;
-    tree->rtt_newest = newest;
-    tree->rtt_slab_room = room;
+    publish(tree->rtt_newest, newest);
+    publish(tree->rtt_slabs, slabs);
+    publish(tree->rtt_slab_room, room);
     if (outgrown) tree->rtt_free(outgrown);
     return true;
 }
@@ -37,7 +39,8 @@ bool addSlab(zelRadix *tree) {
     if (tree->rtt_slab_count == tree->rtt_slab_room && !widenTables(tree)) return false;
     auto *slab = static_cast<zelRadixNode *>(tree->rtt_alloc(ZEL_RADIX_SLAB * sizeof(zelRadixNode)));
     if (!slab) return false;
-    tree->rtt_slabs[tree->rtt_slab_count++] = slab;
+    tree->rtt_slabs[tree->rtt_slab_count] = slab;
+    publish(tree->rtt_slab_count, tree->rtt_slab_count + 1);
     return true;
 }
 
@@ -108,14 +111,16 @@ void dropNode(zelRadix *tree, std::uint32_t number) {
 }
 
 void releaseSlabs(zelRadix *tree, std::uint32_t kept) {
-    for (std::uint32_t i = 0; i < tree->rtt_slab_count; ++i) {
-        if (tree->rtt_newest[i]) tree->rtt_free(tree->rtt_newest[i]);
-        tree->rtt_newest[i] = nullptr;
-        if (i >= kept) tree->rtt_free(tree->rtt_slabs[i]);
-    }
-    if (tree->rtt_slab_count > kept) tree->rtt_slab_count = kept;
-    tree->rtt_fresh = 1;
     tree->rtt_spare = 0;
+    publish(tree->rtt_fresh, 1);
+    for (std::uint32_t i = tree->rtt_slab_count; i-- > 0;) {
+        void *newest = tree->rtt_newest[i];
+        publish(tree->rtt_newest[i], nullptr);
+        if (newest) tree->rtt_free(newest);
+        if (i < kept) continue;
+        publish(tree->rtt_slab_count, i);
+        tree->rtt_free(tree->rtt_slabs[i]);
+    }
 }
 
 zelRadixNode *nextNode(const zelRadix *tree, const zelRadixNode *node) {

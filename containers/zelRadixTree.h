@@ -1,7 +1,9 @@
 // What the sources of the radix tree share: nodes and their numbers, keys, and the steps of a walk.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <type_traits>
 
 #include "base/assertion.h"
 #include "zel/containers.h"
@@ -23,6 +25,15 @@ inline bool isGiven(const zelRadix *tree, const void *argument, const char *text
 
 inline bool canVisit(zelRadixVisitFn visit, const char *source = radixSource, int line = __builtin_LINE()) {
     return asserted(visit, "callback", source, line);
+}
+
+// The one store that shows look-ups what was written before it, also if this process dies right behind it; what follows
+// it in the program is written later.
+template <typename T>
+void publish(T &place, std::type_identity_t<T> value) {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    __atomic_store_n(&place, value, __ATOMIC_RELEASE);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
 // ---- Keys -----------------------------------------------------------------------------------------------------------
@@ -99,6 +110,8 @@ inline bool isIndexed(const zelRadix *tree, std::uint32_t bitlen) {
 // Builds the index of a tree that has become large, if it is one that has it by itself.
 void indexWhenLarge(zelRadix *tree);
 void dropIndex(zelRadix *tree);
+// Fills the index anew, in the memory that it has.
+void refillIndex(zelRadix *tree);
 // The node was linked in, or took an entry; `key` leads to it.
 void indexNode(zelRadix *tree, std::uint32_t number, const std::uint8_t *key);
 // The node lost its entry: still in place.
@@ -115,6 +128,8 @@ void noteChange(zelRadix *tree, zelRadixEntry *entry);
 void forgetChange(zelRadix *tree, zelRadixEntry *entry);
 // A marked entry that is out of the tree goes to the owner.
 void handOver(zelRadix *tree, zelRadixEntry *entry);
+// Notes anew which versions entries have; of the list of changes only the marked entries remain.
+void restartChanges(zelRadix *tree);
 // What is below a new node is below it.
 void inheritNewest(zelRadix *tree, std::uint32_t number, std::uint32_t child);
 bool isLater(std::uint32_t version, std::uint32_t than);

@@ -428,7 +428,7 @@ typedef int (*zelRadixVisitFn)(zelRadixEntry *entry, void *context);
 /* How an entry is printed; the text is used before the next call. */
 typedef const char *(*zelRadixTextFn)(zelRadixEntry *entry);
 
-/* Callers may read everything and set rtt_strict and rtt_versioning. */
+/* Callers may read everything and set rtt_strict and rtt_versioning, and in shared memory the three functions. */
 struct zelRadix {
     uint32_t rtt_magic;
     char rtt_name[ZEL_RADIX_NAME_LENGTH + 1];
@@ -453,9 +453,10 @@ struct zelRadix {
     uint32_t **rtt_newest;    /* likewise, the newest version at or below each node; null: none */
     uint32_t rtt_slab_count;
     uint32_t rtt_slab_room;
-    uint32_t rtt_fresh;  /* the first number never used */
-    uint32_t rtt_spare;  /* the first unused node, linked through rtn_parent */
-    uint32_t *rtt_index; /* by the first rtt_index_bits bits of a key: where look-ups begin */
+    uint32_t rtt_fresh;   /* the first number never used */
+    uint32_t rtt_spare;   /* the first unused node, linked through rtn_parent */
+    uint32_t rtt_repairs; /* how often the tree was repaired */
+    uint32_t *rtt_index;  /* by the first rtt_index_bits bits of a key: where look-ups begin */
 };
 
 /* The node of a number, null for 0. */
@@ -475,12 +476,24 @@ zelRadix *zelRadixCreate(const char *name, uint16_t maxbits, zelAllocFn allocFn,
 void zelRadixDestroy(zelRadix *tree);
 /* The same for a header that the caller provides, in shared memory for one, and keeps where it is. Processes share a
  * tree only when all of them map its memory at the same address and are of the same build, and when `allocFn`, entries
- * and keys are of that memory. Look-ups and walks call no function that the header names; insertion, removal,
- * zelRadixSetIndex, zelRadixSetVersion, zelRadixUninit and the zelRadical calls do, so only processes in which these
- * have the same addresses make them. 0, or -1 without a name. */
+ * and keys are of that memory. Look-ups and walks call no function that the header names. Insertion, removal,
+ * zelRadixSetIndex, zelRadixSetVersion, zelRadixRepair, zelRadixUninit and the zelRadical calls do: a process that is
+ * about to make them, and was not the last to do so, first sets rtt_alloc, rtt_free and rtt_deleted to its own
+ * addresses of these functions. 0, or -1 without a name. */
 int zelRadixInit(zelRadix *tree, const char *name, uint16_t maxbits, zelAllocFn allocFn, zelFreeFn freeFn,
                  zelRadixDeletedFn deletedFn);
 void zelRadixUninit(zelRadix *tree);
+/* For the next writer of a tree in shared memory whose writer died in a change. Until then look-ups - exact, best and
+ * next best match, shorter prefixes - answer as with that change or as without it, and nothing else may be called.
+ * Rebuilds from the links and entries that they see the parent links, the unused nodes, their number, the entries' way
+ * back and the side index, in time proportional to the nodes but for trees of odd shape. The list of changes holds only
+ * the marked entries then, as changes of the open version; walks of it that were begun before visit nothing more and
+ * can only be destructed. The entry that was on its way in or out may be in or out: zelRadixGetExact tells; out, it may
+ * be inserted, whatever its links say. If it was on its way to the deleted-entry callback it may not get there, and
+ * memory that was on its way may be lost. The functions are as said at zelRadixInit; what they keep in shared memory
+ * has been put right before. Nothing is allocated, unless versions were being noted for the first time. May itself be
+ * cut short and called again. 0, or -1 when the links are not those of a tree; then nothing is changed. */
+int zelRadixRepair(zelRadix *tree);
 /* Gives the tree a side index over the first `bits` key bits, 16 to 24: 4 << bits bytes from its allocator, by which
  * look-ups of at least as many bits skip that part of the way. 0 does without. Where this was not called, a tree with
  * the default allocator indexes 16 bits by itself once it is large. With 24 bits a look-up in a table of 32-bit keys

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/containers/radix_check.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "zel/containers.h"
@@ -35,27 +36,6 @@ struct RadixRecord {
 inline int collect(zelRadixEntry *entry, void *all) {
     static_cast<RadixEntries *>(all)->push_back(entry);
     return 0;
-}
-
-// Checks a sub-tree of RadixRecords and counts its nodes: parent links, growing bits, masks, forks with two children,
-// and entries that know their node and lie under every prefix above them.
-inline uint32_t checkRadixNodes(const zelRadix *tree, uint32_t number, uint32_t parent) {
-    if (!number) return 0;
-    const zelRadixNode *node = zelRadixNodeAt(tree, number), *above = zelRadixNodeAt(tree, parent);
-    EXPECT_EQ(node->rtn_parent, parent);
-    EXPECT_EQ(node->rtn_mask, 0x80 >> (node->rtn_bit % 8));
-    EXPECT_TRUE(!above || node->rtn_bit > above->rtn_bit);
-    EXPECT_TRUE(node->rtn_entry || (node->rtn_left && node->rtn_right && !node->rtn_flags));
-    if (node->rtn_entry) {
-        const auto *record = reinterpret_cast<const RadixRecord *>(node->rtn_entry);
-        EXPECT_EQ(node->rtn_entry->rtn, node);
-        EXPECT_EQ(record->bits, node->rtn_bit);
-        for (uint32_t below = number; above; below = zelRadixNodeAt(tree, below)->rtn_parent) {
-            EXPECT_EQ(below == above->rtn_right, record->text[above->rtn_bit] == '1');
-            above = zelRadixNodeAt(tree, above->rtn_parent);
-        }
-    }
-    return 1 + checkRadixNodes(tree, node->rtn_left, number) + checkRadixNodes(tree, node->rtn_right, number);
 }
 
 class RadixModel {
@@ -183,10 +163,11 @@ public:
     }
 
     void checkWhole(uint32_t since) {
-        ASSERT_EQ(checkRadixNodes(tree, tree->rtt_root, 0), tree->rtt_nodes);
+        checkRadixTree(tree);
         ASSERT_EQ(handedOver, expectedHandedOver);
         RadixEntries live, changed, next, walked, versions;
         for (auto &[text, state] : states) {
+            ASSERT_EQ(state.record->bits, state.record->entry.rtn->rtn_bit);
             if (!state.isMarked) live.push_back(&state.record->entry);
             if (state.version > since) changed.push_back(&state.record->entry);
         }
