@@ -294,7 +294,6 @@ zelRBTree *zelRBTreeCreate(const char *name, uint32_t keyOffset, uint32_t keyLen
 
 void zelRBTreeDestroy(zelRBTree *tree) {
     if (!isTree(tree)) return;
-    dropSlabs(tree);
     tree->rbtt_magic = 0;
     zelMC_free(source, __LINE__, tree);
 }
@@ -308,7 +307,6 @@ zelRBTree *zelRBTreeShmCreate(const char *name, uint32_t keyOffset, uint32_t key
 
 void zelRBTreeShmDestroy(zelRBTree *tree) {
     if (!isTree(tree)) return;
-    dropSlabs(tree);
     tree->rbtt_magic = 0;
     zelMC_MM_free(source, __LINE__, tree);
 }

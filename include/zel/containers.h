@@ -254,7 +254,7 @@ int _RBTCompareI(zelRBTree *tree, const void *one, const void *two);
  * comparator (reported by assertion). */
 zelRBTree *zelRBTreeCreate(const char *name, uint32_t keyOffset, uint32_t keyLength, zelAllocFn allocFn,
                            zelFreeFn freeFn, zelRBTreeCompareFn compareFn);
-/* Frees the header, and no nodes but those of the default allocation: the caller empties the tree first. */
+/* Frees the header alone. The caller empties the tree first; the memory of nodes that are left is lost. */
 void zelRBTreeDestroy(zelRBTree *tree);
 /* The same with the header in shared memory, from zelMC_MM_calloc. Links are addresses: only processes that map the
  * memory at the creator's address use the tree. One that they share takes functions that allocate there, too; null ones

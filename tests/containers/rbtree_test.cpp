@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/segment.h"
@@ -194,6 +195,7 @@ protected:
     uint32_t stopAt = 0;
 
     ~SmallRBTree() override {
+        while (void *data = zelRBTreeGetFirst(tree)) zelRBTreeRemove(tree, data);
         zelRBTreeDestroy(tree);
         EXPECT_EQ(FailingAllocator::live(), 0);
     }
@@ -245,13 +247,14 @@ TEST_F(SmallRBTree, theListingIsDrawnInKeyOrder) {
     EXPECT_EQ(printed(), "\tRed-Black tree small: 0 numinodes. (empty)\n");
     for (const uint32_t key : {1u, 2u, 3u, 4u}) insert(key);
     zelRBTreeDebug(tree, 2);
-    tree->rbtt_root->rbtn_data = nullptr;
+    void *hidden = std::exchange(tree->rbtt_root->rbtn_data, nullptr);
     EXPECT_EQ(printed(),
               "\tRed-Black tree small: 4 numinodes.\n"
               "\t\t| +-1B+--[key 1\n"
               "\t\t+-0B+\n"
               "\t\t| +-1B+--[key 3\n"
               "\t\t| | +-2R+--[key 4\n");
+    tree->rbtt_root->rbtn_data = hidden;
     for (uint32_t key = 5; key <= 201; ++key) insert(key);
     EXPECT_EQ(printed(), "\tRed-Black tree small: 201 numinodes. (too large to print)\n");
 }
@@ -276,6 +279,15 @@ TEST_F(SmallRBTree, withoutMemoryNothingChanges) {
     EXPECT_EQ(FailingAllocator::live(), 1) << "an empty tree has its header alone";
     FailingAllocator::failAt(1);
     EXPECT_EQ(zelRBTreeCreate("none", 0, 4, nullptr, nullptr, _RBTCompareUL), nullptr);
+}
+
+TEST_F(SmallRBTree, goesWithoutItsNodes) {
+    insert(5);
+    void *nodes = tree->rbtt_slabs;
+    zelRBTreeDestroy(tree);
+    EXPECT_EQ(FailingAllocator::live(), 1);
+    zelRBTreeFree(nodes);
+    tree = zelRBTreeCreate("next", keyOffset, 4, nullptr, nullptr, _RBTCompareUL);
 }
 
 TEST_F(SmallRBTree, namesAreCutAndBuiltInKeysHaveOneWord) {
