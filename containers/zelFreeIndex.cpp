@@ -10,18 +10,8 @@
 
 #include "base/assertion.h"
 #include "base/avl_tree.h"
-#include "zel/containers.h"
+#include "containers/free_index.h"
 #include "zel/platform.h"
-
-// The list node stands first, so that a node of the list is a range.
-struct zelFreeIndexRange {
-    zelDLLNode node;
-    uint32_t low;
-    uint32_t high;
-    zelFreeIndexRange *left;
-    zelFreeIndexRange *right;
-    int32_t height;
-};
 
 namespace {
 

@@ -1,17 +1,13 @@
 // The tree of byte keys against a std::map, and the named operations over a node type of the test's own.
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <functional>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "base/avl_tree.h"
+#include "tests/containers/check.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
-#include "zel/containers.h"
 
 namespace zel::test {
 namespace {
@@ -22,15 +18,6 @@ zelAvlNode *makeNode(const std::string &key) {
     *node = {nullptr, nullptr, -1, 99};
     memcpy(zelAvlKey(node), key.data(), key.size());
     return node;
-}
-
-// The height of a sub-tree; a wrong one, or too great a difference between sides, fails.
-int32_t checkHeights(const zelAvlNode *node) {
-    if (!node) return 0;
-    const int32_t left = checkHeights(node->left), right = checkHeights(node->right);
-    EXPECT_LE(abs(left - right), 1);
-    EXPECT_EQ(node->height, 1 + std::max(left, right));
-    return node->height;
 }
 
 struct Keys {
@@ -84,11 +71,11 @@ protected:
     }
 
     void check() {
-        checkHeights(root);
         zelAvlNode *node = nullptr;
-        for (const auto &[key, expected] : model) {
+        for (zelAvlNode *inTree : checkAvl(root, control.keyLen)) {
             node = zelAvlGetNext(&control, node, &root);
-            ASSERT_EQ(node, expected);
+            ASSERT_EQ(node, inTree);
+            ASSERT_EQ(node, model.at({reinterpret_cast<char *>(zelAvlKey(node)), control.keyLen}));
         }
         ASSERT_EQ(zelAvlGetNext(&control, node, &root), model.empty() ? root : nullptr);
     }
@@ -122,8 +109,7 @@ INSTANTIATE_TEST_SUITE_P(
         Keys{"descending", 12, [](Random &, int s) { return "longlong" + bigEndian(~(uint32_t(s) % 10000)); }}),
     [](const auto &keys) { return keys.param.name; });
 
-// ---- The calls that no random run reaches
-// -----------------------------------------------------------------------------
+// ---- The calls that no random run reaches ----
 
 int released[256];
 

@@ -1,13 +1,9 @@
 // The timing wheel against a model: the running timers by the tick in which they fire, each tick's in the order of
 // their start.
-#include "containers/cart_wheel.h"
-
-#include <gtest/gtest.h>
-
 #include <list>
 #include <map>
-#include <vector>
 
+#include "tests/containers/check.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
@@ -117,22 +113,13 @@ protected:
     void check() {
         ASSERT_EQ(zelcwTimerTickCount(wheel), ticks);
         ASSERT_EQ(zelcwTimerRetNext(wheel), model.empty() ? -1 : static_cast<int>(model.begin()->first - next()) + 1);
+        const WheelContents contents = checkWheel(*wheel);
         for (uint32_t i = 0; i < GetParam(); ++i) {
-            const auto &bucket = wheel->buckets[i];
-            const auto due = model.find(next() + ((i - wheel->cursor) & (GetParam() - 1)));
-            std::list<Record *> timers;
-            const zelcwTimer *last = &bucket.ends;
-            for (zelcwTimer *at = bucket.first(); at != &bucket.ends; last = at, at = at->next) {
-                ASSERT_TRUE(at->prev == last && at->bucket == &bucket);
-                timers.push_back(reinterpret_cast<Record *>(at));
-            }
-            ASSERT_EQ(bucket.last(), last);
-            ASSERT_EQ(timers, due == model.end() ? std::list<Record *>{} : due->second);
-            ASSERT_TRUE(timers.empty() || (wheel->mayHold[i / 64] >> i % 64 & 1));
+            const auto due = model.find(next() + i);
+            const auto expected = due == model.end() ? std::list<Record *>{} : due->second;
+            ASSERT_EQ(contents.due[i], Records(expected.begin(), expected.end()));
         }
-        size_t free = 0;
-        for (const zelcwTimer *at = wheel->freeList; at; at = at->next, ++free) ASSERT_TRUE(!at->prev && !at->bucket);
-        ASSERT_EQ(blocksOfAWheel + free + held.size(), static_cast<size_t>(FailingAllocator::live()));
+        ASSERT_EQ(blocksOfAWheel + contents.free + held.size(), static_cast<size_t>(FailingAllocator::live()));
     }
 
     static constexpr uint32_t growth = 5;

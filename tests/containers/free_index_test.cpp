@@ -1,13 +1,10 @@
 // The free-index allocator against the set of the indexes that are taken.
-#include <gtest/gtest.h>
-
 #include <set>
-#include <vector>
 
+#include "tests/containers/check.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
-#include "zel/containers.h"
 
 namespace zel::test {
 namespace {
@@ -15,10 +12,6 @@ namespace {
 struct Range {
     uint32_t low, high;
     bool operator==(const Range &) const = default;
-};
-struct RangeRecord {
-    zelDLLNode node;
-    Range range;
 };
 
 struct Limits {
@@ -41,8 +34,7 @@ protected:
 
     std::vector<Range> ranges() {
         std::vector<Range> all;
-        for (zelDLLNode *at = zelDLLGetFirst(&list.free_ranges); at; at = zelDLLGetNext(&list.free_ranges, at))
-            all.push_back(reinterpret_cast<RangeRecord *>(at)->range);
+        for (const zelFreeIndexRange *range : checkFreeIndex(list)) all.push_back({range->low, range->high});
         return all;
     }
 

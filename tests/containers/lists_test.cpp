@@ -1,33 +1,19 @@
 // Both list families against std::list, with the structure checked after every step.
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <bit>
 #include <cerrno>
 #include <list>
-#include <random>
-#include <vector>
 
+#include "tests/containers/check.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
-#include "zel/containers.h"
 #include "zel/platform.h"
 
 namespace zel::test {
 namespace {
 
-// Every node's neighbours point back at it, the sentinels close both ends, and the order is the model's.
-void checkLinks(zelDLL &head, const std::list<zelDLLNode *> &model) {
-    ASSERT_TRUE(head.headSent.prev == nullptr && head.tailSent.next == nullptr);
-    zelDLLNode *before = &head.headSent;
-    for (zelDLLNode *expected : model) {
-        ASSERT_EQ(before->next, expected);
-        ASSERT_EQ(expected->prev, before);
-        before = expected;
-    }
-    ASSERT_EQ(before->next, &head.tailSent);
-    ASSERT_EQ(head.tailSent.prev, before);
+void checkEnds(zelDLL &head, const std::list<zelDLLNode *> &model) {
+    ASSERT_EQ(checkList(head), std::vector(model.begin(), model.end()));
     ASSERT_EQ(zelDLLGetFirst(&head), model.empty() ? nullptr : model.front());
     ASSERT_EQ(zelDLLGetLast(&head), model.empty() ? nullptr : model.back());
 }
@@ -57,7 +43,7 @@ TEST(LinkedList, behavesAsStdListUnderRandomOperations) {
             if (way == 2) zelDLLInsertBefore(&head, *where, node), model.insert(where, node);
             if (way == 3) zelDLLInsertAfter(&head, *where, node), model.insert(std::next(where), node);
         }
-        if (model.size() <= 64 || step % 1000 == 0) checkLinks(head, model);
+        if (model.size() <= 64 || step % 1000 == 0) checkEnds(head, model);
     }
 }
 
@@ -77,7 +63,7 @@ TEST(LinkedList, refusesABadHeadAndAMissingNeighbour) {
     EXPECT_EQ(reportedAssertions(), before + 6);
     EXPECT_EQ(lastAssertion(), "(head)->dll_magic == zelDLL_MAGIC");
     head.dll_magic = zelDLL_MAGIC;
-    checkLinks(head, {&first});
+    checkEnds(head, {&first});
 }
 
 class PositionList : public testing::Test {
@@ -86,18 +72,9 @@ protected:
         while (list) zelMC_free("test", __LINE__, listDelete(&list, 1));
         EXPECT_EQ(FailingAllocator::live(), 0);
     }
-    // The first node knows the length and the last node; the links agree in both directions.
     void check(const std::list<intptr_t> &model) {
+        ASSERT_EQ(checkPositions(list), std::vector(model.begin(), model.end()));
         ASSERT_EQ(listLength(list), static_cast<int>(model.size()));
-        zelListNode *before = nullptr, *node = list;
-        for (intptr_t expected : model) {
-            ASSERT_TRUE(node && node->data == expected);
-            ASSERT_TRUE(!before || node->prev == before);
-            before = node;
-            node = node->next;
-        }
-        ASSERT_EQ(node, nullptr);
-        ASSERT_TRUE(!list || list->prev == before);
     }
     zelListNode *list = nullptr;
 };

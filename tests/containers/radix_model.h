@@ -2,18 +2,14 @@
 // of these texts is the order of the tree, a prefix before what it covers. With versions on, changes are numbered.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "tests/containers/radix_check.h"
+#include "tests/containers/check.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
-#include "zel/containers.h"
 
 namespace zel::test {
 
@@ -163,7 +159,7 @@ public:
     }
 
     void checkWhole(uint32_t since) {
-        checkRadixTree(tree);
+        checkRadix(*tree);
         ASSERT_EQ(handedOver, expectedHandedOver);
         RadixEntries live, changed, next, walked, versions;
         for (auto &[text, state] : states) {

@@ -242,7 +242,7 @@ TEST_F(SmallTree, nestsAndPartsAtEveryBit) {
     insert(lastBit, 1120);
     for (uint32_t bits = 1120; bits > 560; --bits) insert(ones, bits);
     for (uint32_t bits = 0; bits <= 560; ++bits) insert(ones, bits);
-    checkRadixTree(tree);
+    checkRadix(*tree);
     EXPECT_EQ(tree->rtt_nodes, 1122u);
     for (const auto &some : records) {
         ASSERT_EQ(zelRadixGetBest(tree, some->key.get(), some->bits), &some->entry);
@@ -250,7 +250,7 @@ TEST_F(SmallTree, nestsAndPartsAtEveryBit) {
         ASSERT_EQ(parent ? reinterpret_cast<Record *>(parent)->bits + 1 : 0, some->bits);
     }
     for (size_t i = 0; i < 2 * records.size(); i += 2) zelRadixRemove(tree, &records[i % records.size()]->entry);
-    checkRadixTree(tree);
+    checkRadix(*tree);
     for (const auto &some : records)
         if (some->entry.rtn) zelRadixRemove(tree, &some->entry);
     EXPECT_EQ(tree->rtt_nodes, 0u);

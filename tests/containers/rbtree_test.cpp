@@ -1,20 +1,16 @@
 // The red-black tree against std::multimap. Records and probes lie in blocks of exactly their size with the key at an
 // odd offset, so that the sanitizers see every byte read too many and every read that assumes alignment.
-#include <gtest/gtest.h>
-
-#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "platform/segment.h"
+#include "tests/containers/check.h"
 #include "tests/support/child.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
-#include "zel/containers.h"
 #include "zel/platform.h"
 
 namespace zel::test {
@@ -23,7 +19,6 @@ namespace {
 constexpr uint32_t keyOffset = 3;
 
 using Block = std::unique_ptr<char[]>;
-using Records = std::vector<void *>;
 
 Block record(uint32_t key) {
     Block block(new char[keyOffset + sizeof key]{});
@@ -39,43 +34,6 @@ uint32_t keyOf(const void *data) {
 
 int compareDescending(zelRBTree *, const void *probe, const void *data) {
     return keyOf(probe) < keyOf(data) ? 7 : keyOf(probe) > keyOf(data) ? -7 : 0;
-}
-
-// Checks links and colours below `node`, and lists the records in both orders; the black height, -1 on error.
-int checkNodes(const zelRBTree *tree, const zelRBNode *node, const zelRBNode *parent, Records *inOrder,
-               Records *preOrder) {
-    if (node == &tree->rbtt_nil) return 0;
-    const bool isRed = node->rbtn_colour == ZEL_RBTREE_RED;
-    if (node->rbtn_parent != parent || (isRed && parent->rbtn_colour == ZEL_RBTREE_RED)) return -1;
-    preOrder->push_back(node->rbtn_data);
-    const int leftHeight = checkNodes(tree, node->rbtn_left, node, inOrder, preOrder);
-    inOrder->push_back(node->rbtn_data);
-    const int rightHeight = checkNodes(tree, node->rbtn_right, node, inOrder, preOrder);
-    return leftHeight == rightHeight && leftHeight >= 0 ? leftHeight + !isRed : -1;
-}
-
-Records walked(zelRBTree *tree, uint32_t flags) {
-    Records records;
-    const auto note = [](zelRBTree *, void *data, void *all) {
-        static_cast<Records *>(all)->push_back(data);
-        return 0;
-    };
-    EXPECT_EQ(zelRBTreeWalk(tree, nullptr, note, 0, flags, &records), nullptr);
-    return records;
-}
-
-void checkTree(zelRBTree *tree, const Records &expected) {
-    const zelRBNode &nil = tree->rbtt_nil;
-    ASSERT_TRUE(nil.rbtn_left == &nil && nil.rbtn_right == &nil && nil.rbtn_parent == &nil);
-    ASSERT_TRUE(nil.rbtn_colour == ZEL_RBTREE_BLACK && tree->rbtt_root->rbtn_colour == ZEL_RBTREE_BLACK);
-    Records inOrder, preOrder;
-    ASSERT_GE(checkNodes(tree, tree->rbtt_root, &nil, &inOrder, &preOrder), 0);
-    ASSERT_EQ(inOrder, expected);
-    ASSERT_EQ(walked(tree, 0), inOrder);
-    ASSERT_EQ(walked(tree, ZEL_RBTREE_PREORDER), preOrder);
-    ASSERT_EQ(tree->numinodes, expected.size());
-    ASSERT_EQ(tree->rbtt_inserts - tree->rbtt_removes, expected.size());
-    ASSERT_EQ(tree->rbtt_allocs - tree->rbtt_releases, expected.size());
 }
 
 struct Order {
@@ -157,7 +115,7 @@ protected:
     void check() {
         Records expected;
         for (const auto &[rank, block] : model) expected.push_back(block.get());
-        checkTree(tree, expected);
+        EXPECT_EQ(checkRBTree(*tree), expected);
     }
 };
 
@@ -269,11 +227,11 @@ TEST_F(SmallRBTree, withoutMemoryNothingChanges) {
         FailingAllocator::failAt(1);
         while (zelRBTreeInsert(tree, blocks.back().get()) == 0) {
             ++refusals;
-            checkTree(tree, expected);
+            EXPECT_EQ(checkRBTree(*tree), expected);
         }
         expected.push_back(blocks.back().get());
     }
-    checkTree(tree, expected);
+    EXPECT_EQ(checkRBTree(*tree), expected);
     EXPECT_EQ(refusals, 4) << "of slabs for 8, 8, 16 and 32 nodes";
     while (void *data = zelRBTreeGetFirst(tree)) zelRBTreeRemove(tree, data);
     EXPECT_EQ(FailingAllocator::live(), 1) << "an empty tree has its header alone";
@@ -322,7 +280,7 @@ TEST_F(SmallRBTree, reportsBadArgumentsAndMisses) {
         EXPECT_EQ(reportedAssertions(), before + 1) << text;
         EXPECT_EQ(lastAssertion(), text);
     }
-    checkTree(tree, {some});
+    EXPECT_EQ(checkRBTree(*tree), Records{some});
     const int before = reportedAssertions();  // without checking, only what would be compared is missed
     EXPECT_EQ(zelRBTreeGetNext(tree, nullptr), nullptr);
     EXPECT_EQ(zelRBTreeRemove(tree, some), some);

@@ -1,10 +1,8 @@
 // Lists of interfaces against a std::set, and their maps and compressed form.
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <set>
-#include <vector>
 
+#include "tests/containers/check.h"
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "zel/ifm.h"
@@ -25,6 +23,8 @@ std::set<uint32_t> membersOf(const ifmIfList &list) {
         members.insert(at);
     }
     EXPECT_EQ(IFM_IFLIST_COUNT(&list), members.size());
+    checkRBTree(*list.physical);
+    checkRBTree(*list.lag);
     return members;
 }
 

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "memory/pool_set.h"
+#include "tests/memory/check.h"
 #include "tests/memory/sites.h"
 #include "tests/support/eventually.h"
 #include "tests/support/random.h"
@@ -100,27 +101,6 @@ int poolOf(void *block) {
     return block ? static_cast<int>(memory::pageAt(block)->pool->id - pool) : -1;
 }
 
-// Lists, chains and counters of a pool agree.
-void check(const memory::Pool &inspected) {
-    uint32_t pages = 0, freePages = 0, chunks = 0;
-    for (memory::Page *page = inspected.pages.head; page; page = page->all.next, ++pages) {
-        uint32_t chained = 0;
-        const auto *first = reinterpret_cast<const std::byte *>(page) + memory::firstHeader;
-        for (uint32_t at = page->firstFree; at != memory::noChunk; at = load<uint32_t>(first + at + 8), ++chained)
-            ASSERT_EQ(load<uint32_t>(first + at), memory::unusedMarker);
-        ASSERT_EQ(chained, inspected.freeIn(*page));
-        ASSERT_EQ(memory::pageAt(first + inspected.slotsBytes), page);
-        ASSERT_TRUE(page->all.next || page == inspected.pages.tail);
-        chunks += page->used;
-        freePages += chained != 0;
-    }
-    for (const memory::Page *page = inspected.freePages.head; page; page = page->withFree.next, --freePages)
-        ASSERT_NE(page->firstFree, memory::noChunk);
-    ASSERT_EQ(freePages, 0u);
-    ASSERT_EQ(pages, inspected.stats().pages);
-    ASSERT_EQ(chunks, inspected.stats().chunksInUse);
-}
-
 class PoolTest : public testing::Test {
 protected:
     explicit PoolTest(int locking) {
@@ -130,7 +110,7 @@ protected:
     }
     ~PoolTest() override {
         for (uint32_t i = 0; i < 8; ++i)
-            if (const memory::Pool *made = memory::fixedPool(pool + i)) check(*made);
+            if (const memory::Pool *made = memory::fixedPool(pool + i)) checkPool(*made);
         M_sysForceMemBlockFree(partId);
         zel_memPartVarDelete(partId);
     }
@@ -178,7 +158,7 @@ TEST_P(Pools, EveryByteOfEveryChunkIsTheCallersBetweenHeaderAndTrailer) {
             memset(blocks[n], 0xa5, sizes[i]);
             ASSERT_EQ(statsOf(pool + i).pages, 1 + n / chunks);
         }
-        check(*memory::fixedPool(pool + i));
+        checkPool(*memory::fixedPool(pool + i));
         for (std::byte *block : blocks) ASSERT_EQ(M_memBlockFree(pool + i, block), 0);
         EXPECT_EQ(load<uint32_t>(blocks[0] - 8), 0xdcau);
         EXPECT_EQ(statsOf(pool + i).highWater, chunks + 1);
@@ -568,7 +548,7 @@ TEST_F(SharedPools, ThreadsPassBlocksToEachOther) {
     std::vector<std::thread> running;
     for (unsigned i = 0; i < threads; ++i) running.emplace_back(work, i);
     for (auto &thread : running) thread.join();
-    check(*memory::fixedPool(pool));
+    checkPool(*memory::fixedPool(pool));
     EXPECT_LE(statsOf().chunksInUse, exchange.size());
     for (auto &block : exchange) EXPECT_TRUE(!block || M_memBlockFree(pool, block) == 0);
     EXPECT_EQ(statsOf().chunksInUse, 0u);
@@ -610,7 +590,7 @@ TEST_P(Pools, RandomOperationsEqualAModel) {
         if (live.size() > 64 && step % 1000 != 0) continue;
         size_t inUse = 0;
         for (uint32_t i = 0; i < 5; ++i) {
-            check(*memory::fixedPool(pool + i));
+            checkPool(*memory::fixedPool(pool + i));
             inUse += statsOf(pool + i).chunksInUse;
         }
         ASSERT_EQ(inUse, live.size());
