@@ -1,7 +1,14 @@
-# Runs an example and holds it to its word: exit 0, and the text of the file EXPECTED.
+# Runs an example and holds it to its word: exit 0, and the text of the file EXPECTED. Shared memory that it makes goes
+# under a name of its own, and away with it.
 cmake_policy(SET CMP0007 NEW)
 list(REMOVE_ITEM RUN "")
+string(RANDOM LENGTH 12 prefix)
+set(ENV{ZEL_SHM_PREFIX} example-${prefix})
 execute_process(COMMAND ${RUN} OUTPUT_VARIABLE printed RESULT_VARIABLE status)
+file(GLOB segments /dev/shm/example-${prefix}-*)
+if(segments)
+  file(REMOVE ${segments})
+endif()
 file(READ ${EXPECTED} expected)
 if(NOT status EQUAL 0 OR NOT printed STREQUAL expected)
   message(FATAL_ERROR "exit ${status}; printed:\n${printed}expected:\n${expected}")
