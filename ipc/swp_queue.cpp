@@ -173,18 +173,20 @@ int withSpareRing(std::uint32_t queue, Action action) {
     return result;
 }
 
-// Takes the waiting messages that are to be dropped into `dropped`, and returns how many; the others move up.
-std::uint32_t takeWaiting(HeldQueue &queue, IsDropped isDropped, std::uint32_t group, Slot *dropped) {
+// Trims the waiting messages; takes those to be dropped into `dropped`, and returns how many. The others move up.
+std::uint32_t trimWaiting(HeldQueue &queue, Trim trim, void *context, Slot *dropped) {
     Window &window = queue.window();
     std::uint32_t count = 0;
     Sequence kept = window.sent;
     for (Sequence sequence = window.sent; sequence < window.next; ++sequence) {
-        const Slot slot = queue.slotOf(sequence);
-        if (isDropped(slot.message, slot.length, group)) {
+        Slot slot = queue.slotOf(sequence);
+        const std::uint32_t length = trim(slot.message, slot.length, context);
+        queue.counters().memory -= slot.length - length;
+        if (length == 0) {
             dropped[count++] = slot;
-            queue.counters().memory -= slot.length;
             continue;
         }
+        slot.length = length;
         queue.slotOf(kept) = slot;
         stamp(queue, kept++);
     }
@@ -197,9 +199,9 @@ std::uint32_t takeWaiting(HeldQueue &queue, IsDropped isDropped, std::uint32_t g
 
 }  // namespace
 
-int dropUnsent(std::uint32_t queue, IsDropped isDropped, std::uint32_t group) {
+int trimUnsent(std::uint32_t queue, Trim trim, void *context) {
     return withSpareRing(queue, [&](HeldQueue &held, Slot *dropped, Discarded &discarded) {
-        const std::uint32_t count = takeWaiting(held, isDropped, group, dropped);
+        const std::uint32_t count = trimWaiting(held, trim, context, dropped);
         discarded.take(queue, dropped, held.shared().capacity, 0, count);
     });
 }

@@ -43,8 +43,10 @@ __attribute__((format(printf, 2, 3))) void complain(std::uint32_t moduleId, cons
 }
 
 // Whoever asked for a queue's number may have enqueued shorter messages beside the list.
-bool isOfGroup(const void *message, std::uint32_t length, std::uint32_t group) {
-    return length >= ListHeader::end && ListHeader::Group::get(message) == group;
+std::uint32_t dropGroup(void *message, std::uint32_t length, void *group) {
+    const bool isOfGroup =
+        length >= ListHeader::end && ListHeader::Group::get(message) == *static_cast<std::uint32_t *>(group);
+    return isOfGroup ? 0 : length;
 }
 
 }  // namespace
@@ -219,7 +221,7 @@ int zelSwpQListFlush(zelSwpQList *list) {
 int zelSwpQListFlushGroup(zelSwpQList *list, uint32_t group) {
     uint32_t queue = 0;
     if (zelSWPQListGetQHandle(list, group, &queue) != ZEL_SWP_SUCCESS) return ZEL_SWP_FAILURE;
-    return dropUnsent(queue, isOfGroup, group);
+    return trimUnsent(queue, dropGroup, &group);
 }
 
 int zelSwpQListRemove(zelSwpQList *list) {
