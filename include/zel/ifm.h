@@ -344,6 +344,26 @@ int ifmBitmapCompress(const uint32_t *bitmap, uint32_t bits, uint8_t *out, size_
  * rounded up to words. Never writes beyond them. */
 int ifmBitmapUncompress(const uint8_t *in, size_t length, uint32_t *bitmap, uint32_t bits);
 
+/* ---- Maps in messages -------------------------------------------------------------------------------------------- */
+
+/* A map as it travels: position p is bit 0x80 >> (p % 8) of byte p / 8, which is also a map's words, big-endian.
+ * Compressed: u16 mark 0x4c43, u16 n, then n times u16 index of a word and the u32 word, for each word that is not 0,
+ * all big-endian; zero bytes; and the mark again at the end, where no position is. */
+#define IFM_IFLIST_BYTES 620
+
+/* Compresses such a map in place; one with more than 102 words that are not 0 stays as it is, and so does one that is
+ * compressed. Bits that are no positions go. The bytes that count, IFM_IFLIST_BYTES for a map that stays;
+ * IFM_ERR_FORMAT for a compressed list that counts too much. */
+int ifmCompressIFList(void *list);
+/* The same for a list of physical ports and port channels alone: positions of VLANs go as well. */
+int ifmCompressPhyLagIFList(void *list);
+/* Makes it a plain map again; IFM_OK, also for one that is, or IFM_ERR_FORMAT with the list untouched: words out of
+ * order or range, a count that does not fit, bits that are no positions. */
+int ifmUncompressIFList(void *list);
+/* Between maps and what travels, which may be compressed; IFM_OK, or IFM_ERR_FORMAT with `map` in any state. */
+void ifmMapToBytes(const uint32_t *map, void *list);
+int ifmMapFromBytes(const void *list, uint32_t *map);
+
 /* The text of a result of this family. The caller does not free it. */
 const char *ifmPrintError(int result);
 

@@ -1,4 +1,7 @@
 // Lists of interfaces against a std::set, and their maps and compressed form.
+#include <algorithm>
+#include <array>
+#include <cstring>
 #include <memory>
 #include <set>
 
@@ -165,6 +168,61 @@ TEST(Compression, JunkIsRefusedWithinBounds) {
     const uint8_t reserved[] = {0xc0, 0x00};
     uint32_t word;
     EXPECT_EQ(ifmBitmapUncompress(reserved, sizeof reserved, &word, 32), IFM_ERR_FORMAT);
+}
+
+// Every map says the same after compression in place, also one that looks like a compressed list at its front.
+TEST(ListInMessages, IsCompressedInPlaceWhenItFits) {
+    using Bytes = std::array<uint8_t, IFM_IFLIST_BYTES>;
+    Random random = seeded();
+    for (uint32_t round = 0; round < 2000; ++round) {
+        uint32_t map[IFM_IFLIST_MAP_WORDS] = {}, back[IFM_IFLIST_MAP_WORDS];
+        const uint32_t words = round % 3 == 0 ? 100 + random() % 6 : random() % 30;
+        for (uint32_t i = 0; i < words; ++i) map[round % 3 == 0 ? i : random() % 155] = random() | 1;
+        if (round % 5 == 1) map[0] = 0x4c430000 | random() % 4, map[1] = 0;
+        map[154] &= 0xfff00000;
+        Bytes plain, list;
+        ifmMapToBytes(map, plain.data());
+        list = plain;
+        const auto used = static_cast<int>(IFM_IFLIST_MAP_WORDS - std::count(map, map + IFM_IFLIST_MAP_WORDS, 0u));
+        const int expected = used <= 102 ? 4 + 6 * used : IFM_IFLIST_BYTES;
+        for (int time = 0; time < 2; ++time) {
+            ASSERT_EQ(ifmCompressIFList(list.data()), expected);
+            ASSERT_EQ(ifmMapFromBytes(list.data(), back), IFM_OK);
+            ASSERT_EQ(memcmp(map, back, sizeof map), 0) << "round " << round;
+        }
+        ASSERT_EQ(ifmUncompressIFList(list.data()), IFM_OK);
+        ASSERT_EQ(list, plain);
+
+        ASSERT_LE(ifmCompressPhyLagIFList(list.data()), 4 + 6 * 27);
+        ASSERT_EQ(ifmMapFromBytes(list.data(), back), IFM_OK);
+        for (uint32_t word = 0; word < IFM_IFLIST_MAP_WORDS; ++word)
+            ASSERT_EQ(back[word], word < 26 ? map[word] : word == 26 ? map[word] & 0xfff00000 : 0);
+    }
+}
+
+TEST(ListInMessages, IsRefusedWhenMalformed) {
+    std::array<uint8_t, IFM_IFLIST_BYTES> good{}, list;
+    good[0] = good[40] = 1;
+    ifmCompressIFList(good.data());
+    uint32_t map[IFM_IFLIST_MAP_WORDS];
+    const struct {
+        size_t offset;
+        uint8_t value;
+    } rows[] = {{3, 103}, {2, 0xff}, {11, 0}, {11, 155}, {10, 1}};  // counts; indexes of the second word
+    for (const auto &[offset, value] : rows) {
+        list = good;
+        list[offset] = value;
+        const auto before = list;
+        EXPECT_EQ(ifmMapFromBytes(list.data(), map), IFM_ERR_FORMAT) << offset;
+        EXPECT_EQ(ifmUncompressIFList(list.data()), IFM_ERR_FORMAT);
+        EXPECT_EQ(list, before);
+    }
+    list[3] = 103;
+    EXPECT_EQ(ifmCompressIFList(list.data()), IFM_ERR_FORMAT);
+    list = {};
+    list[619] = 1;
+    EXPECT_EQ(ifmMapFromBytes(list.data(), map), IFM_ERR_FORMAT) << "bits that are no positions";
+    EXPECT_EQ(ifmCompressIFList(list.data()), 4) << "go";
 }
 
 }  // namespace
