@@ -10,14 +10,6 @@
 namespace zel::rtm {
 namespace {
 
-const std::uint8_t *bytesOf(const void *message) {
-    return static_cast<const std::uint8_t *>(message);
-}
-
-bool hasHeader(const void *message, int length, std::size_t least) {
-    return message && length >= static_cast<int>(least) && IpcHeader::Magic::get(message) == IpcHeader::magic;
-}
-
 bool isRegistration(std::uint32_t type) {
     switch (type) {
         case ZEL_RTM_MSG_REGISTER:
@@ -213,15 +205,6 @@ void writeFound(std::uint8_t *record, const zelRtmRoute &route, int family) {
         return;
     }
     writeRecord(route, family, route.vrfId, record, WithTlv::no);
-}
-
-void addressTo(void *message, std::uint32_t type, std::size_t length, std::uint32_t to, std::uint32_t queue) {
-    std::memset(message, 0, length);
-    IpcHeader::Magic::set(message, IpcHeader::magic);
-    IpcHeader::Length::set(message, static_cast<std::uint32_t>(length));
-    IpcHeader::MessageType::set(message, type);
-    IpcHeader::TargetAddress::set(message, to);
-    IpcHeader::TargetQueue::set(message, queue);
 }
 
 }  // namespace

@@ -3,13 +3,9 @@
 
 #include <cstdint>
 
-#include "base/wire.h"
-#include "ipc/ipc_header.h"
-#include "zel/rtm.h"
+#include "rtm/client.h"
 
 namespace zel::rtm {
-
-using ipc::IpcHeader;
 
 struct RegistrationMessage {
     using Handle = wire::Field<std::uint32_t, 60>;
@@ -151,11 +147,6 @@ struct ClientMessage {
     static constexpr std::size_t largest = facts + ZEL_RTM_MAX_CLIENT_FACTS * factSize;
 };
 
-struct CountersMessage {
-    static constexpr std::size_t counters = 60;
-    static constexpr std::size_t size = counters + 8 * ZEL_RTM_COUNTERS;
-};
-
 constexpr char sourceName[] = "rtm_api";
 constexpr std::uint32_t traceModule = 51;  // RTM
 
@@ -179,22 +170,15 @@ int sendAndReceive(void *message, std::uint32_t type, std::size_t length, std::s
 // The same for requests whose answer is a status alone: 0 when that is 0.
 int request(void *message, std::uint32_t type, std::size_t length, const zelIpcAddr *ipc);
 
-// A buffer for a message on `queue`, from the queue's own allocator when it has one; not zeroed, null when there is
-// none.
-void *allocateFor(std::uint32_t queue, std::size_t bytes);
-void release(std::uint32_t queue, void *message);
 // A zeroed buffer with the header filled, and the handle where queued messages have it.
 std::uint8_t *makeQueued(std::uint32_t queue, std::uint32_t type, std::size_t length, std::uint32_t handle);
-// Puts it on the queue: 0, or 1 for a message that was not taken and is released.
-int enqueue(std::uint32_t queue, void *message, std::size_t length);
-
-// Both, with what `fill` writes into the message: 0 or 1.
+// Makes one and puts it on the queue, with what `fill` writes into the message: 0 or 1.
 template <class Fill>
 int sendQueued(std::uint32_t queue, std::uint32_t type, std::size_t length, std::uint32_t handle, Fill fill) {
     std::uint8_t *message = makeQueued(queue, type, length, handle);
     if (!message) return 1;
     fill(message);
-    return enqueue(queue, message, length);
+    return enqueue(queue, message, length, sourceName);
 }
 
 }  // namespace zel::rtm

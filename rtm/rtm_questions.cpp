@@ -64,11 +64,10 @@ bool readClient(const std::uint8_t *answer, std::size_t length, zelRtmClient &cl
 using namespace zel::rtm;
 
 int zelRtmGetCounters(const zelIpcAddr *ipc, uint64_t counters[ZEL_RTM_COUNTERS]) {
-    std::uint8_t message[CountersMessage::size] = {};
+    std::uint8_t message[countersSize(ZEL_RTM_COUNTERS)] = {};
     const int received = sendAndReceive(message, ZEL_RTM_MSG_COUNTERS, IpcHeader::size, sizeof message, ipc);
     if (received < static_cast<int>(sizeof message) || IpcHeader::Status::get(message) != 0) return 1;
-    for (int i = 0; i < ZEL_RTM_COUNTERS; ++i)
-        counters[i] = zel::wire::load<std::uint64_t>(message + CountersMessage::counters + 8 * i);
+    readCounters(message, counters, ZEL_RTM_COUNTERS);
     return 0;
 }
 
@@ -109,11 +108,7 @@ int zelRtmDumpNext(zelRtmDump *dump, const zelIpcAddr *ipc, uint32_t *handle, ze
 }
 
 int zelRtmAnswerCounters(void *message, const uint64_t counters[ZEL_RTM_COUNTERS]) {
-    auto *at = static_cast<uint8_t *>(message);
-    IpcHeader::Status::set(at, 0);
-    for (int i = 0; i < ZEL_RTM_COUNTERS; ++i)
-        zel::wire::store<std::uint64_t>(at + CountersMessage::counters + 8 * i, counters[i]);
-    return static_cast<int>(CountersMessage::size);
+    return writeCounters(message, counters, ZEL_RTM_COUNTERS);
 }
 
 int zelRtmAnswerClient(void *message, uint32_t nextCursor, const zelRtmClient *client) {

@@ -10,7 +10,6 @@ namespace {
 
 constexpr std::uint32_t oneWayClientType = 26;
 constexpr std::uint16_t optionOfOneWayClient = 2;
-constexpr int requestQueueType = 1;
 
 void fillRegistration(std::uint8_t *message, std::uint32_t clientType, std::uint32_t scope, const char *name,
                       const zelIpcAddr &ipc) {

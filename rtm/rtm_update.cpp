@@ -33,7 +33,7 @@ unsigned shortened(const void *pointer) {
 }
 
 std::uint8_t *makeBatch(std::uint32_t queue, std::uint32_t handle, std::uint8_t routeSource, int family) {
-    auto *batch = static_cast<std::uint8_t *>(allocateFor(queue, BatchMessage::capacity));
+    auto *batch = static_cast<std::uint8_t *>(allocateFor(queue, BatchMessage::capacity, sourceName));
     if (!batch) return nullptr;
     std::memset(batch, 0, BatchMessage::routes);
     buildIpcHeader(batch, family == ZEL_RTM_IPV4_MULTICAST ? ZEL_RTM_MSG_UPDATE_MULTICAST : ZEL_RTM_MSG_UPDATE,
@@ -120,7 +120,7 @@ int send(std::uint8_t *batch, const Destination &to) {
     const int result =
         to.list ? zelSWPQListEnqueue(to.list, to.group, batch, length) : zelSwpEnqueue(to.queue, batch, length);
     if (result == ZEL_SWP_SUCCESS) return 0;
-    release(to.queue, batch);
+    release(to.queue, batch, sourceName);
     return result == ZEL_SWP_QUEUE_FULL ? 2 : 1;
 }
 
@@ -167,16 +167,10 @@ int zelRtmUpdateRoute(uint32_t handle, uint32_t operation, const zelRtmRoute *ro
 void zelRtmDropPending(void **pending, uint32_t queue, zelSwpQList *list, uint32_t vrfId) {
     Destination to;
     if (!pending || !*pending || !findDestination(queue, list, 0, vrfId, to)) return;
-    release(to.queue, *pending);
+    release(to.queue, *pending, sourceName);
     *pending = nullptr;
 }
 
 int zelRtmUpdateRouteSwpAck(uint32_t queue) {
-    void *message = nullptr;
-    const int result = zelSwpDequeue(queue, &message);
-    if (result != ZEL_SWP_SUCCESS || !message) return result ? result : ZEL_SWP_DELETE_FAILED;
-    using zel::ipc::SwpHeader;
-    const auto *header = static_cast<const std::uint8_t *>(message) + SwpHeader::offsetInMessage;
-    release(SwpHeader::Queue::get(header), message);
-    return 0;
+    return releaseAcknowledged(queue, sourceName);
 }

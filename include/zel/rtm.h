@@ -103,7 +103,7 @@ typedef enum {
     ZEL_RTM_STATUS_UNREACHABLE = 5 /* redistribution: the client is not in the task table */
 } zelRtmStatus;
 
-/* The caller's IPC address, passed to every operation; `extra` does not travel. */
+/* The caller's IPC address, passed to every operation; `extra` travels in registrations of zel/mrtm.h alone. */
 typedef struct {
     uint32_t service;
     uint32_t taskKey;
