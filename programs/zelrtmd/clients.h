@@ -1,12 +1,11 @@
-// The clients of the route table manager: who registered, under which handle, for what.
+// The clients of the route table manager, and what holds for each.
 #pragma once
 
 #include <compare>
 #include <cstdint>
 #include <set>
-#include <string>
-#include <vector>
 
+#include "programs/support/client_table.h"
 #include "zel/rtm.h"
 
 namespace zelrtmd {
@@ -19,12 +18,7 @@ struct Fact {
     auto operator<=>(const Fact &) const = default;
 };
 
-struct Client {
-    std::uint32_t handle = 0;  // 0: the slot is free
-    std::string name;
-    std::uint32_t type = 0;
-    std::uint32_t address = 0;
-    std::uint32_t receiveQueue = 0;
+struct Client : zel::programs::ClientRecord {
     std::set<Fact> facts;
 
     // False when there is no room for another one.
@@ -32,27 +26,12 @@ struct Client {
     bool accepts(int family, std::uint32_t clientType) const;
 };
 
-class Clients {
+class Clients : public zel::programs::ClientTable<Client> {
 public:
-    explicit Clients(std::size_t most);
+    using ClientTable::ClientTable;
 
     // The same name from the same queue gets the handle it had, and what it registers for is added.
     zelRtmStatus enter(const zelRtmRegistration &registration, std::uint32_t &handle);
-    Client *find(std::uint32_t handle);
-    // As find, but only for a message that came from the client's own endpoint.
-    Client *findSender(std::uint32_t handle, const void *message);
-    bool isAnyAt(std::uint32_t address) const;
-    void remove(Client &client);
-    std::size_t count() const;
-    // The client in this slot or the next one that has any, whose number is stored; null behind the last.
-    const Client *next(std::uint32_t &slot) const;
-
-private:
-    Client *findSame(const zelRtmRegistration &registration);
-    std::uint32_t nextHandle(std::size_t slot);
-
-    std::vector<Client> slots_;
-    std::uint32_t generation_;  // so that handles of an earlier life of the manager are not taken for present ones
 };
 
 }  // namespace zelrtmd

@@ -63,7 +63,7 @@ void Manager::takePoll(const std::uint8_t *message, int length) {
         const bool isStart = query.subcommand == ZEL_RTM_POLL_START;
         const bool isValid = isStart ? pollers_.size() < mostPollers : query.subcommand == ZEL_RTM_POLL_STOP;
         if (!isValid || !clients_.findSender(query.handle, message)) {
-            ++counts_[ZEL_RTM_COUNT_REFUSED];
+            ++refused_;
             return;
         }
         pollers_.remove_if([&](const Poller &poller) {
@@ -91,7 +91,7 @@ bool Manager::tell(Poller &poller, bool always) {
     if (!always && message == poller.lastAnswer) return true;
     poller.lastAnswer = message;
     ++counts_[ZEL_RTM_COUNT_POLL_ANSWERS];
-    zelIpcNonGuaranteedSend(key_, message.data(), length);
+    zelIpcNonGuaranteedSend(key(), message.data(), length);
     return true;
 }
 

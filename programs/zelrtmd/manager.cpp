@@ -1,94 +1,34 @@
 #include "manager.h"
 
-#include <cstdio>
-
-#include "programs/support/program.h"
-
 namespace zelrtmd {
 namespace {
 
-constexpr unsigned commandByte = 4;
-constexpr unsigned messageTypeWord = 12;
-constexpr unsigned packetTypeWord = 24;
 constexpr unsigned sourceAddressWord = 40;
-constexpr unsigned sequenceWord = 64;  // two words
-constexpr unsigned handleWord = 132;   // of queued messages
-constexpr int requestQueue = 1;
-constexpr int receiveSeconds = 1;
-constexpr std::size_t mostBytes = 65536;
+constexpr unsigned handleWord = 132;  // of queued messages
 constexpr std::size_t mostTables = 1024;
-// Room for the windows of many sources at once.
-constexpr int receiveBuffer = 8 << 20;
-constexpr std::uint32_t acknowledgementInterval = ZEL_SWP_DEFAULT_WINDOW;
 
 }  // namespace
 
 Manager::Manager(std::uint32_t key, const Options &options)
-    : key_(key),
+    : zel::programs::Manager(key, "zelrtmd"),
       options_(options),
-      receiver_(zelSwpReceiverCreate(key, 0, acknowledgementInterval)),
       clients_(options.mostClients),
-      redistribution_(key, clients_, tables_) {
-    zelTmrHeadInit(&timers_, nullptr, nullptr, 0, 0);
-    int error = 0;
-    if (zelIpcSetRecvBufferLimit(key | requestQueue, receiveBuffer, &error) != 0)
-        fprintf(stderr, "zelrtmd: the receive buffer stays small (error %d)\n", error);
+      redistribution_(key, clients_, tables_),
+      clears_([this](const auto &request) { sendClear(request); }) {}
+
+bool Manager::isFromClient(const std::uint8_t *message, int length) {
+    return length >= static_cast<int>(handleWord + sizeof(std::uint32_t)) &&
+           clients_.findSender(zelIpcHdrGet32(message, handleWord), message);
 }
 
-Manager::~Manager() {
-    zelSwpReceiverDestroy(receiver_);
+void Manager::takeAcknowledgement(const std::uint8_t *message, int length) {
+    redistribution_.takeAcknowledgement(message, length);
 }
 
-int Manager::run() {
-    if (!receiver_) return 1;
-    std::vector<std::uint8_t> buffer(mostBytes);
-    int wait = receiveSeconds;
-    while (!zel::programs::isStopping()) {
-        const int length = zelIpcRecv(key_ | requestQueue, buffer.data(), static_cast<int>(buffer.size()), wait, 0, 0);
-        if (length > 0)
-            dispatch(buffer.data(), length);
-        else
-            zelSwpReceiverFlush(receiver_);  // what waited for more was followed by something that was no message
-        wait = followUp() ? ZEL_NO_WAIT : receiveSeconds;
-    }
-    return 0;
-}
-
-// Acknowledgements and answers are told apart first: nothing that we send is ever answered, so that nobody can make us
-// talk to ourselves by sending in our name.
-void Manager::dispatch(std::uint8_t *message, int length) {
-    const std::uint32_t type = zelIpcHdrGet32(message, messageTypeWord);
-    const bool isAcknowledgement = zelIpcHdrGet32(message, packetTypeWord) == ZEL_SWP_ACK_PACKET;
-    if (!isAcknowledgement && zelRtmIsQueued(type)) {
-        if (beginsForNobody(message, length)) return;
-        if (zelSwpReceiverCheck(receiver_, message, length) != ZEL_SWP_MATCHED) return;
-        takeQueued(type, message, length);
-        zelSwpReceiverAnswer(receiver_, message);
-        return;
-    }
-    if (isAcknowledgement)
-        redistribution_.takeAcknowledgement(message, length);
-    else if (type != zel::programs::wakeType && message[commandByte] != ZEL_IPC_RSP)
-        answer(type, message, length);
-    // The queued message before it may have left its acknowledgement to the one that it saw waiting.
-    zelSwpReceiverFlush(receiver_);
-}
-
-// The first message of a stream whose client is unknown: it registered with a manager that is gone, and would believe
-// that this one has its routes if we acknowledged them. Without an answer it will register again.
-bool Manager::beginsForNobody(const std::uint8_t *message, int length) {
-    const auto least = static_cast<int>(handleWord + sizeof(std::uint32_t));
-    if (length < least || clients_.findSender(zelIpcHdrGet32(message, handleWord), message)) return false;
-    if (zelIpcHdrGet32(message, sequenceWord) != 0 || zelIpcHdrGet32(message, sequenceWord + 4) != 0) return false;
-    ++counts_[ZEL_RTM_COUNT_REFUSED];
-    return true;
-}
-
-// What a message, or time, has brought about for others; true when there is more of that at once.
 bool Manager::followUp() {
     if (tablesChanged_ && !pollers_.empty()) tellPollers();
     tablesChanged_ = false;
-    zelProcTimers(&timers_);
+    clears_.process();
     return redistribution_.serve();
 }
 
@@ -99,7 +39,7 @@ void Manager::takeQueued(std::uint32_t type, const std::uint8_t *message, int le
     if (Client *client = clients_.findSender(request.handle, message))
         takeQueuedRequest(request, *client);
     else
-        ++counts_[ZEL_RTM_COUNT_REFUSED];
+        ++refused_;
 }
 
 void Manager::answer(std::uint32_t type, std::uint8_t *message, int length) {
@@ -137,16 +77,6 @@ void Manager::answerQuestion(std::uint32_t type, std::uint8_t *message, int leng
     reply(message, zelRtmAnswerCounters(message, counts_));
 }
 
-void Manager::reply(std::uint8_t *message, int length) {
-    zelIpcReply(key_, message, length);
-}
-
-void Manager::refuse(std::uint8_t *message, int length, zelRtmStatus status) {
-    ++counts_[ZEL_RTM_COUNT_REFUSED];
-    zelRtmSetStatus(message, static_cast<std::uint32_t>(status));
-    reply(message, length);
-}
-
 // ---- Batches --------------------------------------------------------------------------------------------------------
 
 void Manager::takeBatch(const std::uint8_t *message, int length) {
@@ -157,7 +87,7 @@ void Manager::takeBatch(const std::uint8_t *message, int length) {
     }
     const Client *client = clients_.findSender(batch.handle, message);
     if (!client) {
-        ++counts_[ZEL_RTM_COUNT_REFUSED];
+        ++refused_;
         return;
     }
     ++counts_[ZEL_RTM_COUNT_BATCHES];
@@ -180,7 +110,7 @@ void Manager::apply(std::uint32_t operation, std::uint32_t handle, const zelRtmB
 void Manager::count(Change change) {
     if (change == Change::replaced) ++counts_[ZEL_RTM_COUNT_REPLACED];
     if (change == Change::unknown) ++counts_[ZEL_RTM_COUNT_UNKNOWN_DELETES];
-    if (change == Change::refused) ++counts_[ZEL_RTM_COUNT_REFUSED];
+    if (change == Change::refused) ++refused_;
 }
 
 Table *Manager::find(int family, std::uint32_t vrf) {
@@ -201,10 +131,7 @@ Table *Manager::findOrMake(int family, std::uint32_t vrf) {
 }
 
 void Manager::sumUp() {
-    zelSwpReceiverStats streams{};
-    zelSwpReceiverGetStats(receiver_, &streams);
-    zelIpcQueueStats queue{};
-    zelIpcGetQueueStats(key_ | requestQueue, &queue);
+    const zelSwpReceiverStats received = streams();
     counts_[ZEL_RTM_COUNT_CLIENTS] = clients_.count();
     counts_[ZEL_RTM_COUNT_TABLES] = tables_.size();
     counts_[ZEL_RTM_COUNT_PREFIXES] = counts_[ZEL_RTM_COUNT_ROUTES] = 0;
@@ -212,9 +139,10 @@ void Manager::sumUp() {
         counts_[ZEL_RTM_COUNT_PREFIXES] += table->prefixes();
         counts_[ZEL_RTM_COUNT_ROUTES] += table->routes();
     }
-    counts_[ZEL_RTM_COUNT_DUPLICATES] = streams.duplicates;
-    counts_[ZEL_RTM_COUNT_GAPS] = streams.gaps + streams.unknown;
-    counts_[ZEL_RTM_COUNT_DROPPED_BY_HOST] = queue.droppedByHost;
+    counts_[ZEL_RTM_COUNT_DUPLICATES] = received.duplicates;
+    counts_[ZEL_RTM_COUNT_GAPS] = received.gaps + received.unknown;
+    counts_[ZEL_RTM_COUNT_DROPPED_BY_HOST] = droppedByHost();
+    counts_[ZEL_RTM_COUNT_REFUSED] = refused_;
     counts_[ZEL_RTM_COUNT_REDISTRIBUTED] = redistribution_.told();
 }
 

@@ -1,8 +1,4 @@
-// The route table manager: one task that receives, one message at a time.
-//
-// Queued messages go through the stream receiver first, which acknowledges them and drops what came before or too
-// early; requests are answered in place. Every message is checked as a whole by the library's parsers before anything
-// is believed.
+// The route table manager: its tables, by family and VRF, and what its clients ask of it.
 #pragma once
 
 #include <cstdint>
@@ -12,6 +8,7 @@
 #include <vector>
 
 #include "clients.h"
+#include "programs/support/manager.h"
 #include "redistribution.h"
 #include "table.h"
 #include "zel/ipc.h"
@@ -25,15 +22,9 @@ struct Options {
     bool onlyCounts = false;  // routes are counted and forgotten, to measure the road without the table
 };
 
-class Manager {
+class Manager : public zel::programs::Manager {
 public:
     Manager(std::uint32_t key, const Options &options);
-    ~Manager();
-    Manager(const Manager &) = delete;
-    Manager &operator=(const Manager &) = delete;
-
-    // Serves until the program is asked to stop.
-    int run();
 
 private:
     // A question that a client wants answered whenever its answer changes.
@@ -47,29 +38,13 @@ private:
         std::uint32_t bits = 0;
     };
 
-    // A clear request until it is acknowledged, and the timer that repeats it.
-    struct Clear {
-        Clear(Manager &manager, std::uint32_t handle, std::uint32_t vrf, std::uint32_t sequence);
-        ~Clear();
-        Clear(const Clear &) = delete;
-        Clear &operator=(const Clear &) = delete;
-
-        Manager &manager;
-        std::uint32_t handle;
-        std::uint32_t vrf;
-        std::uint32_t sequence;
-        int sent = 0;  // times
-        zelTimer *timer;
-    };
-
-    void dispatch(std::uint8_t *message, int length);
-    bool beginsForNobody(const std::uint8_t *message, int length);
-    bool followUp();
-    void takeQueued(std::uint32_t type, const std::uint8_t *message, int length);
-    void answer(std::uint32_t type, std::uint8_t *message, int length);
+    bool isQueued(std::uint32_t type) const override { return zelRtmIsQueued(type) != 0; }
+    bool isFromClient(const std::uint8_t *message, int length) override;
+    void takeQueued(std::uint32_t type, const std::uint8_t *message, int length) override;
+    void answer(std::uint32_t type, std::uint8_t *message, int length) override;
+    void takeAcknowledgement(const std::uint8_t *message, int length) override;
+    bool followUp() override;
     void answerQuestion(std::uint32_t type, std::uint8_t *message, int length);
-    void reply(std::uint8_t *message, int length);
-    void refuse(std::uint8_t *message, int length, zelRtmStatus status);
 
     void takeBatch(const std::uint8_t *message, int length);
     void apply(std::uint32_t operation, std::uint32_t handle, const zelRtmBatch &batch, const zelRtmRoute &route);
@@ -88,9 +63,7 @@ private:
     void forget(Client &client);
     void dropPollers(std::uint32_t handle, std::optional<int> family, std::optional<std::uint32_t> vrf);
     void clear(std::uint32_t vrf);
-    void ask(Clear &clear);
-    static void askAgain(intptr_t clear);
-    bool takeClearAck(const zelRtmRequest &request);
+    void sendClear(const zel::programs::ClearRequests::Request &request);
     zelRtmStatus redistribute(const zelRtmRequest &request, Client &client);
     void showClient(std::uint8_t *message, int length);
     void dump(std::uint8_t *message, int length);
@@ -102,18 +75,14 @@ private:
     bool tell(Poller &poller, bool always);
     void tellPollers();
 
-    std::uint32_t key_;
     Options options_;
-    zelSwpReceiver *receiver_;
     Clients clients_;
     Tables tables_;
     Redistribution redistribution_;
     Table *lastTable_ = nullptr;
     std::list<Poller> pollers_;
     bool tablesChanged_ = false;
-    zelTmrHead timers_{};
-    std::list<Clear> clears_;
-    std::uint32_t clearSequence_ = 0;
+    zel::programs::ClearRequests clears_;
     std::uint64_t counts_[ZEL_RTM_COUNTERS] = {};
 };
 

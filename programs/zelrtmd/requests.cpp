@@ -9,8 +9,6 @@ namespace {
 
 constexpr int registrationLength = 168;
 constexpr unsigned commandByte = 4;
-constexpr int mostClearsSent = 5;
-constexpr std::uint32_t secondsBetweenClears = 1;
 
 }  // namespace
 
@@ -29,7 +27,7 @@ void Manager::registerClient(std::uint8_t *message, int length) {
         zelIpcSetSourceHeader(message, 0, ZEL_RTM_SERVICE, 0);
         zelIpcSetTargetHeader(message, registration.sourceAddress, 0, static_cast<int>(registration.address.service),
                               static_cast<int>(registration.address.instance));
-        zelIpcNonGuaranteedSend(key_, message, registrationLength);
+        zelIpcNonGuaranteedSend(key(), message, registrationLength);
         return;
     }
     reply(message, registrationLength);
@@ -91,7 +89,8 @@ void Manager::takeQueuedRequest(const zelRtmRequest &request, Client &client) {
                                request.vrfId ? std::optional(request.vrfId) : std::nullopt);
         case ZEL_RTM_MSG_CLEAR_ACK:
         case ZEL_RTM_MSG_CLEAR_ACK_AF:
-            ++counts_[takeClearAck(request) ? ZEL_RTM_COUNT_CLEAR_ACKS : ZEL_RTM_COUNT_REFUSED];
+            ++(clears_.acknowledge(request.handle, request.sequenceWord) ? counts_[ZEL_RTM_COUNT_CLEAR_ACKS]
+                                                                         : refused_);
             return;
         case ZEL_RTM_MSG_REDISTRIBUTE_DELETE:
             return redistribution_.dropRules(client, request.option);
@@ -131,7 +130,7 @@ void Manager::forget(Client &client) {
     withdraw(client.handle, std::nullopt, std::nullopt);
     dropPollers(client.handle, std::nullopt, std::nullopt);
     redistribution_.forget(client.handle);
-    clears_.remove_if([&](const Clear &clear) { return clear.handle == client.handle; });
+    clears_.forget(client.handle);
     clients_.remove(client);
 }
 
@@ -145,45 +144,18 @@ void Manager::dropPollers(std::uint32_t handle, std::optional<int> family, std::
 
 // ---- Clear requests -------------------------------------------------------------------------------------------------
 
-Manager::Clear::Clear(Manager &itsManager, std::uint32_t itsHandle, std::uint32_t itsVrf, std::uint32_t itsSequence)
-    : manager(itsManager),
-      handle(itsHandle),
-      vrf(itsVrf),
-      sequence(itsSequence),
-      timer(zelTimerCreate(askAgain, reinterpret_cast<intptr_t>(this), secondsBetweenClears, ZEL_TIMER_PERIODIC,
-                           &manager.timers_)) {}
-
-Manager::Clear::~Clear() {
-    zelTimerDelete(timer, &manager.timers_);
-}
-
 // Empties the tables of a VRF and asks those whose routes went to send them again.
 void Manager::clear(std::uint32_t vrf) {
-    for (const std::uint32_t owner : withdraw(0, std::nullopt, vrf))
-        ask(clears_.emplace_back(*this, owner, vrf, ++clearSequence_));
+    for (const std::uint32_t owner : withdraw(0, std::nullopt, vrf)) clears_.ask(owner, 0, vrf);
 }
 
-void Manager::ask(Clear &clear) {
-    const Client *client = clients_.find(clear.handle);
-    ++clear.sent;
+void Manager::sendClear(const zel::programs::ClearRequests::Request &request) {
+    const Client *client = clients_.find(request.handle);
     if (!client) return;
     std::uint8_t message[ZEL_IPC_HDR_LEN + 64];
     const int length =
-        zelRtmBuildClear(message, clear.handle, clear.vrf, clear.sequence, client->address, client->receiveQueue);
-    zelIpcNonGuaranteedSend(key_, message, length);
-}
-
-// The requests are single datagrams, so one that nobody acknowledged may have been lost.
-void Manager::askAgain(intptr_t argument) {
-    auto &clear = *reinterpret_cast<Clear *>(argument);
-    if (clear.sent < mostClearsSent) return clear.manager.ask(clear);
-    clear.manager.clears_.remove_if([&](const Clear &other) { return &other == &clear; });
-}
-
-bool Manager::takeClearAck(const zelRtmRequest &request) {
-    return clears_.remove_if([&](const Clear &clear) {
-        return clear.handle == request.handle && clear.sequence == request.sequenceWord;
-    }) > 0;
+        zelRtmBuildClear(message, request.handle, request.vrf, request.sequence, client->address, client->receiveQueue);
+    zelIpcNonGuaranteedSend(key(), message, length);
 }
 
 // ---- Redistribution rules and clients -------------------------------------------------------------------------------
