@@ -24,11 +24,21 @@ there until it is ended. IDENTITY is the eight arguments that the task manager p
       --distance N      preference of the routes, smaller is better (default 20)
       --interface N     outgoing interface of the next hops, 0 for hops to be resolved (default 1)
       --window N        messages in flight (default: the queue's)
+      --vrfs N          push all routes into each of the VRFs 0 to N - 1 (default 1)
+      --queues N        spread the VRFs over a list of N queues, at most one for each VRF
       --quit            end when everything is acknowledged
   -h, --help            this text
 )";
 
-enum LongOnly { optionReport = 256, optionDistance, optionInterface, optionWindow, optionQuit };
+enum LongOnly {
+    optionReport = 256,
+    optionDistance,
+    optionInterface,
+    optionWindow,
+    optionVrfs,
+    optionQueues,
+    optionQuit
+};
 constexpr option longOptions[] = {
     {"table", required_argument, nullptr, 't'},
     {"updates", required_argument, nullptr, 'u'},
@@ -36,6 +46,8 @@ constexpr option longOptions[] = {
     {"distance", required_argument, nullptr, optionDistance},
     {"interface", required_argument, nullptr, optionInterface},
     {"window", required_argument, nullptr, optionWindow},
+    {"vrfs", required_argument, nullptr, optionVrfs},
+    {"queues", required_argument, nullptr, optionQueues},
     {"quit", no_argument, nullptr, optionQuit},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
@@ -63,6 +75,12 @@ bool parseOptions(int argc, char **argv, zelroutes::Options &options) {
             case optionWindow:
                 isValid = readNumber<std::uint32_t>(optarg, 1, ZEL_SWP_DEFAULT_CAPACITY, options.window);
                 break;
+            case optionVrfs:
+                isValid = readNumber<std::uint32_t>(optarg, 1, 1024, options.vrfs);
+                break;
+            case optionQueues:
+                isValid = readNumber<std::uint32_t>(optarg, 1, 64, options.queues);
+                break;
             case optionQuit:
                 options.quits = true;
                 break;
@@ -74,7 +92,7 @@ bool parseOptions(int argc, char **argv, zelroutes::Options &options) {
         }
         if (!isValid) return false;
     }
-    return !options.table.empty();
+    return !options.table.empty() && options.queues <= options.vrfs;
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ constexpr std::uint32_t retransmitSeconds = 1;
 constexpr std::uint8_t retransmissions = 5;
 constexpr int retryTicks = 25;
 constexpr int waitSeconds = 1;
-constexpr std::uint32_t vrf = 0;
+constexpr std::uint32_t traceModule = 51;  // RTM
 
 // Set by the queue's callback, which runs in the timer task or under a call of ours: the code that ended the stream.
 std::atomic<int> streamEnded = 0;
@@ -39,16 +39,17 @@ Source::Source(std::uint32_t key, const Options &options) : key_(key), options_(
     route_.protocol = static_cast<std::uint8_t>(address_.service);
     route_.distance = options.distance;
     route_.hop[0].ifIndex = options.interface;
+    lanes_.resize(options.vrfs);
+    for (Lane &lane : lanes_) lane.vrf = static_cast<std::uint32_t>(&lane - lanes_.data());
 }
 
 Source::~Source() {
-    if (queue_ == 0) return;
-    zelRtmDropPending(&pending_, queue_, nullptr, vrf);
-    zelSwpQueueRemove(queue_);
+    dropPending();
+    removeQueues();
 }
 
 int Source::run() {
-    if (!load() || !makeQueue() || !connect()) return isStopping() ? 0 : 1;
+    if (!load() || !makeQueues() || !connect()) return isStopping() ? 0 : 1;
     if (pushUntilDone() && !options_.quits) watch();
     return 0;
 }
@@ -80,17 +81,44 @@ bool Source::load() {
 }
 
 // The look-up of the manager's address inside may wait for the manager to come up.
-bool Source::makeQueue() {
-    const int result = zelSwpQueueCreate(static_cast<int>(address_.service), static_cast<int>(address_.instance),
-                                         ZEL_RTM_SERVICE, receiverInstance, 0, options_.window, retransmitSeconds,
-                                         retransmissions, noteTrouble, &queue_);
+bool Source::makeQueues() {
+    int result;
+    if (options_.queues > 0)
+        result = makeList();
+    else
+        result = zelSwpQueueCreate(static_cast<int>(address_.service), static_cast<int>(address_.instance),
+                                   ZEL_RTM_SERVICE, receiverInstance, 0, options_.window, retransmitSeconds,
+                                   retransmissions, noteTrouble, &queues_.emplace_back());
     if (result == ZEL_SWP_SUCCESS) {
-        zel::programs::useHeap(queue_);
+        for (const std::uint32_t queue : queues_) zel::programs::useHeap(queue);
         return true;
     }
-    queue_ = 0;
+    queues_.clear();
     fprintf(stderr, "zelroutes: no queue to the route table manager (%s)\n", zelSwpGetErr(result));
     return false;
+}
+
+// A list with a group for each VRF; the first VRFs take one queue each, and so all of them.
+int Source::makeList() {
+    const int result =
+        zelSwpQListCreate(static_cast<int>(address_.service), static_cast<int>(address_.instance), ZEL_RTM_SERVICE,
+                          receiverInstance, 0, options_.window, retransmitSeconds, retransmissions, noteTrouble,
+                          options_.queues, options_.vrfs, traceModule, &list_);
+    if (result != ZEL_SWP_SUCCESS) return result;
+    for (const Lane &lane : lanes_) {
+        std::uint32_t queue = 0;
+        if (zelSWPQListAddMsgGroup(list_, lane.vrf) != ZEL_SWP_SUCCESS) return ZEL_SWP_FAILURE;
+        zelSWPQListGetQHandle(list_, lane.vrf, &queue);
+        if (lane.vrf < options_.queues) queues_.push_back(queue);
+    }
+    return ZEL_SWP_SUCCESS;
+}
+
+void Source::removeQueues() {
+    if (list_)
+        zelSwpQListRemove(list_);
+    else if (!queues_.empty())
+        zelSwpQueueRemove(queues_.front());
 }
 
 bool Source::registerOnce() {
@@ -112,49 +140,72 @@ std::uint32_t Source::operationOf(const Row &row) const {
 }
 
 Source::Push Source::pushAll() {
-    batchBegin_ = 0;
-    for (std::size_t index = 0; index < table_.rows.size();) {
-        const Push result = pushRow(index);
-        if (result != Push::done && result != Push::lost) return result;
-        index = result == Push::lost ? batchBegin_ : index + 1;
+    for (Lane &lane : lanes_) lane.next = lane.batchBegin = 0;
+    for (bool isLeft = true; isLeft;) {
+        isLeft = false;
+        for (Lane &lane : lanes_) {
+            if (lane.next == table_.rows.size()) continue;
+            const Push result = pushRow(lane);
+            if (result != Push::done) return result;
+            isLeft = true;
+        }
     }
-    const Push result = flushPending();
-    return result == Push::done ? awaitRoom(0) : result;
+    for (Lane &lane : lanes_)
+        if (const Push result = flushPending(lane); result != Push::done) return result;
+    return awaitRoom(0);
 }
 
-// Appends a row; the batch may leave with it, or be lost to a full queue: then its rows, from batchBegin_, come again.
-// Waits while enough is queued.
-Source::Push Source::pushRow(std::size_t index) {
-    const Row &row = table_.rows[index];
-    if (pending_ && row.family != pendingFamily_) {
-        const Push result = flushPending();
+int Source::update(Lane &lane, std::uint32_t operation, const zelRtmRoute *route) {
+    return zelRtmUpdateRoute(handle_, operation, route, &lane.pending, &address_,
+                             list_ ? ZEL_RTM_QUEUE_LIST : queues_.front(), static_cast<std::uint8_t>(address_.service),
+                             lane.family, list_, lane.vrf);
+}
+
+// Appends the lane's next row; the batch may leave with it, or be lost to a full queue: then its rows come again. Waits
+// while enough is queued.
+Source::Push Source::pushRow(Lane &lane) {
+    const Row &row = table_.rows[lane.next];
+    if (lane.pending && row.family != lane.family) {
+        const Push result = flushPending(lane);
         if (result != Push::done) return result;
-        batchBegin_ = index;
+        lane.batchBegin = lane.next;
     }
     routeOfRow(table_, row, route_);
-    pendingFamily_ = row.family;
-    const int result = zelRtmUpdateRoute(handle_, operationOf(row), &route_, &pending_, &address_, queue_,
-                                         static_cast<std::uint8_t>(address_.service), row.family, nullptr, vrf);
-    if (pending_) return Push::done;
+    lane.family = row.family;
+    const int result = update(lane, operationOf(row), &route_);
+    ++lane.next;
+    if (lane.pending) return Push::done;
     if (result == 1) {
         streamEnded = ZEL_SWP_FAILURE;
         return Push::startOver;
     }
-    const Push room = awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_));
     if (result == 0) {
-        batchBegin_ = index + 1;
-        return room;
+        lane.batchBegin = lane.next;
+    } else {
+        lane.next = lane.batchBegin;
+        ++queueFull_;
     }
-    ++queueFull_;
-    return room == Push::done ? Push::lost : room;
+    return awaitRoom(roomForMore());
 }
 
-Source::Push Source::flushPending() {
-    if (!pending_) return Push::done;
-    const int result = zelRtmUpdateRoute(handle_, ZEL_RTM_ADD, nullptr, &pending_, &address_, queue_,
-                                         static_cast<std::uint8_t>(address_.service), pendingFamily_, nullptr, vrf);
-    if (result != 0) streamEnded = ZEL_SWP_FAILURE;
-    return awaitRoom(windowsQueued * zelSwpGetMwpQWinSize(queue_));
+Source::Push Source::flushPending(Lane &lane) {
+    if (!lane.pending) return Push::done;
+    if (update(lane, ZEL_RTM_ADD, nullptr) != 0) streamEnded = ZEL_SWP_FAILURE;
+    return awaitRoom(roomForMore());
+}
+
+void Source::dropPending() {
+    for (Lane &lane : lanes_)
+        if (lane.pending)
+            zelRtmDropPending(&lane.pending, list_ ? ZEL_RTM_QUEUE_LIST : queues_.front(), list_, lane.vrf);
+}
+
+int Source::roomForMore() const {
+    return windowsQueued * zelSwpGetMwpQWinSize(queues_.front()) * static_cast<int>(queues_.size());
+}
+
+int Source::queued() const {
+    return list_ ? zelSwpQListGetLen(list_) : zelSwpQueueGetLen(queues_.front());
 }
 
 // Takes acknowledgements until at most that many messages are queued.
@@ -162,7 +213,7 @@ Source::Push Source::awaitRoom(int most) {
     for (;;) {
         if (isStopping()) return Push::stopped;
         if (mustStartOver()) return Push::startOver;
-        if (zelSwpQueueGetLen(queue_) <= most) return Push::done;
+        if (queued() <= most) return Push::done;
         receive(waitSeconds);
     }
 }
@@ -174,17 +225,18 @@ bool Source::mustStartOver() const {
 bool Source::startOver() {
     const bool streamLives = streamEnded == 0;
     wasCleared_ = false;
-    zelRtmDropPending(&pending_, queue_, nullptr, vrf);
+    dropPending();
     if (streamLives) return true;
     printf("zelroutes: %u: the route table manager %s; registering again\n", address_.service,
            streamEnded == ZEL_SWP_SEQ_FAILURE ? "started anew" : "does not answer");
     ++recoveries_;
     streamEnded = 0;
-    zelSwpQueueFlush(queue_);
+    for (const std::uint32_t queue : queues_) zelSwpQueueFlush(queue);
     if (!connect()) return false;
-    zelRtmFlushRoutesAFSwp(handle_, &address_, queue_, ZEL_RTM_IPV4_UNICAST);
-    zelRtmFlushRoutesAFSwp(handle_, &address_, queue_, ZEL_RTM_IPV6_UNICAST);
-    return true;
+    zelRtmFlushRoutesAFSwp(handle_, &address_, queues_.front(), ZEL_RTM_IPV4_UNICAST);
+    zelRtmFlushRoutesAFSwp(handle_, &address_, queues_.front(), ZEL_RTM_IPV6_UNICAST);
+    // On another queue routes could overtake the flushes.
+    return queues_.size() == 1 || awaitRoom(0) != Push::stopped;
 }
 
 // One message, or nothing within that time.
@@ -196,24 +248,30 @@ bool Source::receive(int seconds) {
 }
 
 void Source::takeMessage(const std::uint8_t *message, int length) {
-    std::uint32_t queue = 0, clearHandle, clearVrf, sequence;
+    std::uint32_t queue, clearHandle, clearVrf, sequence;
     if (zelIpcHdrGet32(message, messageTypeWord) == zel::programs::wakeType) return;
     if (zelRtmParseClear(message, length, &clearHandle, &clearVrf, &sequence) == 0) {
         if (clearHandle == handle_) {
-            zelRtmClearIpRouteSwpAck(handle_, &address_, queue_, sequence);
+            zelRtmClearIpRouteSwpAck(handle_, &address_, queues_.front(), sequence);
             wasCleared_ = true;
         }
         return;
     }
-    zelSwpProcAck(message, length, &queue);
-    while (zelRtmUpdateRouteSwpAck(queue_) == 0) continue;
+    if (zelSwpProcAck(message, length, &queue) != ZEL_SWP_SUCCESS) return;
+    while (zelRtmUpdateRouteSwpAck(queue) == 0) continue;
 }
 
 // What the demonstration reads: one "name value" per line.
 void Source::report() {
     if (options_.report.empty()) return;
     zelSwpStatus status{};
-    zelSwpGetQueueStatus(queue_, &status);
+    for (const std::uint32_t queue : queues_) {
+        zelSwpStatus one{};
+        zelSwpGetQueueStatus(queue, &one);
+        status.enqueued += one.enqueued;
+        status.sent += one.sent;
+        status.retransmitted += one.retransmitted;
+    }
     const std::string partial = options_.report + ".part";
     FILE *file = fopen(partial.c_str(), "we");
     if (!file) return;
@@ -232,7 +290,7 @@ void Source::report() {
 // it does not know the stream, and one that is gone does not answer at all.
 void Source::watch() {
     while (!isStopping()) {
-        if (!receive(waitSeconds)) zelRtmFlushPollerRoutesSwp(handle_, &address_, queue_);
+        if (!receive(waitSeconds)) zelRtmFlushPollerRoutesSwp(handle_, &address_, queues_.front());
         if (mustStartOver() && startOver()) pushUntilDone();
     }
 }

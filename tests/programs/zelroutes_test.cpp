@@ -45,12 +45,14 @@ void note(Content &content, int family, const zelRtmRoute &route, bool isWithdra
 class Zelroutes : public testing::Test {
 protected:
     explicit Zelroutes(const std::string &more = "")
-        : manager("zeltmed", {"--spawn", "RTM zelrtmd", "--spawn", "BGP zelroutes --table " + table.path() + more}) {
+        : manager("zeltmed",
+                  {"--respawn", "--spawn", "RTM zelrtmd", "--spawn", "BGP zelroutes --table " + table.path() + more}) {
         EXPECT_TRUE(manager.says("BGP(61/0) is ready"));
         us.service = ownService;
         us.taskKey = static_cast<std::uint32_t>(zelIpcOpen(ownService, 0));
-        EXPECT_EQ(zelRtmRegister(1, 0, "operator", &handle, &us), 0);
+        enter();
     }
+    void enter() { EXPECT_EQ(zelRtmRegister(1, 0, "operator", &handle, &us), 0); }
     ~Zelroutes() override {
         zelIpcClose(us.taskKey);
         manager.signal(SIGTERM);
@@ -76,6 +78,46 @@ class ZelroutesWithUpdates : public Zelroutes {
 protected:
     ZelroutesWithUpdates() : Zelroutes(std::string(" --updates ") + updatesFile) {}
 };
+
+class ZelroutesOfSeveralVrfs : public Zelroutes {
+protected:
+    ZelroutesOfSeveralVrfs() : Zelroutes(" --vrfs 5 --queues 3") {}
+    // VRF by VRF what 10.1.1.1 leads to.
+    std::string lookUpAll() const {
+        std::string hops;
+        for (std::uint32_t vrf = 0; vrf < 6; ++vrf) {
+            std::uint8_t query[ZEL_RTM_QUERY_LENGTH];
+            const std::uint8_t address[4] = {10, 1, 1, 1};
+            zelRtmRoute route;
+            zelRtmBuildQuery(query, ZEL_RTM_MATCH_LONGEST, 0, address, 32);
+            const bool isThere = zelRtmRouteLookupIPv4(handle, ZEL_RTM_POLL_START, &us, vrf, query) == 0 &&
+                                 zelRtmParseAnswer(query, &route, nullptr) == ZEL_RTM_FOUND && route.vrfId == vrf;
+            hops += isThere ? std::to_string(route.hop[0].addr[0]) + " " : "none";
+        }
+        return hops;
+    }
+    static int queuesUsed() {
+        int count = 0;
+        zelSwpStatus status;
+        for (std::uint32_t queue = 1; queue <= ZEL_SWP_MAX_QUEUES; ++queue)
+            count += zelSwpGetQueueStatus(queue, &status) == 0 && status.inUse && status.acknowledged > 0;
+        return count;
+    }
+};
+
+TEST_F(ZelroutesOfSeveralVrfs, spreadThemOverAQueueListIntoATableEachAlsoAfterTheManagerDied) {
+    const auto allIsThereNow = [&] { return counter(ZEL_RTM_COUNT_PREFIXES) == 3 * 5; };
+    ASSERT_TRUE(eventually(30, allIsThereNow));
+    EXPECT_EQ(counter(ZEL_RTM_COUNT_TABLES), 5u * 2);
+    EXPECT_EQ(lookUpAll(), "8 8 8 8 8 none");
+    EXPECT_EQ(queuesUsed(), 3);
+    const auto rtm = zelGetTaskKeyFromServiceAndInst(ZEL_RTM_SERVICE, 0);
+    kill(zelProcIdByKey(static_cast<std::uint32_t>(rtm)), SIGKILL);
+    ASSERT_TRUE(manager.says("RTM(76/0) is ready", 2));
+    ASSERT_TRUE(eventually(60, allIsThereNow));
+    enter();
+    EXPECT_EQ(lookUpAll(), "8 8 8 8 8 none");
+}
 
 TEST_F(ZelroutesWithUpdates, leavesWhatTheRecordingLeaves) {
     TableFile all;
