@@ -47,6 +47,112 @@ enum { ZEL_POLICY_IPV4 = 1, ZEL_POLICY_IPV6 = 2 };
 /* Characters of a list's name that count. */
 enum { ZEL_POLICY_NAME = 140 };
 
+/* ==== Access lists ================================================================================================
+ *
+ * The first entry that matches decides, and its action is the verdict. What a match is depends on the check; lists in
+ * the field rely on these differences.
+ *
+ * IPv4: source and, except in standard entries, destination equal the entry's wherever the wildcard has 0 bits.
+ * Protocol and ports of entries are ignored.
+ *
+ * UDP: standard entries, and those of any protocol but 17, are passed over. A wildcard of all ones passes every address
+ * but the entry's own, a wildcard of 0 passes every address, others as in the IPv4 check. Port operators 1 to 5 and 255
+ * are =, >=, <=, !=, from port to upper bound, and any; operator 0 fails a source port and passes a destination port;
+ * others fail both.
+ *
+ * IPv6: the packet's source equals the entry's source wherever the source mask has 1 bits, and the packet's source (not
+ * its destination) equals the entry's destination wherever the destination mask has 1 bits. `destination` is never
+ * read and may be null.
+ */
+
+/* Source and destination of a packet. */
+typedef struct {
+    uint32_t src, dst;
+} zelIpPair;
+
+/* The list of that name, null when there is none. IPv4 and IPv6 entries of one name are in one list. The m_ forms look
+ * into the second set of tables. */
+zelIpAcl *ipAccessListFind(const char *name);
+zelIpAcl *aclV6AccessListFind(const char *name);
+zelIpAcl *m_ipAccessListFind(const char *name);
+zelIpAcl *m_aclV6AccessListFind(const char *name);
+
+/* Verdict on an IPv4 packet, by the name of a list, by its handle, and as the others evaluate it. A null name, list or
+ * handle permits; `pair` is not null. */
+uint32_t ipAccessListCheck(const char *name, uint32_t source, uint32_t destination);
+uint32_t ipAccessListCheckWithHandle(const zelIpAcl *list, uint32_t source, uint32_t destination);
+uint32_t ipFilterCheck(const zelIpPair *pair, const zelIpAcl *list);
+uint32_t m_ipAccessListCheck(const char *name, uint32_t source, uint32_t destination);
+uint32_t m_ipAccessListCheckWithHandle(const zelIpAcl *list, uint32_t source, uint32_t destination);
+
+/* Verdict on a UDP datagram. `unused1` and `unused2` are not looked at. */
+uint32_t ipUdpAccessListCheck(const char *name, uint32_t source, uint32_t unused1, uint32_t destination,
+                              uint32_t unused2, uint16_t sourcePort, uint16_t destinationPort);
+uint32_t ipUdpAccessListCheckWithHandle(const zelIpAcl *list, uint32_t source, uint32_t destination,
+                                        uint16_t sourcePort, uint16_t destinationPort);
+uint32_t ipUdpFilterCheck(uint32_t source, uint32_t destination, uint16_t sourcePort, uint16_t destinationPort,
+                          const zelIpAcl *list);
+uint32_t m_ipUdpAccessListCheck(const char *name, uint32_t source, uint32_t unused1, uint32_t destination,
+                                uint32_t unused2, uint16_t sourcePort, uint16_t destinationPort);
+uint32_t m_ipUdpAccessListCheckWithHandle(const zelIpAcl *list, uint32_t source, uint32_t destination,
+                                          uint16_t sourcePort, uint16_t destinationPort);
+
+/* Verdict on an IPv6 packet. `source` is not null. aclV6FilterCheckOnlySrc asks for the entry's source alone. */
+uint32_t aclV6AccessListCheck(const char *name, const uint8_t source[16], const uint8_t destination[16]);
+uint32_t aclV6AccessListCheckWithHandle(const zelIpAcl *list, const uint8_t source[16], const uint8_t destination[16]);
+uint32_t aclV6FilterCheck(const uint8_t *source, const uint8_t *destination, const zelIpAcl *list);
+uint32_t aclV6FilterCheckOnlySrc(const uint8_t *source, const uint8_t *destination, const zelIpAcl *list);
+uint32_t m_aclV6AccessListCheck(const char *name, const uint8_t source[16], const uint8_t destination[16]);
+uint32_t m_aclV6AccessListCheckWithHandle(const zelIpAcl *list, const uint8_t source[16],
+                                          const uint8_t destination[16]);
+
+/* The same under the read lock; may block. When the lock cannot be had (ZEL_ShmReadLock) they check without it. */
+uint32_t ipAccessListCheckExt(const char *name, uint32_t source, uint32_t destination);
+uint32_t ipAccessListCheckWithHandleExt(const zelIpAcl *list, uint32_t source, uint32_t destination);
+uint32_t ipUdpAccessListCheckExt(const char *name, uint32_t source, uint32_t unused1, uint32_t destination,
+                                 uint32_t unused2, uint16_t sourcePort, uint16_t destinationPort);
+uint32_t m_ipAccessListCheckExt(const char *name, uint32_t source, uint32_t destination);
+uint32_t m_ipAccessListCheckWithHandleExt(const zelIpAcl *list, uint32_t source, uint32_t destination);
+uint32_t m_ipUdpAccessListCheckExt(const char *name, uint32_t source, uint32_t unused1, uint32_t destination,
+                                   uint32_t unused2, uint16_t sourcePort, uint16_t destinationPort);
+
+/* Whether forms with m_ and Ext use the second set of tables: 0, they do not. */
+int isAclSupportedOnRp2(void);
+
+/* ==== The lock of the tables ======================================================================================
+ *
+ * All of them take or release shared lock 0, with the results and errors of ZEL_ShmReadLock and its companions
+ * (zel/platform.h); the lock calls may block.
+ */
+
+int aclReadLock(void);
+int acl2ReadLock(void);
+int aclReadLockExt(void);
+int acl2ReadLockExt(void);
+int aclReadUnlock(void);
+int acl2ReadUnlock(void);
+int aclReadUnlockExt(void);
+int acl2ReadUnlockExt(void);
+int aclWriteLock(void);
+int acl2WriteLock(void);
+int acl2WriteLockExt(void);
+int aclWriteUnlock(void);
+int acl2WriteUnlock(void);
+int acl2WriteUnlockExt(void);
+
+/* ==== For the manager of the tables =============================================================================== */
+
+/* The trees of names of MAC access lists, DHCP-snooping lists and DHCP-helper lists, empty in this system; null while
+ * there are no tables. */
+zelRadix *aclMgrIpMacAclGetTreeHndle(void);
+zelRadix *aclMgrDhcpSnoopGetTreeHndle(void);
+zelRadix *aclMgrDhcpHelperGetTreeHndle(void);
+
+/* The text of a code (0x39000001 to 0x390000C6), for an operator: "% Error:", the message and a line end, at most 255
+ * characters. Behind the code stand the arguments that its message asks for: a string (%s) or an int (%d) each. Empty
+ * for other codes. The text is good until the next call from any thread. */
+const char *aclRetCodeToStr(uint32_t code, ...);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
