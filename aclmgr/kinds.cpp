@@ -1,4 +1,5 @@
 // The kinds of list, each with its codes and with what its own source supplies.
+#include "aclmgr/acl_image.h"
 #include "aclmgr/draft.h"
 
 namespace zel::aclmgr {
@@ -6,8 +7,8 @@ namespace {
 
 // In the order of zelAclMgrKind.
 constexpr KindRow rows[] = {
-    {Kind::ipAcl, 0x39000001, 0x39000003, 0x39000068, nullptr},      // IPv4
-    {Kind::ipAcl, 0x39000001, 0x39000003, 0x39000068, nullptr},      // IPv6
+    {Kind::ipAcl, 0x39000001, 0x39000003, 0x39000068, &ipOperations},
+    {Kind::ipAcl, 0x39000001, 0x39000003, 0x39000068, &ipv6Operations},
     {Kind::prefix4, 0x39000020, 0x39000022, 0x3900006a, nullptr},    //
     {Kind::prefix6, 0x39000020, 0x39000022, 0x3900006a, nullptr},    //
     {Kind::asPath, 0x39000011, 0x39000013, 0x3900006c, nullptr},     //

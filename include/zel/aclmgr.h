@@ -123,6 +123,22 @@ typedef struct {
 zelAclMgr *zelAclMgrOpen(zelAclMgrTables tables);
 void zelAclMgrClose(zelAclMgr *manager);
 
+/* ---- IP access lists: the IPv4 entries and the IPv6 entries of one name, each set, extended and read without touching
+ * the others */
+
+/* Makes these the IPv4 (IPv6) entries of the list, whatever they were; creates it. No entries leave none. 0x39000029: a
+ * sequence number that two entries have; 0x3900002d: none is left behind the last; 0x39000003: no memory; 0x39000068,
+ * 0x3900002f: the name is too long, or none. */
+uint32_t zelAclMgrSetIpList(zelAclMgr *manager, const char *name, const zelAclIpEntry *entries, uint32_t count);
+uint32_t zelAclMgrSetIpv6List(zelAclMgr *manager, const char *name, const zelAclIpv6Entry *entries, uint32_t count);
+/* Adds an entry to the list, creating it. The same codes. */
+uint32_t zelAclMgrAddIpEntry(zelAclMgr *manager, const char *name, const zelAclIpEntry *entry);
+uint32_t zelAclMgrAddIpv6Entry(zelAclMgr *manager, const char *name, const zelAclIpv6Entry *entry);
+/* Copies at most `capacity` entries in the order of their sequence numbers. How many there are; -1: no such list, or
+ * one that has only entries of the other kind. */
+int zelAclMgrGetIpEntries(zelAclMgr *manager, const char *name, zelAclIpEntry *entries, int capacity);
+int zelAclMgrGetIpv6Entries(zelAclMgr *manager, const char *name, zelAclIpv6Entry *entries, int capacity);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
