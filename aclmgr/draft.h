@@ -21,8 +21,9 @@ public:
 };
 
 // Codes for what is alike in all kinds of list.
-inline constexpr std::uint32_t codeSequenceExists = 0x39000029, codeSequenceMissing = 0x3900002a,
-                               codeSequenceRange = 0x3900002d, codeValueRange = 0x3900002f;
+inline constexpr std::uint32_t codeNoMemory = 0x3900001c, codeSequenceExists = 0x39000029,
+                               codeSequenceMissing = 0x3900002a, codeSequenceRange = 0x3900002d,
+                               codeValueRange = 0x3900002f;
 
 // Most kinds keep their entries in a vector; Entry has a member `sequence`, as wide as sequence numbers of that kind.
 template <class Entry>
@@ -78,5 +79,16 @@ struct KindRow {
 const KindRow *rowOf(zelAclMgrKind kind);
 // Of the images of a kind; null when there are none, or the kind's images are no business of these calls.
 const ListOperations *operationsOf(Kind kind);
+
+// What the expressions supply, which stand in the segment beside the lists and count who refers to them. `images` are
+// those of all lists.
+struct ExpressionOperations {
+    // After a writer died: puts the counts right, and frees what nothing refers to.
+    void (*repair)(policy::Root &root, const std::vector<Bytes> &images);
+    // Adds what there is, and what is wrong with it.
+    void (*audit)(policy::Root &root, const std::vector<Bytes> &images, zelAclMgrAuditReport &report);
+};
+// Null while nothing makes expressions.
+const ExpressionOperations *expressionOperations();
 
 }  // namespace zel::aclmgr

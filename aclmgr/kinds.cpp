@@ -29,4 +29,8 @@ const ListOperations *operationsOf(Kind kind) {
     return nullptr;
 }
 
+const ExpressionOperations *expressionOperations() {
+    return nullptr;
+}
+
 }  // namespace zel::aclmgr

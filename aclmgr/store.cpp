@@ -27,8 +27,7 @@ constexpr const char *treeNames[policy::kindCount] = {"IP access lists",  "IPv4 
 void prepare(policy::Root &root) {
     if (root.magic.load() == policy::Root::readyMagic) return;
     for (policy::ControlBlock *tables : {&root.aclNode, &root.acl2CB})
-        for (std::size_t i = 0; i < policy::kindCount; ++i)
-            zelRadixInit(&tables->trees[i], treeNames[i], policy::nameBits, allocateForTree, freeOfTree, nullptr);
+        for (std::size_t i = 0; i < policy::kindCount; ++i) startTree(*tables, static_cast<Kind>(i));
     root.magic.store(policy::Root::readyMagic, std::memory_order_release);
 }
 
@@ -83,6 +82,11 @@ const void *believedBlock(std::uintptr_t address, std::size_t bytes, std::size_t
 Bytes imageOf(const ListNode &list) {
     const Bytes image = imageAt(list.image.load(std::memory_order_acquire));
     return image && image.header()->kind == list.kind ? image : Bytes{};
+}
+
+void startTree(policy::ControlBlock &tables, Kind kind) {
+    const auto i = static_cast<std::size_t>(kind);
+    zelRadixInit(&tables.trees[i], treeNames[i], policy::nameBits, allocateForTree, freeOfTree, nullptr);
 }
 
 zelRadix &own(zelRadix &names) {
@@ -144,6 +148,7 @@ ListNode *Change::makeNode(Kind kind, const char *name) {
     memset(node->name, 0, sizeof node->name);
     memcpy(node->name, name, strnlen(name, policy::nameLength));
     node->kind = kind;
+    node->isOfSecond = manager_.tables == &root().acl2CB;
     node->image.store(0);
     return node;
 }

@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "base/assertion.h"
 #include "platform/cancellation.h"
 #include "policy/tables.h"
 #include "zel/aclmgr.h"
@@ -35,6 +36,11 @@ using policy::ListNode;
 
 // All blocks of the policy heap that lists are made of stand under this tag.
 inline constexpr char source[] = "zelAclMgr";
+
+// What every call asks first.
+inline bool isManager(const zelAclMgr *manager, int line = __builtin_LINE()) {
+    return asserted(manager != nullptr, "manager", source, line);
+}
 
 // An image in the making.
 class ImageBuilder {
@@ -85,11 +91,15 @@ private:
 
 // Frees an image that no list leads to, and drops what it refers to.
 void dropImage(Link image);
+// Under the write lock: an empty tree of names, made anew; what it held before is forgotten.
+void startTree(policy::ControlBlock &tables, Kind kind);
 // Under the write lock: gives a tree of names the functions of this process, before it is changed.
 zelRadix &own(zelRadix &names);
 // Under the write lock: keeps the node of a list that is in no tree for another list.
 void keepSpare(policy::Root &root, ListNode &node);
 // Under the write lock: puts right what a writer that died in it left; see aclmgr/repair.cpp.
 void repair(policy::Root &root);
+// Under the write lock: how many faults there are, and which.
+std::uint32_t audit(policy::Root &root, zelAclMgrAuditReport &report);
 
 }  // namespace zel::aclmgr

@@ -179,16 +179,21 @@ struct Sum {
     }
 };
 
+// Null where a header cannot be.
+const BlockHeader *headerAt(std::uint64_t offset) {
+    if (offset > policyReservedBytes || offset % alignment != 0) return nullptr;
+    const std::uintptr_t address = policyAddress + static_cast<std::uintptr_t>(offset);
+    return isInPolicyHeap(address, sizeof(BlockHeader)) ? reinterpret_cast<const BlockHeader *>(address) : nullptr;
+}
+
 // What the free lists hold; a list ends where it goes astray.
 Sum listed(std::uint64_t limit) {
     Sum sum;
     for (std::size_t i = 0; i < classCount; ++i) {
-        std::uint64_t offset = heap().freeLists[i].load();
-        while (offset >= policyBlocksOffset && offset % alignment == 0 && offset < heap().end.load()) {
-            const auto *block = reinterpret_cast<const BlockHeader *>(segment() + offset);
-            if (block->magic.load() != freedMagic || block->sizeClass != i || sum.blocks == limit) break;
+        const BlockHeader *block = headerAt(heap().freeLists[i].load());
+        for (; block != nullptr && sum.blocks < limit; block = headerAt(block->nextFree.load())) {
+            if (block->magic.load() != freedMagic || block->sizeClass != i) break;
             sum.add(strideOf(i));
-            offset = block->nextFree.load();
         }
     }
     return sum;
@@ -208,7 +213,7 @@ public:
         const bool isWhole = walkBlocks([this](BlockHeader &block, std::uint64_t bytes) { visit(block, bytes); });
         report = {used_.blocks, used_.bytes, lost_.blocks + free_.blocks - known.blocks,
                   lost_.bytes + free_.bytes - known.bytes, inUse_.size() - used_.blocks};
-        return isWhole;
+        return isWhole && known.blocks <= free_.blocks;
     }
 
 private:

@@ -53,6 +53,7 @@ struct ListNode {
     zelRadixEntry entry;  // in the tree of names; the key is `name`
     std::uint32_t magic;  // cleared when the list is removed
     Kind kind;
+    bool isOfSecond;  // set of tables
     char name[nameLength + 1];
     std::atomic<Link> image;  // 0: the list has no entries
     Link nextNode;            // of all nodes ever made

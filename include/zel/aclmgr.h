@@ -21,6 +21,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "zel/policy.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -138,6 +140,44 @@ uint32_t zelAclMgrAddIpv6Entry(zelAclMgr *manager, const char *name, const zelAc
  * one that has only entries of the other kind. */
 int zelAclMgrGetIpEntries(zelAclMgr *manager, const char *name, zelAclIpEntry *entries, int capacity);
 int zelAclMgrGetIpv6Entries(zelAclMgr *manager, const char *name, zelAclIpv6Entry *entries, int capacity);
+
+/* ---- Lists of any kind. Codes: the kind's own for a list that does not exist, 0x3900002A for a sequence number that
+ * does not, 0x3900001C for want of memory, 0x3900002F for a kind that there is not, or no name. */
+
+/* Removes the list, and for an access list only the chain of that kind while the other one has entries. */
+uint32_t zelAclMgrRemoveList(zelAclMgr *manager, zelAclMgrKind kind, const char *name);
+/* Removes one entry; a list that loses its last one stays, empty. */
+uint32_t zelAclMgrRemoveEntry(zelAclMgr *manager, zelAclMgrKind kind, const char *name, uint32_t sequence);
+/* Numbers the entries anew, from `first` on in steps of `step`, in the order they have. 0x3900002D: a number would be 0
+ * or out of range. */
+uint32_t zelAclMgrResequence(zelAclMgr *manager, zelAclMgrKind kind, const char *name, uint32_t first, uint32_t step);
+/* Copies the names of the first `capacity` lists, in the order of their bytes; how many there are, -1 for a kind that
+ * there is not. Lists of both kinds of access list have the same names. */
+int zelAclMgrGetNames(zelAclMgr *manager, zelAclMgrKind kind, char (*names)[ZEL_POLICY_NAME + 1], int capacity);
+
+/* ---- Audit */
+
+/* What the segment holds for lists of both sets of tables, and what is wrong with it. */
+typedef struct {
+    uint32_t lists;
+    uint32_t images;     /* of lists with entries */
+    uint32_t spareNodes; /* of removed lists, kept for new ones */
+    uint32_t expressions;
+    uint64_t blocks; /* of the segment's heap that all this takes, and their bytes */
+    uint64_t bytes;
+    /* Faults */
+    uint32_t brokenTrees;     /* of names, with links that are not those of a tree, or do not lead back */
+    uint32_t brokenLists;     /* that are not what their tree says, or whose image is not what they say */
+    uint32_t lostNodes;       /* neither of a list nor spare */
+    uint32_t wrongReferences; /* of expressions: counts that are not those of the lists */
+    uint64_t lostBlocks;      /* that nothing leads to, and their bytes */
+    uint64_t lostBytes;
+    uint64_t strays; /* blocks in use that the heap does not know as such */
+} zelAclMgrAuditReport;
+
+/* Looks through the whole segment, under the write lock and after whatever repair was due; believes nothing it reads.
+ * How many faults there are: 0, all is well. */
+uint32_t zelAclMgrAudit(zelAclMgr *manager, zelAclMgrAuditReport *report);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -251,8 +251,9 @@ typedef struct {
 
 /* Compares the heap with what the owner `tag` uses of it: the `count` blocks `inUse`, in ascending order. Counts what
  * was lost when processes were killed, and when `recovers` is not 0 makes it free again. The caller sees to it that
- * nobody else allocates under the tag. 0, or -1 with errno: ENXIO, not attached; EBADMSG, blocks do not follow each
- * other any more, and what lies behind was not looked at. Takes shared lock 31. */
+ * nobody else allocates under the tag. 0, or -1 with errno: ENXIO, not attached; EBADMSG, the heap was written to:
+ * blocks do not follow each other, and what lies behind was not looked at, or lists do not hold free blocks. Takes
+ * shared lock 31. */
 int zelPolicyHeapSweep(const char *tag, const void *const *inUse, size_t count, int recovers,
                        zelPolicyHeapReport *report);
 

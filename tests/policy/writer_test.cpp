@@ -1,12 +1,24 @@
-// The store of the policy tables: lists come, change and go by one store each, and nothing is lost.
+// The store of the policy tables: lists come, change and go by one store each; a writer that dies leaves whole lists to
+// the checks, and nothing to the next writer that it cannot put right.
 #include <gtest/gtest.h>
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <csignal>
 #include <cstring>
+#include <future>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "aclmgr/draft.h"
 #include "tests/support/child.h"
 #include "tests/support/eventually.h"
+#include "tests/support/random.h"
+#include "zel/platform.h"
 
 namespace zel::test {
 namespace {
@@ -14,50 +26,360 @@ namespace {
 using aclmgr::Change;
 using policy::Image;
 
-// A list of `count` words, all the same.
-class Words : public aclmgr::ImageBuilder {
-public:
-    Words(std::uint32_t count, std::uint32_t word) : count_(count), word_(word) {}
-    std::uint32_t entries() const override { return count_; }
-    std::size_t bytes() const override { return sizeof(Image) + count_ * sizeof(std::uint32_t); }
-    void write(Image *at) const override {
-        auto *words = reinterpret_cast<std::uint32_t *>(at + 1);
-        for (std::uint32_t i = 0; i < count_; ++i) words[i] = word_;
-    }
-
-private:
-    std::uint32_t count_, word_;
-};
+// ---- Lists of words -------------------------------------------------------------------------------------------------
 
 constexpr zelAclMgrKind anyKind = ZEL_ACLMGR_ROUTE_MAP;
 
+// A list of `count` words, all the same.
+class Words : public aclmgr::ImageBuilder {
+public:
+    Words(std::uint32_t count, int word) : count_(count), word_(word) {}
+    std::uint32_t entries() const override { return count_; }
+    std::size_t bytes() const override { return sizeof(Image) + count_ * sizeof(int); }
+    void write(Image *at) const override { std::fill_n(reinterpret_cast<int *>(at + 1), count_, word_); }
+
+private:
+    std::uint32_t count_;
+    int word_;
+};
+
+std::uint32_t put(const zelAclMgr &manager, const char *name, std::uint32_t count, int word) {
+    return Change(manager).set(anyKind, name, Words(count, word));
+}
+
+void remove(const zelAclMgr &manager, const char *name) {
+    Change change(manager);
+    if (policy::ListNode *list = change.find(anyKind, name)) change.remove(*list);
+}
+
+constexpr int missing = -1, mixed = -2;
+
+// The word of a list as a check finds it: 0 for one without entries.
+int wordOf(const char *name) {
+    const policy::Root *root = policy::root();
+    if (root == nullptr) return missing;
+    const policy::ListNode *list = policy::findList(root->aclNode, policy::Kind::routeMap, name);
+    if (list == nullptr) return missing;
+    const policy::Bytes image = policy::imageOf(list, policy::Kind::routeMap);
+    if (!image) return 0;
+    const std::uint32_t count = image.header()->entries;
+    const int *words = policy::inside<int>(image, sizeof(Image), count);
+    return words != nullptr && std::count(words, words + count, *words) == count ? *words : mixed;
+}
+
+constexpr std::uint32_t listCount = 16;
+std::string listName(std::uint32_t number) {
+    return "list " + std::to_string(number % listCount);
+}
+
+// The bytes of the segment that are in use, and of the heap's lock, which a stopped writer may hold.
+class Memory {
+public:
+    Memory() {
+        for (const Bytes part : parts()) bytes_.insert(bytes_.end(), part.begin(), part.end());
+    }
+    bool isStill() const {
+        const std::uint8_t *saved = bytes_.data();
+        for (const Bytes part : segment()) {
+            if (memcmp(part.data(), saved, part.size()) != 0) return false;
+            saved += part.size();
+        }
+        return true;
+    }
+    void restore() const {
+        auto saved = bytes_.begin();
+        for (const Bytes part : parts()) {
+            std::copy_n(saved, part.size(), part.begin());
+            saved += static_cast<std::ptrdiff_t>(part.size());
+        }
+    }
+    // Writes a word, some other one's value or a random one, somewhere.
+    static void scribble(Random &random) {
+        const auto anyWord = [&random]() -> std::uint32_t & {
+            const Bytes part = segment()[random() % 3];
+            return reinterpret_cast<std::uint32_t *>(part.data())[random() % (part.size() / sizeof(std::uint32_t))];
+        };
+        anyWord() = random() % 2 == 0 ? anyWord() : random();
+    }
+    static void freeHeapLock() { std::ranges::fill(parts()[3], std::uint8_t{0}); }  // as when its holder is found dead
+
+private:
+    using Bytes = std::span<std::uint8_t>;
+    static constexpr std::size_t lockBytes = 128, blockBytes = 16 * 1024;
+    static std::array<Bytes, 3> segment() {
+        auto *begin = reinterpret_cast<std::uint8_t *>(platform::policyAddress);
+        return {Bytes{begin + platform::policyHeapOffset, 2048},
+                {begin + platform::policyRootOffset, sizeof(policy::Root)},
+                {begin + platform::policyBlocksOffset, blockBytes}};
+    }
+    static std::array<Bytes, 4> parts() {
+        auto *locks = static_cast<std::uint8_t *>(platform::sysSection(platform::Section::locks));
+        const auto [heap, root, blocks] = segment();
+        return {heap, root, blocks, {locks + ZEL_SHM_LOCK_POLICY_HEAP * lockBytes, lockBytes}};
+    }
+    std::vector<std::uint8_t> bytes_;
+};
+
+// ---- Lists under their names ----------------------------------------------------------------------------------------
+
 TEST(PolicyWriter, ListsComeChangeAndGo) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY), *second = zelAclMgrOpen(ZEL_ACLMGR_SECOND);
+    ASSERT_TRUE(manager != nullptr && second != nullptr);
+    EXPECT_EQ(wordOf("a"), missing);
+    EXPECT_EQ(put(*manager, "a", 1, 11), 0u);
+    EXPECT_EQ(put(*manager, "b", 1000, 22), 0u);
+    EXPECT_EQ(put(*second, "a", 1, 44), 0u);
+    EXPECT_EQ(put(*manager, "", 1, 1), aclmgr::codeValueRange);
+    EXPECT_EQ(put(*manager, std::string(141, 'x').c_str(), 1, 1), 0x39000069u);
+    EXPECT_EQ(put(*manager, std::string(140, 'x').c_str(), 1, 1), 0u);
+    EXPECT_EQ(put(*manager, "b", 400'000'000, 22), 0x39000007u) << "no memory";
+    EXPECT_EQ(wordOf("a"), 11);
+    policy::ListNode *list = Change(*manager).find(anyKind, "a");
+    EXPECT_EQ(put(*manager, "a", 2, 33), 0u);
+    EXPECT_EQ(Change(*manager).find(anyKind, "a"), list) << "a handle stays good while its list does";
+    EXPECT_EQ(wordOf("a"), 33);
+    EXPECT_EQ(put(*manager, "a", 0, 0), 0u);
+    EXPECT_EQ(wordOf("a"), 0);
+    char names[2][ZEL_POLICY_NAME + 1];
+    EXPECT_EQ(zelAclMgrGetNames(manager, anyKind, names, 2), 3);
+    EXPECT_TRUE(strcmp(names[0], "a") == 0 && strcmp(names[1], "b") == 0);
+    EXPECT_EQ(zelAclMgrGetNames(manager, static_cast<zelAclMgrKind>(7), names, 2), -1);
+
+    remove(*manager, "a");
+    EXPECT_EQ(wordOf("a"), missing);
+    EXPECT_FALSE(policy::imageOf(list, policy::Kind::routeMap)) << "a stale handle finds no list";
+    EXPECT_EQ(put(*manager, "c", 1, 55), 0u);
+    EXPECT_EQ(Change(*manager).find(anyKind, "c"), list) << "memory of nodes is used again";
+    EXPECT_EQ(wordOf("b"), 22);
+    zelAclMgrAuditReport report;
+    EXPECT_EQ(zelAclMgrAudit(second, &report), 0u);
+    EXPECT_TRUE(report.lists == 4 && report.images == 4 && report.spareNodes == 0);
+    zelAclMgrClose(second);
+    zelAclMgrClose(manager);
+}
+
+TEST(PolicyWriter, ACheckNeedsNoLock) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    put(*manager, "a", 1, 1);
+    const Change change(*manager);
+    EXPECT_EQ(std::async(std::launch::async, [] { return wordOf("a"); }).get(), 1);
+}
+
+// Whatever somebody wrote into the segment, audits and checks end; and links of names that form no tree are made anew.
+TEST(PolicyWriter, AnAuditBelievesNothing) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    for (std::uint32_t i = 0; i < listCount; ++i) put(*manager, listName(i).c_str(), 5, static_cast<int>(i));
+    Random random = seeded();
+    zelAclMgrAuditReport report;
+    const Change change(*manager);
+    zelRadix &tree = manager->tables->trees[static_cast<std::size_t>(policy::Kind::routeMap)];
+    tree.rtt_slabs[0][tree.rtt_root].rtn_left = tree.rtt_root;
+    EXPECT_NE(aclmgr::audit(*manager->root, report), 0u);
+    EXPECT_EQ(report.brokenTrees, 1u);
+    aclmgr::repair(*manager->root);
+    EXPECT_EQ(aclmgr::audit(*manager->root, report), 0u);
+    EXPECT_EQ(wordOf(listName(3).c_str()), 3);
+    for (int round = 0; round < (isFullRun() ? 100'000 : 3'000); ++round) {
+        const Memory whole;
+        for (std::uint32_t writes = random() % 3 + 1; writes > 0; --writes) Memory::scribble(random);
+        aclmgr::audit(*manager->root, report);
+        for (std::uint32_t i = 0; i < listCount; ++i) wordOf(listName(i).c_str());
+        whole.restore();
+    }
+    EXPECT_EQ(aclmgr::audit(*manager->root, report), 0u);
+}
+
+// ---- A writer that dies ---------------------------------------------------------------------------------------------
+
+// changer: stops, makes changes of every sort, and stops again.
+ZEL_CHILD(changer) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    if (manager == nullptr || ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) return 1;
+    raise(SIGSTOP);
+    put(*manager, "new", 3, 3);
+    put(*manager, "kept", 4, 4);
+    remove(*manager, "old");
+    put(*manager, "newer", 5, 5);
+    remove(*manager, "new");
+    raise(SIGSTOP);
+    _exit(0);
+}
+
+// repairer: the same with a repair.
+ZEL_CHILD(repairer) {
+    auto *root = static_cast<policy::Root *>(zelPolicyAttachSegment(0));
+    if (root == nullptr || ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) return 1;
+    raise(SIGSTOP);
+    aclmgr::repair(*root);
+    raise(SIGSTOP);
+    _exit(0);
+}
+
+// A child that runs one instruction after the other from its first stop to its next.
+class Stepped {
+public:
+    explicit Stepped(const char *name) : child_(Child::start(name)) {
+        int status = 0;
+        isStopped_ = waitpid(child_.pid(), &status, 0) == child_.pid() && WIFSTOPPED(status);
+    }
+    bool isStopped() const { return isStopped_; }
+    // False when it stopped by itself.
+    bool step() const {
+        int status = 0;
+        return ptrace(PTRACE_SINGLESTEP, child_.pid(), nullptr, nullptr) == 0 &&
+               waitpid(child_.pid(), &status, 0) == child_.pid() && WIFSTOPPED(status) && WSTOPSIG(status) == SIGTRAP;
+    }
+
+private:
+    Child child_;
+    bool isStopped_;
+};
+
+using ListWords = std::vector<int>;
+ListWords words() {
+    return {wordOf("kept"), wordOf("old"), wordOf("new"), wordOf("newer")};
+}
+
+// The state of the segment were the writer to die now: each list is the one before or after its change, and a repair
+// leaves no fault and no list changed. Puts the segment back. Whether there was something to repair.
+bool hasToBeRepaired(policy::Root &root, const Memory &memory) {
+    const std::vector<ListWords> legal = {{1, 4}, {2, missing}, {3, missing}, {5, missing}};
+    const ListWords found = words();
+    for (std::size_t i = 0; i < legal.size(); ++i)
+        EXPECT_EQ(std::count(legal[i].begin(), legal[i].end(), found[i]), 1) << "list " << i << ": " << found[i];
+    Memory::freeHeapLock();
+    zelAclMgrAuditReport report;
+    const bool hasFaults = aclmgr::audit(root, report) != 0;
+    aclmgr::repair(root);
+    EXPECT_EQ(aclmgr::audit(root, report), 0u);
+    EXPECT_EQ(words(), found);
+    memory.restore();
+    return hasFaults;
+}
+
+// The writer is looked at after each instruction that wrote to the segment; so is one that repairs what it left.
+TEST(PolicyWriterKilled, AtAnyInstruction) {
     zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
     ASSERT_NE(manager, nullptr);
-    const auto wordOf = [&](const char *name) -> int {
-        const policy::ListNode *list = policy::findList(manager->root->aclNode, policy::Kind::routeMap, name);
-        if (list == nullptr) return -1;
-        const policy::Bytes image = policy::imageOf(list, policy::Kind::routeMap);
-        return image ? static_cast<int>(*policy::inside<std::uint32_t>(image, sizeof(Image))) : 0;
+    put(*manager, "kept", 1, 1);
+    put(*manager, "old", 2, 2);
+    std::vector<Memory> states;
+    int faulty = 0, repairStates = 0;
+    const Stepped changer("changer");
+    if (!changer.isStopped()) GTEST_SKIP() << "no child can be traced here";
+    for (Memory last; changer.step() && !HasFailure();) {
+        if (last.isStill()) continue;
+        states.push_back(last = Memory());
+        faulty += hasToBeRepaired(*manager->root, last);
+    }
+    EXPECT_EQ(words(), (ListWords{4, missing, missing, 5}));
+    EXPECT_GT(faulty, 50);
+    for (std::size_t i = 0; i < states.size() && !HasFailure(); i += isFullRun() ? 5 : 60) {
+        states[i].restore();
+        Memory::freeHeapLock();
+        const Stepped repairer("repairer");
+        for (Memory last; repairer.step() && !HasFailure();) {
+            if (last.isStill()) continue;
+            last = Memory();
+            hasToBeRepaired(*manager->root, last);
+            ++repairStates;
+        }
+    }
+    printf("%zu states, %d of them to be repaired; %d more in repairs\n", states.size(), faulty, repairStates);
+    states.back().restore();
+    zelAclMgrClose(manager);
+}
+
+// What the processes of the test that follows tell each other, behind the root of the tables.
+constexpr int readerCount = 4;
+struct Board {
+    std::atomic<std::uint64_t> changes, checks[readerCount];
+    std::atomic<int> illegal;
+};
+Board &board() {
+    static_assert(sizeof(policy::Root) <= 32 * 1024);
+    return *reinterpret_cast<Board *>(platform::policyAddress + platform::policyRootOffset + 32 * 1024);
+}
+
+// writer: changes lists until it is killed.
+ZEL_CHILD(writer) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    Random random{std::mt19937(static_cast<unsigned>(getpid()))};
+    for (;; ++board().changes) {
+        const std::string name = listName(random());
+        const std::uint32_t count = random() % 200;
+        if (random() % 4 == 0)
+            remove(*manager, name.c_str());
+        else if (put(*manager, name.c_str(), count, static_cast<int>(count)) != 0)
+            return 1;
+    }
+}
+
+// reader N: checks lists until it is killed. A list of n words has the word n.
+ZEL_CHILD(reader) {
+    if (zelPolicyAttachSegment(0) == nullptr) return 1;
+    for (auto &checks = board().checks[atoi(argv[0])];; ++checks) {
+        const std::string name = listName(static_cast<std::uint32_t>(checks));
+        if (ZEL_ShmReadLock(ZEL_SHM_LOCK_POLICY) != 0) return 2;
+        const int word = wordOf(name.c_str());
+        if (word == mixed || word >= 200) ++board().illegal;
+        ZEL_ShmReadUnLock(ZEL_SHM_LOCK_POLICY);
+    }
+}
+
+TEST(PolicyWriterKilled, ReadersGoOnAndNothingIsLost) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    ASSERT_NE(manager, nullptr);
+    const auto bytesInUse = [&] {
+        zelAclMgrAuditReport report;
+        EXPECT_EQ(zelAclMgrAudit(manager, &report), 0u);
+        return report.bytes;
     };
-    Change change(*manager);
-    EXPECT_EQ(wordOf("a"), -1);
-    EXPECT_EQ(change.set(anyKind, "a", Words(1, 11)), 0u);
-    EXPECT_EQ(change.set(anyKind, "b", Words(1000, 22)), 0u);
-    EXPECT_EQ(change.set(anyKind, "", Words(1, 1)), aclmgr::codeValueRange);
-    EXPECT_EQ(change.set(anyKind, std::string(141, 'x').c_str(), Words(1, 1)), 0x39000069u);
-    EXPECT_EQ(change.set(anyKind, std::string(140, 'x').c_str(), Words(1, 1)), 0u);
-    EXPECT_EQ(wordOf("a"), 11);
-    policy::ListNode *list = change.find(anyKind, "a");
-    EXPECT_EQ(change.set(anyKind, "a", Words(2, 33)), 0u);
-    EXPECT_EQ(change.find(anyKind, "a"), list) << "a handle stays good while its list does";
-    EXPECT_EQ(wordOf("a"), 33);
-    EXPECT_EQ(change.set(anyKind, "a", Words(0, 0)), 0u);
-    EXPECT_EQ(wordOf("a"), 0);
-    change.remove(*list);
-    EXPECT_EQ(wordOf("a"), -1);
-    EXPECT_FALSE(policy::imageOf(list, policy::Kind::routeMap));
-    EXPECT_EQ(wordOf("b"), 22);
+    for (std::uint32_t i = 0; i < listCount; ++i) put(*manager, listName(i).c_str(), 1, 1);
+    for (std::uint32_t i = 0; i < listCount; ++i) remove(*manager, listName(i).c_str());
+    const std::uint64_t bytesOfNodes = bytesInUse();
+
+    Random random = seeded();
+    std::vector<Child> readers;
+    const auto startReader = [&](int i) { return Child::start("reader", {std::to_string(i)}); };
+    for (int i = 0; i < readerCount; ++i) readers.push_back(startReader(i));
+    const auto allAdvance = [] {
+        std::uint64_t before[readerCount];
+        std::copy(std::begin(board().checks), std::end(board().checks), before);
+        return eventually(5, [&] {
+            return std::equal(before, before + readerCount, board().checks,
+                              [](std::uint64_t was, const auto &is) { return is > was; });
+        });
+    };
+    int abandoned = 0;
+    for (int round = 0; round < (isFullRun() ? 200 : 20); ++round) {
+        const std::uint64_t goal = board().changes + random() % 500;
+        Child writer = Child::start("writer");
+        ASSERT_TRUE(eventually(20, [&] { return board().changes > goal; }));
+        writer.signal(SIGKILL);
+        EXPECT_EQ(writer.wait(), 256 + SIGKILL);
+        if (round % 2 == 1) {
+            Child &victim = readers[random() % readerCount];
+            victim.signal(SIGKILL);
+            EXPECT_EQ(victim.wait(), 256 + SIGKILL);
+            victim = startReader(static_cast<int>(&victim - readers.data()));
+        }
+        ASSERT_TRUE(allAdvance()) << "round " << round;
+        ASSERT_EQ(ZEL_ShmWriteLock(ZEL_SHM_LOCK_POLICY), 0);
+        if (zelShmLockWasAbandoned(ZEL_SHM_LOCK_POLICY) == 1) {
+            ++abandoned;
+            aclmgr::repair(*manager->root);
+        }
+        ASSERT_EQ(ZEL_ShmWriteUnLock(ZEL_SHM_LOCK_POLICY), 0);
+        bytesInUse();
+    }
+    EXPECT_EQ(board().illegal, 0);
+    printf("%d writers died with the lock; %llu changes\n", abandoned,
+           static_cast<unsigned long long>(board().changes.load()));
+    EXPECT_GT(abandoned, 0);
+    for (std::uint32_t i = 0; i < listCount; ++i) remove(*manager, listName(i).c_str());
+    EXPECT_EQ(bytesInUse(), bytesOfNodes);
+    zelAclMgrClose(manager);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zel::test {
@@ -25,7 +26,10 @@ public:
     Child(Child &&other) : pid_(other.pid_) { other.pid_ = -1; }
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;
-    Child &operator=(Child &&) = delete;
+    Child &operator=(Child &&other) {
+        std::swap(pid_, other.pid_);
+        return *this;
+    }
     ~Child();  // kills and reaps a child that still runs
 
     pid_t pid() const { return pid_; }
