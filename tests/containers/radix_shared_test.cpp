@@ -20,20 +20,19 @@
 namespace zel::test {
 namespace {
 
-constexpr int prefixes = 96;
-constexpr int none = -1;
+constexpr uint32_t prefixes = 96, none = UINT32_MAX;
 enum State : int { out, in, marked };
 
 // The prefix that is changed, and what it is to become.
 struct Change {
-    int prefix;
+    uint32_t prefix;
     State next;
 };
 
 struct Record {
     zelRadixEntry entry;
     uint8_t key[4];
-    int prefix;
+    uint32_t prefix;
 };
 
 // What the processes share. Each prefix has two records to stand for it.
@@ -66,7 +65,7 @@ void becomeTheWriter() {
     world->tree.rtt_deleted = nullptr;
 }
 
-zelRadixEntry *exact(int prefix) {
+zelRadixEntry *exact(uint32_t prefix) {
     return zelRadixGetExact(&world->tree, world->records[0][prefix].key, world->bits[prefix]);
 }
 
@@ -74,8 +73,8 @@ zelRadixEntry *exact(int prefix) {
 void change(Random &random, bool isIndexed) {
     zelRadix *tree = &world->tree;
     if (isIndexed && random() % 200 == 0) zelRadixSetIndex(tree, random() % 2 * 16);
-    const int last = world->current.load().prefix;
-    const int prefix = world->states[last] == marked ? last : static_cast<int>(random() % prefixes);
+    const uint32_t last = world->current.load().prefix;
+    const uint32_t prefix = world->states[last] == marked ? last : random() % prefixes;
     const State state = world->states[prefix];
     const bool isReleased = state == marked && random() % 2;
     const State next = isReleased ? out : state != in ? in : tree->rtt_versioning ? marked : out;
@@ -110,8 +109,8 @@ protected:
         platform::attachPolicySegment(true);
         world = static_cast<World *>(zelMC_MM_calloc("test", __LINE__, 1, sizeof(World)));
         zelRadixInit(&world->tree, "shared", 32, allocate, nullptr, nullptr);
-        for (int i = 0; i < prefixes; ++i) addPrefix(i);
-        for (int i = 0; i < prefixes; i += 2) {
+        for (uint32_t i = 0; i < prefixes; ++i) addPrefix(i);
+        for (uint32_t i = 0; i < prefixes; i += 2) {
             zelRadixInsert(&world->tree, &world->records[0][i].entry, world->bits[i]);
             world->states[i] = in;
         }
@@ -119,22 +118,22 @@ protected:
     ~DyingWriter() override { zelMC_MM_free("test", __LINE__, world); }
 
     // Each another one; they nest, and many have the length of the index or one more or less.
-    void addPrefix(int i) {
+    void addPrefix(uint32_t i) {
         const uint32_t bits = world->bits[i] = i % 3 ? 15 + random() % 3 : random() % 33;
         world->values[i] = 0x0a0a0a0a ^ (random() & random() & random());
-        for (int other = 0; other < i; ++other)
+        for (uint32_t other = 0; other < i; ++other)
             if (world->bits[other] == bits && covers(other, world->values[i])) return addPrefix(i);
         for (auto &twins : world->records) {
             twins[i].prefix = i;
-            for (int byte = 0; byte < 4; ++byte) twins[i].key[byte] = keyByte(world->values[i], byte);
+            for (int byte = 0; byte < 4; ++byte)
+                twins[i].key[byte] = static_cast<uint8_t>(world->values[i] >> (24 - 8 * byte));
             twins[i].entry.rth_addr = twins[i].key;
         }
     }
-    static uint8_t keyByte(uint32_t value, int byte) { return static_cast<uint8_t>(value >> (24 - 8 * byte)); }
-    static bool covers(int prefix, uint32_t value) {
+    static bool covers(uint32_t prefix, uint32_t value) {
         return world->bits[prefix] == 0 || (value ^ world->values[prefix]) >> (32 - world->bits[prefix]) == 0;
     }
-    static int prefixOf(const zelRadixEntry *entry) {
+    static uint32_t prefixOf(const zelRadixEntry *entry) {
         return entry ? reinterpret_cast<const Record *>(entry)->prefix : none;
     }
 
@@ -147,7 +146,7 @@ protected:
         ASSERT_TRUE(node->rtn_entry || (node->rtn_left && node->rtn_right));
         if (node->rtn_entry) {
             ASSERT_EQ(node->rtn_entry->rtn, node);
-            states[static_cast<size_t>(prefixOf(node->rtn_entry))] = node->rtn_flags & ZEL_RADIX_DELETED ? marked : in;
+            states[prefixOf(node->rtn_entry)] = node->rtn_flags & ZEL_RADIX_DELETED ? marked : in;
         }
         reach(node->rtn_left, node->rtn_bit, states);
         reach(node->rtn_right, node->rtn_bit, states);
@@ -158,32 +157,29 @@ protected:
         return states;
     }
 
-    static int best(const States &states, uint32_t value) {
-        int best = none;
-        for (int i = 0; i < prefixes; ++i)
-            if (states[static_cast<size_t>(i)] != out && covers(i, value) &&
-                (best == none || world->bits[i] > world->bits[best]))
-                best = i;
-        return best == none || states[static_cast<size_t>(best)] == marked ? none : best;
+    static uint32_t best(const States &states, uint32_t value) {
+        uint32_t best = none;
+        for (uint32_t i = 0; i < prefixes; ++i)
+            if (states[i] != out && covers(i, value) && (best == none || world->bits[i] > world->bits[best])) best = i;
+        return best == none || states[best] == marked ? none : best;
     }
 
     // Where a change may be half done, each look-up sees it done or not.
     static void checkLookUps(bool mayBeHalfDone) {
         const States states = reached();
-        const Change change = world->current;
-        const auto current = static_cast<size_t>(change.prefix);
+        const auto [current, next] = world->current.load();
         std::array<States, 2> seen{states, states};
         if (mayBeHalfDone) {
             seen[0][current] = world->states[current];
-            seen[1][current] = change.next;
+            seen[1][current] = next;
             EXPECT_TRUE(states == seen[0] || states == seen[1]);
         }
-        for (size_t i = 0; i < prefixes; ++i) {
-            const int found = prefixOf(zelRadixGetBest(&world->tree, world->records[0][i].key, 32));
+        for (uint32_t i = 0; i < prefixes; ++i) {
+            const uint32_t found = prefixOf(zelRadixGetBest(&world->tree, world->records[0][i].key, 32));
             EXPECT_TRUE(found == best(seen[0], world->values[i]) || found == best(seen[1], world->values[i])) << i;
             if (mayBeHalfDone && i == current) continue;
             EXPECT_EQ(states[i], mayBeHalfDone ? world->states[i].load() : states[i]);
-            EXPECT_EQ(prefixOf(exact(static_cast<int>(i))), states[i] == in ? static_cast<int>(i) : none);
+            EXPECT_EQ(prefixOf(exact(i)), states[i] == in ? i : none);
         }
     }
 
@@ -192,23 +188,20 @@ protected:
         ASSERT_EQ(zelRadixRepair(&world->tree), 0);
         checkRadix(world->tree);
         checkLookUps(false);
-        int versions = 0, changed = 0;
+        int versions = 0;
         for (zelRadixEntry *entry = nullptr; (entry = zelRadixGetNext(&world->tree, entry)) != nullptr;)
             versions += entry->rth_change.version != 0;
-        zelRadixVersionWalk(
-            &world->tree, 0,
-            [](zelRadixEntry *entry, void *live) {
-                *static_cast<int *>(live) += !(entry->rtn->rtn_flags & ZEL_RADIX_DELETED);
-                return 0;
-            },
-            &changed);
-        EXPECT_EQ(changed, versions);
+        const auto count = [](zelRadixEntry *entry, void *left) {
+            return *static_cast<int *>(left) -= !(entry->rtn->rtn_flags & ZEL_RADIX_DELETED), 0;
+        };
+        zelRadixVersionWalk(&world->tree, 0, count, &versions);
+        EXPECT_EQ(versions, 0);
     }
     static void goOn() {
         zelRadicalNextVersion(&world->tree);  // lets the marked one go
         checkRadix(world->tree);
         const States states = reached();
-        for (size_t i = 0; i < prefixes; ++i) {
+        for (uint32_t i = 0; i < prefixes; ++i) {
             EXPECT_NE(states[i], marked);
             world->states[i] = states[i];
         }
@@ -269,7 +262,7 @@ TEST_F(DyingWriter, isNotRepairedWhereLinksFormNoTree) {
     zelRadix *tree = &world->tree;
     tree->rtt_versioning = 1;
     zelRadicalWalk *walk = zelRadicalWalkConstructor(tree);
-    for (int i = 0; i < prefixes; ++i) zelRadixInsert(tree, &world->records[0][i].entry, world->bits[i]);
+    for (uint32_t i = 0; i < prefixes; ++i) zelRadixInsert(tree, &world->records[0][i].entry, world->bits[i]);
     zelRadicalNextVersion(tree);
     std::vector<uint32_t *> links{&tree->rtt_root};
     for (uint32_t number = 1; number < tree->rtt_fresh; ++number)
@@ -287,11 +280,10 @@ TEST_F(DyingWriter, isNotRepairedWhereLinksFormNoTree) {
             *link = right;
         }
     repair();
-    EXPECT_EQ(zelRadicalWalkChangeList(
-                  walk, [](zelRadixEntry *, void *) { return 0; }, nullptr, 0),
-              0u);
+    const auto stop = [](zelRadixEntry *, void *) { return 1; };
+    EXPECT_EQ(zelRadicalWalkChangeList(walk, stop, nullptr, 0), 0u);
     zelRadicalWalkDestructor(walk);
-    for (int i = 0; i < prefixes; ++i) zelRadixRemove(tree, &world->records[0][i].entry);
+    for (uint32_t i = 0; i < prefixes; ++i) zelRadixRemove(tree, &world->records[0][i].entry);
     zelRadicalNextVersion(tree);
     EXPECT_EQ(tree->rtt_nodes, 0u);
     repair();

@@ -328,6 +328,43 @@ TEST_F(TimerHead, IsSharedByTasks) {
     EXPECT_GT(calls, 0);
 }
 
+// One task fires a timer over and over; another one deletes it, flushes it or, while its callback runs, destroys the
+// head under it and makes it again. Nothing fires then any more.
+TEST_F(TimerHead, LosesATimerToAnotherTaskWhileItFires) {
+    static std::atomic<int> fired{0};
+    const auto fire = [](intptr_t opened) {
+        ++fired;
+        reinterpret_cast<Gate *>(opened)->spin();
+    };
+    std::atomic<bool> isOver{false};
+    std::atomic<int> loops{0};
+    head.allocRoutine = allocateRecord;
+    head.releaseRoutine = FailingAllocator::release;
+    gate.open();
+    TestTask firing([&] {
+        for (; !isOver; ++loops) zelProcTimersThread(&head, 0, 3, nullptr);
+    });
+    for (int round = 0; round < 150; ++round) {
+        const bool isDestroyed = round % 3 == 0;
+        if (isDestroyed) gate.close();
+        const int before = fired;
+        zelTimer *timer = zelTickTimerCreate(fire, reinterpret_cast<intptr_t>(&gate), 0, 0, ZEL_TIMER_PERIODIC, &head);
+        ASSERT_TRUE(eventually(patience, [&] { return fired > before; }));
+        if (isDestroyed) {
+            EXPECT_EQ(zelTmrHeadDestroy(&head), 0);
+            EXPECT_EQ(zelTmrHeadInit(&head, allocateRecord, FailingAllocator::release, 1, 0), 0);
+        }
+        EXPECT_EQ(round % 3 == 1 ? zelTmrFlushAll(&head) : zelTimerDelete(timer, &head), 0);
+        gate.open();
+        const int seen = loops;  // in the second one from here on, no callback of this timer's runs
+        ASSERT_TRUE(eventually(patience, [&] { return loops > seen + 1; }));
+        EXPECT_EQ(zelTmrTreeEmpty(&head), 1);
+        EXPECT_EQ(FailingAllocator::live(), 0);
+    }
+    isOver = true;
+    EXPECT_TRUE(firing.ends());
+}
+
 // Deleted while it waits for the guard, or while it holds it and reads the time, a task leaves neither a record nor the
 // guard behind; suspended there, it gives the guard first.
 TEST_F(TimerHead, LosesNothingToADeletedTask) {
