@@ -1,9 +1,8 @@
 // Link messages as bytes, and the link service's sends.
 //
-// A message carries two addresses. The IPC header names the next stop: the link service here, then the one of the peer,
-// then the task; its source stays that of the first sender all the way, so that an answer finds the sender directly.
-// The link header names the task that it is for, and does not change on the way, but for the number that tells the
-// peer's service what it missed.
+// A message carries two addresses. The IPC header names the next stop, first the link service here, then the task on
+// the peer; its source stays the sender's, so that an answer finds it directly. The link header names the task that it
+// is for, and does not change on the way, but for the number that tells two forwarded messages apart.
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -11,7 +10,6 @@
 #include "ipc/endpoint.h"
 #include "ipc/irc_header.h"
 #include "ipc/irc_state.h"
-#include "ipc/task_table.h"
 #include "kernel/task.h"
 #include "zel/platform.h"
 
@@ -44,18 +42,14 @@ std::uint32_t queueFor(const zelIrcMessage &message) {
     return chosen == bareKey ? static_cast<std::uint32_t>(responseQueue) : chosen;
 }
 
-std::uint32_t addressOf(const zelIrcMessage &message) {
-    zelTmeTaskEntry entry{};
-    zelTmeGetTaskEntry(message.service, message.instance, &entry);
-    return entry.state == ZEL_TME_REMOTE && isKnownAddress(entry.address) ? entry.address : zel_sysGetIpAddr();
-}
-
-// Names the peer's link service as the target; false with errno while nobody has said where it is.
-bool addressToPeer(void *message) {
+// Sends to a queue of the peer; -1 with errno also while nobody has said where the peer is.
+int sendToPeer(std::uint32_t key, void *message, int length, std::uint32_t queueId) {
     const std::uint32_t peer = zelGetPeerRpmIpAddr();
-    if (peer == ZEL_IPC_NO_ADDRESS) return errno = ENOLINK, false;
-    zelIpcSetTargetHeader(message, peer, zelSysGetSlotId(), ZEL_IRC_SERVICE, linkInstance());
-    return true;
+    if (peer == ZEL_IPC_NO_ADDRESS) return kernel::fail(ENOLINK);
+    IpcHeader::TargetSlot::set(message, zelSysGetSlotId());
+    IpcHeader::TargetAddress::set(message, peer);
+    IpcHeader::TargetQueue::set(message, queueId);
+    return zelIpcNonGuaranteedSend(key, message, length);
 }
 
 }  // namespace
@@ -91,13 +85,8 @@ int zelIrcParse(const void *message, int length, zelIrcMessage *parsed) {
     if (!message || !parsed || length < ZEL_IRC_MIN_MESSAGE || length > ZEL_IRC_MAX_MESSAGE) return ZEL_ERROR;
     const uint8_t *header = ircHeaderOf(message);
     if (!isWhole(header, static_cast<size_t>(length) - IrcHeader::endInMessage)) return ZEL_ERROR;
-    *parsed = {IrcHeader::Type::get(header),
-               IrcHeader::Service::get(header),
-               IrcHeader::Instance::get(header),
-               IrcHeader::Sequence::get(header),
-               IrcHeader::SenderKey::get(header),
-               IrcHeader::StateWord::get(header),
-               {}};
+    *parsed = {IrcHeader::Type::get(header),      IrcHeader::Service::get(header),   IrcHeader::Instance::get(header),
+               IrcHeader::SenderKey::get(header), IrcHeader::StateWord::get(header), {}};
     if (parsed->type == ZEL_IRC_HELLO_NAME) memcpy(parsed->name, header + IrcHeader::name, sizeof parsed->name);
     return ZEL_OK;
 }
@@ -108,22 +97,13 @@ int zelIrcSendControl(uint32_t key, uint32_t type) {
     Irc_setIrcHeader(ircHeaderOf(message), key, type, ZEL_IRC_SERVICE, static_cast<uint16_t>(linkInstance()), 0);
     IpcHeader::Length::set(message, sizeof message);
     zelIpcSetSourceHeader(message, zelSysGetSlotId(), serviceOf(key), instanceOf(key));
-    if (!addressToPeer(message)) return ZEL_ERROR;
-    return zelIpcNonGuaranteedSend(key, message, sizeof message);
+    return sendToPeer(key, message, sizeof message, zel_getQueueId(ZEL_IRC_SERVICE, linkInstance(), requestQueue));
 }
 
-int zelIrcForward(uint32_t key, void *message, int length) {
-    if (!message || length < ZEL_IRC_MIN_MESSAGE) return zel::kernel::fail(message ? EMSGSIZE : EINVAL);
-    if (!addressToPeer(message)) return ZEL_ERROR;
+int zelIrcForward(uint32_t key, void *message, int length, const zelIrcMessage *parsed) {
+    if (!message || !parsed) return zel::kernel::fail(EINVAL);
+    if (length < ZEL_IRC_MIN_MESSAGE) return zel::kernel::fail(EMSGSIZE);
     IrcHeader::Sequence::set(ircHeaderOf(message), lastSequence.fetch_add(1, std::memory_order_relaxed) + 1);
-    return zelIpcNonGuaranteedSend(key, message, length);
-}
-
-int zelIrcDeliver(uint32_t key, void *message, int length, const zelIrcMessage *parsed) {
-    if (!message || !parsed || length < ZEL_IRC_MIN_MESSAGE)
-        return zel::kernel::fail(message && parsed ? EMSGSIZE : EINVAL);
-    zelIpcSetTargetHeader(message, addressOf(*parsed), zelSysGetSlotId(), parsed->service, parsed->instance);
-    IpcHeader::TargetQueue::set(message,
-                                zel_getQueueId(parsed->service, parsed->instance, static_cast<int>(queueFor(*parsed))));
-    return zelIpcNonGuaranteedSend(key, message, length);
+    return sendToPeer(key, message, length,
+                      zel_getQueueId(parsed->service, parsed->instance, static_cast<int>(queueFor(*parsed))));
 }

@@ -1,6 +1,6 @@
 /*
- * The link to the peer route processor: a chassis has two of them, and a link service (service 36, IRC) on each carries
- * messages from the tasks of one to the tasks of the other.
+ * The link to the peer route processor: a chassis has two of them, and a link service (service 36, IRC) on each watches
+ * over the other and carries messages from the tasks of its own to the tasks there.
  *
  * Tasks use the first half of this header; the second half is for the link service, which fills the link state that all
  * processes of its CPU share. Any task may call anything here at any time.
@@ -53,9 +53,9 @@ enum { ZEL_IRC_LINK_UNKNOWN = 0, ZEL_IRC_LINK_UP = 1, ZEL_IRC_LINK_DOWN = 2 };
  *                                    type, reply, sizeof reply, timeoutSec, transaction, &error);
  *
  * It arrives as it was sent, link header included, at the request queue of that task. Who answers it with zelIpcReply
- * reaches the queue that the sender chose: the IPC header names it. Where a CPU is reached by nobody but its peer's
- * link service, the answer is a message of type ZEL_IRC_ANSWER back over the link instead: to the queue type that the
- * low two bits of its word28 name (word 44 of the request holds them), the response queue when they are 0.
+ * reaches the queue that the sender chose: the IPC header still names it. An answer that is wanted over the link is a
+ * message of type ZEL_IRC_ANSWER to that task, with word 44 of the request as its word28: the low two bits of that name
+ * the queue it goes to, the response queue when they are 0.
  *
  * The link service drops, and counts, what it cannot carry: nobody is told, and a request ends at its time-out.
  */
@@ -98,14 +98,12 @@ int ircGetHAComptWithPeerRpm(void);
 
 /* What the link service did since the CPU's shared memory was created. */
 enum {
-    ZEL_IRC_COUNT_FORWARDED = 0, /* messages to the peer */
-    ZEL_IRC_COUNT_DELIVERED,     /* messages from the peer to tasks here */
+    ZEL_IRC_COUNT_FORWARDED = 0, /* messages of tasks to the peer's */
     ZEL_IRC_COUNT_CONTROL,       /* messages of the peer's link service */
-    ZEL_IRC_COUNT_MALFORMED,     /* no link messages; dropped, as are the next four */
-    ZEL_IRC_COUNT_REFUSED,       /* from another CPU than they may come from, or for nobody */
+    ZEL_IRC_COUNT_MALFORMED,     /* no link messages; dropped, as are the next three */
+    ZEL_IRC_COUNT_REFUSED,       /* of a type or a CPU that may not send there, or for the link service */
     ZEL_IRC_COUNT_LINK_DOWN,     /* came while the link was down */
     ZEL_IRC_COUNT_FAILED,        /* the host did not send them */
-    ZEL_IRC_COUNT_MISSING,       /* numbers missing in what the peer sent */
     ZEL_IRC_COUNT_UPS,           /* times that the link came up */
     ZEL_IRC_COUNT_LOSSES,        /* times that it went down */
     ZEL_IRC_COUNTERS
@@ -138,7 +136,6 @@ typedef struct {
     uint32_t type;
     int service; /* of the task it is for */
     int instance;
-    uint32_t sequence; /* number of a forwarded message from 1 on, else 0 */
     uint32_t senderKey;
     uint32_t stateWord;           /* of types 4 and 5 */
     char name[ZEL_IRC_NAME_SIZE]; /* of type 5 */
@@ -149,11 +146,9 @@ typedef struct {
 int zelIrcParse(const void *message, int length, zelIrcMessage *parsed);
 /* Sends a message of type 4, 5, 10, 11 or 12 from the service's endpoint to the peer's. 0, or -1 with errno. */
 int zelIrcSendControl(uint32_t key, uint32_t type);
-/* Numbers a message that was parsed and sends it to the peer's link service. 0, or -1 with errno. */
-int zelIrcForward(uint32_t key, void *message, int length);
-/* Sends a message of the peer to the task that it is for: where the task table says that it runs, else on this CPU. 0,
- * or -1 with errno. */
-int zelIrcDeliver(uint32_t key, void *message, int length, const zelIrcMessage *parsed);
+/* Numbers a message that zelIrcParse has read and sends it to the task on the peer that it is for. 0, or -1 with errno.
+ */
+int zelIrcForward(uint32_t key, void *message, int length, const zelIrcMessage *parsed);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

@@ -1,7 +1,5 @@
 #include "carrier.h"
 
-#include <arpa/inet.h>
-
 #include <cstdio>
 #include <cstring>
 
@@ -15,7 +13,6 @@ constexpr unsigned sourceAddressWord = 40;
 constexpr unsigned sourceQueueWord = 44;
 constexpr std::uint32_t millisecondsPerTick = 20;
 constexpr std::uint64_t nanosecondsPerTick = 20'000'000;
-constexpr std::uint32_t mostMissing = 1u << 31;  // more is a restart of the peer
 
 std::uint64_t now() {
     const zelHostSeam *seam = zelPlatformSeam();
@@ -45,9 +42,10 @@ private:
 
 }  // namespace
 
-Carrier::Carrier(std::uint32_t key, const Options &options)
+Carrier::Carrier(std::uint32_t key, const Options &options, Report report)
     : key_(key),
       options_(options),
+      report_(report),
       epoch_(newEpoch()),
       guard_(semMCreate(ZEL_SEM_PRIORITY)),
       link_(options.intervalTicks * options.lossIntervals * nanosecondsPerTick, options.version) {
@@ -61,28 +59,23 @@ Carrier::~Carrier() {
 void Carrier::takeFromHere(void *message, int length) {
     zelIrcMessage parsed;
     if (zelIrcParse(message, length, &parsed) != 0) return zelIrcCount(ZEL_IRC_COUNT_MALFORMED, 1);
-    if (!isForTask(parsed) || zelIpcHdrGet32(message, sourceAddressWord) != zel_sysGetIpAddr())
+    // Nobody speaks for the link service but itself.
+    const bool isForTask = isOfTask(parsed) && parsed.service != ZEL_IRC_SERVICE;
+    if (!isForTask || zelIpcHdrGet32(message, sourceAddressWord) != zel_sysGetIpAddr())
         return zelIrcCount(ZEL_IRC_COUNT_REFUSED, 1);
     if (!link_.isUp()) return zelIrcCount(ZEL_IRC_COUNT_LINK_DOWN, 1);
-    const bool isSent = zelIrcForward(key_, message, length) == 0;
+    const bool isSent = zelIrcForward(key_, message, length, &parsed) == 0;
     zelIrcCount(isSent ? ZEL_IRC_COUNT_FORWARDED : ZEL_IRC_COUNT_FAILED, 1);
 }
 
-void Carrier::takeFromPeer(void *message, int length) {
+void Carrier::takeFromPeer(const void *message, int length) {
     zelIrcMessage parsed;
     if (zelIrcParse(message, length, &parsed) != 0) return zelIrcCount(ZEL_IRC_COUNT_MALFORMED, 1);
-    const bool isControl = !isOfTask(parsed);
     const bool isOfService = zelIpcGetServiceFromSvce(zelIpcHdrGet32(message, sourceQueueWord)) == ZEL_IRC_SERVICE;
-    if (zelIpcHdrGet32(message, sourceAddressWord) != options_.peer || (isControl ? !isOfService : !isForTask(parsed)))
+    if (isOfTask(parsed) || !isOfService || zelIpcHdrGet32(message, sourceAddressWord) != options_.peer)
         return zelIrcCount(ZEL_IRC_COUNT_REFUSED, 1);
-    if (isControl) {
-        zelIrcCount(ZEL_IRC_COUNT_CONTROL, 1);
-        return advance([&](std::uint64_t time) { return link_.take(parsed, time); });
-    }
-    link_.hear(now());
-    countMissing(parsed.sequence);
-    const bool isSent = zelIrcDeliver(key_, message, length, &parsed) == 0;
-    zelIrcCount(isSent ? ZEL_IRC_COUNT_DELIVERED : ZEL_IRC_COUNT_FAILED, 1);
+    zelIrcCount(ZEL_IRC_COUNT_CONTROL, 1);
+    advance([&](std::uint64_t time) { return link_.take(parsed, time); });
 }
 
 void Carrier::tick() {
@@ -93,30 +86,22 @@ void Carrier::end() {
     advance([this](std::uint64_t) { return link_.end(); });
 }
 
-// A message for the link service itself would be carried for ever.
-bool Carrier::isForTask(const zelIrcMessage &message) const {
-    return isOfTask(message) && message.service != ZEL_IRC_SERVICE;
-}
-
-void Carrier::countMissing(std::uint32_t sequence) {
-    const std::uint32_t missing = sequence - lastSequence_ - 1;
-    if (lastSequence_ != 0 && sequence != 0 && missing < mostMissing) zelIrcCount(ZEL_IRC_COUNT_MISSING, missing);
-    lastSequence_ = sequence;
-}
-
 // One step of the link: its new state is published before the peer learns of it.
 template <class Step>
 void Carrier::advance(Step step) {
-    bool wasUp;
+    bool wasUp, isUp;
     {
         const Guard guard(guard_);
         wasUp = link_.isUp();
         const Link::Messages messages = step(now());
+        isUp = link_.isUp();
         publish();
         for (int i = 0; i < messages.count; ++i)
             if (zelIrcSendControl(key_, messages.types[i]) != 0) zelIrcCount(ZEL_IRC_COUNT_FAILED, 1);
     }
-    if (link_.isUp() != wasUp) report(wasUp);
+    if (isUp == wasUp) return;
+    zelIrcCount(isUp ? ZEL_IRC_COUNT_UPS : ZEL_IRC_COUNT_LOSSES, 1);
+    report_(options_, isUp ? link_.peerName() : nullptr);
 }
 
 void Carrier::publish() {
@@ -130,17 +115,6 @@ void Carrier::publish() {
     snprintf(state.name, sizeof state.name, "%s", options_.name.c_str());
     state.validMilliseconds = options_.intervalTicks * options_.lossIntervals * millisecondsPerTick;
     zelIrcSetLinkState(&state);
-}
-
-void Carrier::report(bool wasUp) const {
-    const in_addr peer{htonl(options_.peer)};
-    char text[INET_ADDRSTRLEN] = "";
-    inet_ntop(AF_INET, &peer, text, sizeof text);
-    zelIrcCount(wasUp ? ZEL_IRC_COUNT_LOSSES : ZEL_IRC_COUNT_UPS, 1);
-    if (wasUp)
-        printf("zelircd: the link to %s is down\n", text);
-    else
-        printf("zelircd: the link to %s is up, peer %s\n", text, link_.peerName());
 }
 
 }  // namespace zelircd

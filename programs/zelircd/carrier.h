@@ -1,8 +1,9 @@
-// Carries messages over the link and keeps the published link state: everything that the link service does with a
-// message or at a tick, but for waiting.
+// Everything that the link service does with a message or at a tick, but for waiting: messages of tasks here go to the
+// tasks of the peer that they are for; those of the peer's link service, and the ticks, move the link, and its state is
+// published.
 //
-// Two tasks carry, one for each direction, and a third ticks; the link's state is guarded by a semaphore. Whatever is
-// not wholly a link message, or does not come from where it may come from, is dropped and counted.
+// One task carries, one listens to the peer, one ticks; the link is guarded by a semaphore. Whatever is not wholly a
+// link message, or does not come from where it may come from, is dropped and counted.
 #pragma once
 
 #include <cstdint>
@@ -23,36 +24,34 @@ struct Options {
 
 class Carrier {
 public:
+    // Told when the link came up, by that name of the peer, or went down: with null. By any of the tasks.
+    using Report = void (*)(const Options &options, const char *peerName);
+
     // The link service's endpoint is open.
-    Carrier(std::uint32_t key, const Options &options);
+    Carrier(std::uint32_t key, const Options &options, Report report);
     ~Carrier();
     Carrier(const Carrier &) = delete;
     Carrier &operator=(const Carrier &) = delete;
 
     // A message of a task of this CPU.
     void takeFromHere(void *message, int length);
-    // A message of the peer, or of its link service; by one task.
-    void takeFromPeer(void *message, int length);
+    // A message of the peer's link service.
+    void takeFromPeer(const void *message, int length);
     // Once an interval.
     void tick();
     void end();
 
-    bool isUp() const { return link_.isUp(); }
-
 private:
-    bool isForTask(const zelIrcMessage &message) const;
-    void countMissing(std::uint32_t sequence);
     template <class Step>
     void advance(Step step);
     void publish();
-    void report(bool wasUp) const;
 
     const std::uint32_t key_;
     const Options options_;
+    const Report report_;
     const std::uint32_t epoch_;
     const zelSemId guard_;
     Link link_;  // but for what any task may ask: under guard_
-    std::uint32_t lastSequence_ = 0;
 };
 
 }  // namespace zelircd

@@ -13,15 +13,13 @@ constexpr Link::Messages say(std::uint32_t type) {
 
 Link::Messages Link::tick(std::uint64_t now) {
     if (!isUp_) return say(ZEL_IRC_HELLO);
-    // Another task may have heard the peer after `now` was read.
-    const std::uint64_t heard = lastHeard_;
-    if (heard >= now || now - heard < lossTime_) return say(ZEL_IRC_KEEP_ALIVE);
+    if (now - lastHeard_ < lossTime_) return say(ZEL_IRC_KEEP_ALIVE);
     isUp_ = false;
     return {{ZEL_IRC_DOWN, ZEL_IRC_HELLO}, 2};
 }
 
 Link::Messages Link::take(const zelIrcMessage &message, std::uint64_t now) {
-    hear(now);
+    lastHeard_ = now;
     switch (message.type) {
         case ZEL_IRC_HELLO:
             return takeHello(message.stateWord);

@@ -31,8 +31,6 @@ public:
     Messages tick(std::uint64_t now);
     // Takes a message of the peer's link service.
     Messages take(const zelIrcMessage &message, std::uint64_t now);
-    // Something else came from the peer; any task may tell.
-    void hear(std::uint64_t now) { lastHeard_ = now; }
     // We end.
     Messages end();
 
@@ -49,7 +47,7 @@ private:
     const std::uint64_t lossTime_;
     const std::uint32_t version_;
     std::atomic<bool> isUp_{false};
-    std::atomic<std::uint64_t> lastHeard_{0};
+    std::uint64_t lastHeard_ = 0;
     std::uint32_t peerEpoch_ = 0;
     bool isNamed_ = false;  // of this epoch
     std::uint32_t peerVersion_ = 0;

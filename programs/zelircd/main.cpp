@@ -17,7 +17,7 @@ constexpr const char *help =
     R"(usage: zelircd --peer ADDRESS [OPTION]... IDENTITY
        zelircd --status
 
-Carries messages between the tasks of this route processor and those of its peer. IDENTITY is the eight arguments that
+Carries messages of the tasks of this route processor to those of its peer. IDENTITY is the eight arguments that
 the task manager passes to every task, for instance by
   zeltmed --spawn 'IRC zelircd --peer 10.0.0.2'
 
@@ -49,8 +49,8 @@ const char *statusText(std::uint32_t status) {
 }
 
 int showStatus() {
-    static constexpr const char *names[ZEL_IRC_COUNTERS] = {"forwarded", "delivered", "control", "malformed", "refused",
-                                                            "link down", "failed",    "missing", "ups",       "losses"};
+    static constexpr const char *names[ZEL_IRC_COUNTERS] = {"forwarded", "control", "malformed", "refused",
+                                                            "link down", "failed",  "ups",       "losses"};
     std::uint64_t counters[ZEL_IRC_COUNTERS];
     if (zelPlatformHasSegments() == 0 || zelIrcGetCounters(counters) != 0) {
         fprintf(stderr, "zelircd: no link service has run on this CPU\n");

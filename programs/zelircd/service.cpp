@@ -1,5 +1,7 @@
 #include "service.h"
 
+#include <arpa/inet.h>
+
 #include <cstdio>
 #include <vector>
 
@@ -11,7 +13,7 @@ namespace {
 constexpr int carryPriority = 100;
 constexpr int beatPriority = 90;  // ahead of them: under load the link must not seem lost
 constexpr int receiveSeconds = 1;
-// Room for what arrives while the other direction is served.
+// Room for what many tasks send at once.
 constexpr int receiveBuffer = 8 << 20;
 
 using Buffer = std::vector<std::uint8_t>;
@@ -21,13 +23,24 @@ Buffer newBuffer() {
     return Buffer(ZEL_IRC_MAX_MESSAGE + 1);
 }
 
+void print(const Options &options, const char *peerName) {
+    const in_addr peer{htonl(options.peer)};
+    char text[INET_ADDRSTRLEN] = "";
+    inet_ntop(AF_INET, &peer, text, sizeof text);
+    if (peerName)
+        printf("zelircd: the link to %s is up, peer %s\n", text, peerName);
+    else
+        printf("zelircd: the link to %s is down\n", text);
+}
+
 int receive(std::uint32_t queue, Buffer &buffer, int seconds) {
     return zelIpcRecv(queue, buffer.data(), static_cast<int>(buffer.size()), seconds, 0, 0);
 }
 
 }  // namespace
 
-Service::Service(std::uint32_t key, const Options &options) : key_(key), options_(options), carrier_(key, options) {}
+Service::Service(std::uint32_t key, const Options &options)
+    : key_(key), options_(options), carrier_(key, options, print) {}
 
 Service::~Service() {
     for (const zelTaskId task : {carrying_, beating_})
@@ -37,11 +50,9 @@ Service::~Service() {
 
 bool Service::openQueues() {
     if (zelIpcOpenTmrQueue(key_) == ZEL_ERROR) return false;
-    for (const std::uint32_t type : {ZEL_IPC_QUEUE_REQUEST, ZEL_IPC_QUEUE_TIMER}) {
-        int error = 0;
-        if (zelIpcSetRecvBufferLimit(key_ | type, receiveBuffer, &error) != 0)
-            fprintf(stderr, "zelircd: a receive buffer stays small (error %d)\n", error);
-    }
+    int error = 0;
+    if (zelIpcSetRecvBufferLimit(key_ | ZEL_IPC_QUEUE_TIMER, receiveBuffer, &error) != 0)
+        fprintf(stderr, "zelircd: the receive buffer stays small (error %d)\n", error);
     return true;
 }
 

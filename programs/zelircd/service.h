@@ -1,4 +1,4 @@
-// The tasks of the link service: the body waits for the peer, one for messages of this CPU, one for the next tick.
+// The tasks of the link service: the body waits for the peer, one for messages of tasks here, one for the next tick.
 #pragma once
 
 #include <cstdint>

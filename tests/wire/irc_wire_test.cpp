@@ -42,10 +42,10 @@ bool asked() {
 }
 
 template <std::uint32_t type>
-bool delivered() {
+bool forwarded() {
     Bytes bytes = forPeer(type);
     zelIrcMessage parsed;
-    return zelIrcParse(bytes.data(), 144, &parsed) == 0 && zelIrcDeliver(Wire::key, bytes.data(), 144, &parsed) == 0;
+    return zelIrcParse(bytes.data(), 144, &parsed) == 0 && zelIrcForward(Wire::key, bytes.data(), 144, &parsed) == 0;
 }
 
 const Wire rows[] = {
@@ -57,13 +57,8 @@ const Wire rows[] = {
     {"irc_data", handedOver<ZEL_IRC_DATA>},
     {"irc_answer", handedOver<ZEL_IRC_ANSWER>},
     {"irc_request", asked},
-    {"irc_forwarded",
-     [] {
-         Bytes bytes = forPeer(ZEL_IRC_DATA);
-         return zelIrcForward(Wire::key, bytes.data(), 144) == 0;
-     }},
-    {"irc_delivered", delivered<ZEL_IRC_REQUEST>},
-    {"irc_delivered_answer", delivered<ZEL_IRC_ANSWER>},
+    {"irc_forwarded", forwarded<ZEL_IRC_DATA>},
+    {"irc_forwarded_answer", forwarded<ZEL_IRC_ANSWER>},
 };
 
 }  // namespace
