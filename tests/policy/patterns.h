@@ -1,0 +1,87 @@
+// Patterns and texts for tests of the matcher: those of operators, those that nobody would write, and the judge.
+#pragma once
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/random.h"
+
+namespace zel::test {
+
+// The lines of data/NAME without those that begin with '#'; of each, what stands behind the last tab.
+inline std::vector<std::string> lastColumns(const std::string &name) {
+    std::vector<std::string> all;
+    std::ifstream file(ZEL_DATA_DIR "/" + name);
+    for (std::string line; std::getline(file, line);)
+        if (!line.starts_with('#')) all.push_back(line.substr(line.rfind('\t') + 1));
+    return all;
+}
+
+// Expressions of few characters in all combinations that mean something, and some that do not.
+class PatternMaker {
+public:
+    explicit PatternMaker(Random &random) : random_(random) {}
+
+    std::string pattern() { return choice(3); }
+    std::string text() {
+        std::string made;
+        for (unsigned left = below(10); left > 0; --left) made += one("111220 ,{}()ab-^\n\xe4");
+        return made;
+    }
+
+private:
+    unsigned below(unsigned count) { return random_() % count; }
+    char one(std::string_view characters) { return characters[below(static_cast<unsigned>(characters.size()))]; }
+
+    std::string choice(unsigned depth) {
+        std::string made = sequence(depth);
+        while (below(4) == 0) made += '|' + sequence(depth);
+        return made;
+    }
+    std::string sequence(unsigned depth) {
+        std::string made;
+        for (unsigned left = below(4); left > 0; --left) made += atom(depth) + repetition();
+        return made;
+    }
+    std::string atom(unsigned depth) {
+        switch (below(14)) {
+            case 0:
+            case 1:
+            case 2:
+                return depth > 0 ? '(' + choice(depth - 1) + ')' : "1";
+            case 3:
+                return "_";
+            case 4:
+                return "^";
+            case 5:
+                return "$";
+            case 6:
+                return brackets();
+            case 7:
+                return ".";
+            case 8:
+                return below(4) > 0 ? std::string("\\") + one("_.*+?()[]{}|^$0,-a")
+                                    : std::string("\\") + one("wWsSbB<>`'");
+            default:
+                return std::string(1, one("11122200 ,ab-{}])\xe4"));
+        }
+    }
+    std::string brackets() {
+        static const std::string inside[] = {"1",         "0-2",   "]",   "^",         "-",    "[",   "_",
+                                             "\\",        "a-",    "--2", "ab",        ",",    "+--", "[:digit:]",
+                                             "[:space:]", "[=1=]", "2-1", "\xe0-\xff", "[.-.]"};
+        std::string made = below(3) == 0 ? "[^" : "[";
+        for (unsigned left = 1 + below(3); left > 0; --left) made += inside[below(std::size(inside))];
+        return made + ']';
+    }
+    std::string repetition() {
+        static const std::string all[] = {"*",    "+",    "?",   "{0}", "{2}",   "{0,2}",
+                                          "{1,}", "{,2}", "{,}", "**",  "{2,1}", "+?"};
+        return below(3) == 0 ? all[below(std::size(all))] : "";
+    }
+
+    Random &random_;
+};
+
+}  // namespace zel::test
