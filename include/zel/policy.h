@@ -153,6 +153,71 @@ zelRadix *aclMgrDhcpHelperGetTreeHndle(void);
  * for other codes. The text is good until the next call from any thread. */
 const char *aclRetCodeToStr(uint32_t code, ...);
 
+/* ==== Prefix lists ================================================================================================
+ *
+ * A list belongs to one family; an IPv4 and an IPv6 list may have the same name. The entry with the lowest sequence
+ * number among those that accept decides, and its hit count goes up. An entry accepts a prefix that its own covers and
+ * whose length is right: without bounds, the same length; otherwise at least `ge` bits, or without `ge` as many as the
+ * entry has, and at most `le` bits, or without `le` as many as there are.
+ *
+ * Entries whose mask is no prefix are outside that order: only the first of them whose masked address matches counts,
+ * whatever the length asked for.
+ *
+ * A mask that is no prefix asks for a length that no entry has; so does a length beyond the family's. Another `family`
+ * than 1 and 2, or a list of the other one: the list is unknown by name, and denies as a handle unless it is empty. */
+
+/* A list as route maps and routing protocols name it: by handle or, when that is null, by name. */
+typedef struct {
+    zelPrefixList *node;
+    const char *name;
+} zelPrefixListName;
+
+/* The list of that name, or null. `tree` holds the names of the family; null takes that of the first set of tables. */
+zelPrefixList *ipPrefixListFind(const char *name, zelRadix *tree, int family);
+
+/* IPv4, address and mask as numbers. */
+uint32_t prefixListCheck(const char *name, uint32_t address, uint32_t mask);
+uint32_t prefixListCheckWithHandle(zelPrefixList *list, uint32_t address, uint32_t mask);
+uint32_t prefixFilterCheck(uint32_t address, uint32_t mask, zelPrefixList *list);
+/* Either family, address and mask as bytes. */
+uint32_t prefixListCheckv4_v6(const char *name, const uint8_t *address, const uint8_t *mask, int family);
+uint32_t prefixListCheckWithHandlev4_v6(zelPrefixList *list, const uint8_t *address, const uint8_t *mask, int family);
+uint32_t prefixFilterCheckv4_v6(const uint8_t *address, const uint8_t *mask, zelPrefixList *list, int family);
+/* The address has its number of bytes, 4 or 16, in front, which also says the family; 1 for any other number. The list
+ * is that of `node` or, when it is null, of `name`. */
+uint32_t prefixListCheck2(zelPrefixList *node, const char *name, const uint8_t *address, uint8_t length);
+/* The check that all others come to. When `node` is null the list is found by `name` and `tree`, as above. */
+uint32_t prefixListCheckNew(zelPrefixList *node, const char *name, const uint8_t *address, uint8_t length, int family,
+                            zelRadix *tree);
+uint32_t prefixListCheckNew1(const zelPrefixListName *list, const uint8_t *address, uint8_t length, int family);
+uint32_t bgp_match_addr(const zelPrefixListName *list, const uint8_t *address, uint8_t length, int family);
+
+uint32_t prefixListCheckExt(const char *name, uint32_t address, uint32_t mask);
+uint32_t prefixListCheckWithHandleExt(zelPrefixList *list, uint32_t address, uint32_t mask);
+uint32_t prefixListCheckv4_v6Ext(const char *name, const uint8_t *address, const uint8_t *mask, int family);
+uint32_t prefixListCheckWithHandlev4_v6Ext(zelPrefixList *list, const uint8_t *address, const uint8_t *mask,
+                                           int family);
+uint32_t prefixListCheckNew_Ext(zelPrefixList *node, const char *name, const uint8_t *address, uint8_t length,
+                                int family, zelRadix *tree);
+
+uint32_t m_prefixListCheck(const char *name, uint32_t address, uint32_t mask);
+uint32_t m_prefixListCheckWithHandle(zelPrefixList *list, uint32_t address, uint32_t mask);
+uint32_t m_prefixListCheckv4_v6(const char *name, const uint8_t *address, const uint8_t *mask, int family);
+uint32_t m_prefixListCheckWithHandlev4_v6(zelPrefixList *list, const uint8_t *address, const uint8_t *mask, int family);
+uint32_t m_prefixListCheckExt(const char *name, uint32_t address, uint32_t mask);
+uint32_t m_prefixListCheckWithHandleExt(zelPrefixList *list, uint32_t address, uint32_t mask);
+uint32_t m_prefixListCheckv4_v6Ext(const char *name, const uint8_t *address, const uint8_t *mask, int family);
+uint32_t m_prefixListCheckWithHandlev4_v6Ext(zelPrefixList *list, const uint8_t *address, const uint8_t *mask,
+                                             int family);
+
+/* The length of a mask, 255 when it is no prefix; null is a mask of none. */
+uint8_t acl_host_order_mask2plen(uint32_t mask);
+uint8_t acl_mask2plen(const uint8_t mask[16]);
+/* 1 when a condition accepts a prefix of `length` bits, else 0: one with `prefixLength` bits, 255 for a mask that is no
+ * prefix, and bounds `ge` and `le`, 0 where not given. `isDefault`: its address and mask are all zero, and `le` alone
+ * at all the family's bits then accepts any length. `width` is that of an address in bytes. */
+int prefixListCmpEntInfo(int isDefault, uint8_t length, uint8_t prefixLength, uint8_t ge, uint8_t le, uint32_t width);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
