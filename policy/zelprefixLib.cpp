@@ -134,10 +134,8 @@ uint32_t m_prefixListCheckWithHandlev4_v6(zelPrefixList *list, const uint8_t *ad
     return checkBytes(list, address, mask, family);
 }
 
-// As long as the second set of tables is not supported there, these take the first.
-
 uint32_t m_prefixListCheckExt(const char *name, uint32_t address, uint32_t mask) {
-    return prefixListCheckExt(name, address, mask);
+    return lockedCheck(isAclSupportedOnRp2() ? m_prefixListCheck : prefixListCheck, name, address, mask);
 }
 
 uint32_t m_prefixListCheckWithHandleExt(zelPrefixList *list, uint32_t address, uint32_t mask) {
@@ -145,7 +143,8 @@ uint32_t m_prefixListCheckWithHandleExt(zelPrefixList *list, uint32_t address, u
 }
 
 uint32_t m_prefixListCheckv4_v6Ext(const char *name, const uint8_t *address, const uint8_t *mask, int family) {
-    return prefixListCheckv4_v6Ext(name, address, mask, family);
+    return lockedCheck(isAclSupportedOnRp2() ? m_prefixListCheckv4_v6 : prefixListCheckv4_v6, name, address, mask,
+                       family);
 }
 
 uint32_t m_prefixListCheckWithHandlev4_v6Ext(zelPrefixList *list, const uint8_t *address, const uint8_t *mask,
