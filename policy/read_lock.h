@@ -1,6 +1,8 @@
 // The read side of the lock of the policy tables, from its begin to the end of the scope.
 #pragma once
 
+#include <cstdint>
+
 #include "zel/platform.h"
 
 namespace zel::policy {
@@ -17,5 +19,13 @@ public:
 private:
     const bool isHeld_;
 };
+
+// What a plain check says under the read lock. Where the lock cannot be had the check goes on without it: it believes
+// nothing that it reads, and no made-up verdict would be better.
+template <class... Parameters, class... Arguments>
+std::uint32_t lockedCheck(std::uint32_t (*check)(Parameters...), Arguments... arguments) {
+    const ReadLock lock;
+    return check(arguments...);
+}
 
 }  // namespace zel::policy

@@ -20,14 +20,6 @@ zelRadix *treeOf(Kind kind) {
     return segment != nullptr ? &segment->aclNode.trees[static_cast<std::size_t>(kind)] : nullptr;
 }
 
-// What a plain check says under the read lock. Where the lock cannot be had the check goes on without it: it believes
-// nothing that it reads, and no made-up verdict would be better.
-template <class... Parameters, class... Arguments>
-std::uint32_t lockedCheck(std::uint32_t (*check)(Parameters...), Arguments... arguments) {
-    const ReadLock lock;
-    return check(arguments...);
-}
-
 }  // namespace
 }  // namespace zel::policy
 

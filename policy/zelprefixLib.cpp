@@ -89,30 +89,25 @@ uint32_t bgp_match_addr(const zelPrefixListName *list, const uint8_t *address, u
 // ---- Under the read lock -------------------------------------------------------------------------------------------
 
 uint32_t prefixListCheckExt(const char *name, uint32_t address, uint32_t mask) {
-    const ReadLock lock;
-    return prefixListCheck(name, address, mask);
+    return lockedCheck(prefixListCheck, name, address, mask);
 }
 
 uint32_t prefixListCheckWithHandleExt(zelPrefixList *list, uint32_t address, uint32_t mask) {
-    const ReadLock lock;
-    return prefixListCheckWithHandle(list, address, mask);
+    return lockedCheck(prefixListCheckWithHandle, list, address, mask);
 }
 
 uint32_t prefixListCheckv4_v6Ext(const char *name, const uint8_t *address, const uint8_t *mask, int family) {
-    const ReadLock lock;
-    return prefixListCheckv4_v6(name, address, mask, family);
+    return lockedCheck(prefixListCheckv4_v6, name, address, mask, family);
 }
 
 uint32_t prefixListCheckWithHandlev4_v6Ext(zelPrefixList *list, const uint8_t *address, const uint8_t *mask,
                                            int family) {
-    const ReadLock lock;
-    return prefixListCheckWithHandlev4_v6(list, address, mask, family);
+    return lockedCheck(prefixListCheckWithHandlev4_v6, list, address, mask, family);
 }
 
 uint32_t prefixListCheckNew_Ext(zelPrefixList *node, const char *name, const uint8_t *address, uint8_t length,
                                 int family, zelRadix *tree) {
-    const ReadLock lock;
-    return prefixListCheckNew(node, name, address, length, family, tree);
+    return lockedCheck(prefixListCheckNew, node, name, address, length, family, tree);
 }
 
 // ---- The second set of tables --------------------------------------------------------------------------------------
