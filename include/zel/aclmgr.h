@@ -141,6 +141,21 @@ uint32_t zelAclMgrAddIpv6Entry(zelAclMgr *manager, const char *name, const zelAc
 int zelAclMgrGetIpEntries(zelAclMgr *manager, const char *name, zelAclIpEntry *entries, int capacity);
 int zelAclMgrGetIpv6Entries(zelAclMgr *manager, const char *name, zelAclIpv6Entry *entries, int capacity);
 
+/* ---- Prefix lists, of family 1 (IPv4) or 2 (IPv6) */
+
+/* Makes the list of that name hold these entries, whatever it held; creates it. No entries leave an empty list. Entries
+ * that stay as they are keep their hit counts. 0x3900001f: bounds beyond the family's bits, or `ge` beyond `le`;
+ * 0x39000025: a sequence number that two entries have; 0x3900002d: none is left behind the last; 0x39000022:
+ * no memory; 0x3900006a: the name is too long; 0x3900002f: no name, or another family. */
+uint32_t zelAclMgrSetPrefixList(zelAclMgr *manager, const char *name, int family, const zelAclPrefixEntry *entries,
+                                uint32_t count);
+/* Adds an entry to the list, creating it. The same codes. */
+uint32_t zelAclMgrAddPrefixEntry(zelAclMgr *manager, const char *name, int family, const zelAclPrefixEntry *entry);
+/* Copies at most `capacity` entries, in the order of sequence numbers, with their hits so far. How many there are, -1:
+ * no such list. */
+int zelAclMgrGetPrefixEntries(zelAclMgr *manager, const char *name, int family, zelAclPrefixEntry *entries,
+                              int capacity);
+
 /* ---- Lists of any kind. Codes: the kind's own for a list that does not exist, 0x3900002A for a sequence number that
  * does not, 0x3900001C for want of memory, 0x3900002F for a kind that there is not, or no name. */
 
@@ -178,21 +193,6 @@ typedef struct {
 /* Looks through the whole segment, under the write lock and after whatever repair was due; believes nothing it reads.
  * How many faults there are: 0, all is well. */
 uint32_t zelAclMgrAudit(zelAclMgr *manager, zelAclMgrAuditReport *report);
-
-/* ---- Prefix lists, of family 1 (IPv4) or 2 (IPv6) */
-
-/* Makes the list of that name hold these entries, whatever it held; creates it. No entries leave an empty list. Entries
- * that stay as they are keep their hit counts. 0x3900001f: bounds beyond the family's bits, or `ge` beyond `le`;
- * 0x39000025: a sequence number that two entries have; 0x3900002d: none is left behind the last; 0x3900002f: another
- * family; 0x39000022: no memory; 0x3900006a: the name is too long, or none. */
-uint32_t zelAclMgrSetPrefixList(zelAclMgr *manager, const char *name, int family, const zelAclPrefixEntry *entries,
-                                uint32_t count);
-/* Adds an entry to the list, creating it. The same codes. */
-uint32_t zelAclMgrAddPrefixEntry(zelAclMgr *manager, const char *name, int family, const zelAclPrefixEntry *entry);
-/* Copies at most `capacity` entries, in the order of sequence numbers, with their hits so far. How many there are, -1:
- * no such list. */
-int zelAclMgrGetPrefixEntries(zelAclMgr *manager, const char *name, int family, zelAclPrefixEntry *entries,
-                              int capacity);
 
 #pragma GCC visibility pop
 #ifdef __cplusplus

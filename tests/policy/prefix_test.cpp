@@ -391,6 +391,8 @@ class PrefixCalls : public testing::Test {
 protected:
     zelAclMgr *primary = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY), *second = zelAclMgrOpen(ZEL_ACLMGR_SECOND);
     ~PrefixCalls() override {
+        zelAclMgrAuditReport report;
+        EXPECT_EQ(zelAclMgrAudit(primary, &report), 0u);
         zelAclMgrClose(primary);
         zelAclMgrClose(second);
     }
