@@ -75,8 +75,6 @@ struct KindRow {
     std::uint32_t listMissing, noMemory, nameTooLong;
     const ListOperations *operations;  // null: nothing makes lists of this kind yet
 };
-// Null for a number that names no kind.
-const KindRow *rowOf(zelAclMgrKind kind);
 // Of the images of a kind; null when there are none, or the kind's images are no business of these calls.
 const ListOperations *operationsOf(Kind kind);
 

@@ -130,8 +130,7 @@ zelRadix &Change::names(Kind kind) const {
     return manager_.tables->trees[static_cast<std::size_t>(kind)];
 }
 
-ListNode *Change::find(zelAclMgrKind kind, const char *name) const {
-    const KindRow *row = rowOf(kind);
+ListNode *Change::find(const KindRow *row, const char *name) const {
     if (row == nullptr || name == nullptr) return nullptr;
     char key[policy::nameLength + 1] = {};
     memcpy(key, name, strnlen(name, policy::nameLength));
@@ -153,13 +152,12 @@ ListNode *Change::makeNode(Kind kind, const char *name) {
     return node;
 }
 
-std::uint32_t Change::set(zelAclMgrKind kind, const char *name, const ImageBuilder &builder) {
-    const KindRow *row = rowOf(kind);
+std::uint32_t Change::set(const KindRow *row, const char *name, const ImageBuilder &builder) {
     if (row == nullptr || name == nullptr || *name == 0) return codeValueRange;
     if (strlen(name) > policy::nameLength) return row->nameTooLong;
     const Link image = builder.entries() != 0 ? makeImage(row->kind, builder) : 0;
     if (builder.entries() != 0 && image == 0) return row->noMemory;
-    if (ListNode *list = find(kind, name)) {
+    if (ListNode *list = find(row, name)) {
         dropImage(list->image.exchange(image, std::memory_order_acq_rel));
         return 0;
     }

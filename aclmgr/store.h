@@ -37,6 +37,10 @@ using policy::ListNode;
 // All blocks of the policy heap that lists are made of stand under this tag.
 inline constexpr char source[] = "zelAclMgr";
 
+// What a kind of list is to the store; see aclmgr/draft.h. Null for a number that names no kind.
+struct KindRow;
+const KindRow *rowOf(zelAclMgrKind kind);
+
 // What every call asks first.
 inline bool isManager(const zelAclMgr *manager, int line = __builtin_LINE()) {
     return asserted(manager != nullptr, "manager", source, line);
@@ -74,10 +78,14 @@ public:
     Change(const Change &) = delete;
     Change &operator=(const Change &) = delete;
 
-    ListNode *find(zelAclMgrKind kind, const char *name) const;
+    ListNode *find(const KindRow *row, const char *name) const;
+    ListNode *find(zelAclMgrKind kind, const char *name) const { return find(rowOf(kind), name); }
     // Makes the list that of the builder, creating it when there is none of that name. 0, or the code of why nothing
     // changed: no memory, or a name that is none.
-    std::uint32_t set(zelAclMgrKind kind, const char *name, const ImageBuilder &builder);
+    std::uint32_t set(const KindRow *row, const char *name, const ImageBuilder &builder);
+    std::uint32_t set(zelAclMgrKind kind, const char *name, const ImageBuilder &builder) {
+        return set(rowOf(kind), name, builder);
+    }
     void remove(ListNode &list);
     policy::Root &root() const { return *manager_.root; }
 

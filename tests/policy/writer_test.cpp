@@ -19,6 +19,7 @@
 #include "tests/support/eventually.h"
 #include "tests/support/random.h"
 #include "zel/platform.h"
+#include "zel/policy.h"
 
 namespace zel::test {
 namespace {
@@ -28,7 +29,9 @@ using policy::Image;
 
 // ---- Lists of words -------------------------------------------------------------------------------------------------
 
-constexpr zelAclMgrKind anyKind = ZEL_ACLMGR_ROUTE_MAP;
+// Lists of a kind that nothing else makes.
+constexpr policy::Kind wordKind = policy::Kind::macAcl;
+constexpr aclmgr::KindRow wordRow{wordKind, 1, 2, 3, nullptr};
 
 // A list of `count` words, all the same.
 class Words : public aclmgr::ImageBuilder {
@@ -44,12 +47,12 @@ private:
 };
 
 std::uint32_t put(const zelAclMgr &manager, const char *name, std::uint32_t count, int word) {
-    return Change(manager).set(anyKind, name, Words(count, word));
+    return Change(manager).set(&wordRow, name, Words(count, word));
 }
 
 void remove(const zelAclMgr &manager, const char *name) {
     Change change(manager);
-    if (policy::ListNode *list = change.find(anyKind, name)) change.remove(*list);
+    if (policy::ListNode *list = change.find(&wordRow, name)) change.remove(*list);
 }
 
 constexpr int missing = -1, mixed = -2;
@@ -58,9 +61,9 @@ constexpr int missing = -1, mixed = -2;
 int wordOf(const char *name) {
     const policy::Root *root = policy::root();
     if (root == nullptr) return missing;
-    const policy::ListNode *list = policy::findList(root->aclNode, policy::Kind::routeMap, name);
+    const policy::ListNode *list = policy::findList(root->aclNode, wordKind, name);
     if (list == nullptr) return missing;
-    const policy::Bytes image = policy::imageOf(list, policy::Kind::routeMap);
+    const policy::Bytes image = policy::imageOf(list, wordKind);
     if (!image) return 0;
     const std::uint32_t count = image.header()->entries;
     const int *words = policy::inside<int>(image, sizeof(Image), count);
@@ -130,26 +133,22 @@ TEST(PolicyWriter, ListsComeChangeAndGo) {
     EXPECT_EQ(put(*manager, "b", 1000, 22), 0u);
     EXPECT_EQ(put(*second, "a", 1, 44), 0u);
     EXPECT_EQ(put(*manager, "", 1, 1), aclmgr::codeValueRange);
-    EXPECT_EQ(put(*manager, std::string(141, 'x').c_str(), 1, 1), 0x39000069u);
+    EXPECT_EQ(put(*manager, std::string(141, 'x').c_str(), 1, 1), 3u);
     EXPECT_EQ(put(*manager, std::string(140, 'x').c_str(), 1, 1), 0u);
-    EXPECT_EQ(put(*manager, "b", 400'000'000, 22), 0x39000007u) << "no memory";
+    EXPECT_EQ(put(*manager, "b", 400'000'000, 22), 2u);
     EXPECT_EQ(wordOf("a"), 11);
-    policy::ListNode *list = Change(*manager).find(anyKind, "a");
+    policy::ListNode *list = Change(*manager).find(&wordRow, "a");
     EXPECT_EQ(put(*manager, "a", 2, 33), 0u);
-    EXPECT_EQ(Change(*manager).find(anyKind, "a"), list) << "a handle stays good while its list does";
+    EXPECT_EQ(Change(*manager).find(&wordRow, "a"), list) << "a handle stays good while its list does";
     EXPECT_EQ(wordOf("a"), 33);
     EXPECT_EQ(put(*manager, "a", 0, 0), 0u);
     EXPECT_EQ(wordOf("a"), 0);
-    char names[2][ZEL_POLICY_NAME + 1];
-    EXPECT_EQ(zelAclMgrGetNames(manager, anyKind, names, 2), 3);
-    EXPECT_TRUE(strcmp(names[0], "a") == 0 && strcmp(names[1], "b") == 0);
-    EXPECT_EQ(zelAclMgrGetNames(manager, static_cast<zelAclMgrKind>(7), names, 2), -1);
 
     remove(*manager, "a");
     EXPECT_EQ(wordOf("a"), missing);
-    EXPECT_FALSE(policy::imageOf(list, policy::Kind::routeMap)) << "a stale handle finds no list";
+    EXPECT_FALSE(policy::imageOf(list, wordKind)) << "a stale handle finds no list";
     EXPECT_EQ(put(*manager, "c", 1, 55), 0u);
-    EXPECT_EQ(Change(*manager).find(anyKind, "c"), list) << "memory of nodes is used again";
+    EXPECT_EQ(Change(*manager).find(&wordRow, "c"), list) << "memory of nodes is used again";
     EXPECT_EQ(wordOf("b"), 22);
     zelAclMgrAuditReport report;
     EXPECT_EQ(zelAclMgrAudit(second, &report), 0u);
@@ -158,11 +157,77 @@ TEST(PolicyWriter, ListsComeChangeAndGo) {
     zelAclMgrClose(manager);
 }
 
-TEST(PolicyWriter, ACheckNeedsNoLock) {
+// ---- Access lists, by the public calls ------------------------------------------------------------------------------
+
+// A list of `count` entries with the action `count`: the first matches the source 1, the last the source 2, those
+// between neither.
+std::uint32_t setAccessList(zelAclMgr *manager, const char *name, std::uint32_t count) {
+    std::vector<zelAclIpEntry> entries(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        entries[i].sequence = 10 * (i + 1);
+        entries[i].action = static_cast<std::uint8_t>(count);
+        entries[i].kind = 1;
+        entries[i].source = i == 0 ? 1 : i + 1 == count ? 2 : 100 + i;
+    }
+    return zelAclMgrSetIpList(manager, name, entries.data(), count);
+}
+
+// As a plain check finds it: how many entries the list has, missing, or mixed when its entries do not agree.
+int countOf(const char *name) {
+    const zelIpAcl *list = ipAccessListFind(name);
+    if (list == nullptr) return missing;
+    const std::uint32_t first = ipAccessListCheckWithHandle(list, 1, 0), last = ipAccessListCheckWithHandle(list, 2, 0);
+    return first == last ? static_cast<int>(first) : mixed;
+}
+
+TEST(PolicyWriter, EditsOfAnyKind) {
     zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
-    put(*manager, "a", 1, 1);
+    const auto sequences = [&] {
+        std::vector<zelAclIpEntry> entries(8);
+        entries.resize(static_cast<std::size_t>(zelAclMgrGetIpEntries(manager, "a", entries.data(), 8)));
+        std::vector<std::uint32_t> numbers;
+        for (const zelAclIpEntry &entry : entries) numbers.push_back(entry.sequence);
+        return numbers;
+    };
+    using Numbers = std::vector<std::uint32_t>;
+    EXPECT_EQ(setAccessList(manager, "b", 2), 0u);
+    EXPECT_EQ(setAccessList(manager, "a", 4), 0u);
+    EXPECT_EQ(zelAclMgrRemoveEntry(manager, ZEL_ACLMGR_IP, "a", 20), 0u);
+    EXPECT_EQ(zelAclMgrRemoveEntry(manager, ZEL_ACLMGR_IP, "a", 20), 0x3900002au);
+    EXPECT_EQ(sequences(), (Numbers{10, 30, 40}));
+    EXPECT_EQ(zelAclMgrResequence(manager, ZEL_ACLMGR_IP, "a", UINT32_MAX - 10, 5), 0u);
+    for (const auto &[first, step] : {std::pair{0u, 5u}, {5u, 0u}, {UINT32_MAX - 10, 6u}, {1u, UINT32_MAX}})
+        EXPECT_EQ(zelAclMgrResequence(manager, ZEL_ACLMGR_IP, "a", first, step), 0x3900002du);
+    EXPECT_EQ(sequences(), (Numbers{UINT32_MAX - 10, UINT32_MAX - 5, UINT32_MAX}));
+    EXPECT_EQ(countOf("a"), 4);
+
+    char names[2][ZEL_POLICY_NAME + 1];
+    EXPECT_EQ(zelAclMgrGetNames(manager, ZEL_ACLMGR_IPV6, names, 1), 2);
+    EXPECT_STREQ(names[0], "a");
+    EXPECT_EQ(zelAclMgrGetNames(manager, static_cast<zelAclMgrKind>(7), names, 2), -1);
+    EXPECT_EQ(zelAclMgrRemoveList(manager, ZEL_ACLMGR_IPV6, "a"), 0x39000001u) << "only IPv4 entries";
+    const zelAclIpv6Entry any{};
+    EXPECT_EQ(zelAclMgrAddIpv6Entry(manager, "a", &any), 0u);
+    EXPECT_EQ(zelAclMgrRemoveList(manager, ZEL_ACLMGR_IP, "a"), 0u);
+    EXPECT_EQ(zelAclMgrRemoveList(manager, ZEL_ACLMGR_IP, "a"), 0x39000001u);
+    EXPECT_NE(countOf("a"), missing) << "the IPv6 entries stay";
+    EXPECT_EQ(zelAclMgrRemoveList(manager, ZEL_ACLMGR_IPV6, "a"), 0u);
+    EXPECT_EQ(countOf("a"), missing);
+    EXPECT_EQ(zelAclMgrRemoveEntry(manager, ZEL_ACLMGR_IP, "b", 10), 0u);
+    EXPECT_EQ(zelAclMgrRemoveEntry(manager, ZEL_ACLMGR_IP, "b", 20), 0u);
+    EXPECT_EQ(countOf("b"), 0) << "an empty list is a list";
+    EXPECT_EQ(zelAclMgrRemoveList(manager, ZEL_ACLMGR_IP, "b"), 0u);
+    zelAclMgrAuditReport report;
+    EXPECT_EQ(zelAclMgrAudit(manager, &report), 0u);
+    EXPECT_EQ(report.lists, 0u);
+    zelAclMgrClose(manager);
+}
+
+TEST(PolicyWriter, APlainCheckTakesNoLock) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    setAccessList(manager, "a", 7);
     const Change change(*manager);
-    EXPECT_EQ(std::async(std::launch::async, [] { return wordOf("a"); }).get(), 1);
+    EXPECT_EQ(std::async(std::launch::async, [] { return countOf("a"); }).get(), 7);
 }
 
 // Whatever somebody wrote into the segment, audits and checks end; and links of names that form no tree are made anew.
@@ -172,7 +237,7 @@ TEST(PolicyWriter, AnAuditBelievesNothing) {
     Random random = seeded();
     zelAclMgrAuditReport report;
     const Change change(*manager);
-    zelRadix &tree = manager->tables->trees[static_cast<std::size_t>(policy::Kind::routeMap)];
+    zelRadix &tree = manager->tables->trees[static_cast<std::size_t>(wordKind)];
     tree.rtt_slabs[0][tree.rtt_root].rtn_left = tree.rtt_root;
     EXPECT_NE(aclmgr::audit(*manager->root, report), 0u);
     EXPECT_EQ(report.brokenTrees, 1u);
@@ -291,7 +356,7 @@ TEST(PolicyWriterKilled, AtAnyInstruction) {
 }
 
 // What the processes of the test that follows tell each other, behind the root of the tables.
-constexpr int readerCount = 4;
+constexpr int readerCount = 4, longest = 200;
 struct Board {
     std::atomic<std::uint64_t> changes, checks[readerCount];
     std::atomic<int> illegal;
@@ -307,23 +372,22 @@ ZEL_CHILD(writer) {
     Random random{std::mt19937(static_cast<unsigned>(getpid()))};
     for (;; ++board().changes) {
         const std::string name = listName(random());
-        const std::uint32_t count = random() % 200;
         if (random() % 4 == 0)
-            remove(*manager, name.c_str());
-        else if (put(*manager, name.c_str(), count, static_cast<int>(count)) != 0)
+            zelAclMgrRemoveList(manager, ZEL_ACLMGR_IP, name.c_str());
+        else if (setAccessList(manager, name.c_str(), random() % longest + 1) != 0)
             return 1;
     }
 }
 
-// reader N: checks lists until it is killed. A list of n words has the word n.
+// reader N: checks lists until it is killed.
 ZEL_CHILD(reader) {
     if (zelPolicyAttachSegment(0) == nullptr) return 1;
     for (auto &checks = board().checks[atoi(argv[0])];; ++checks) {
         const std::string name = listName(static_cast<std::uint32_t>(checks));
-        if (ZEL_ShmReadLock(ZEL_SHM_LOCK_POLICY) != 0) return 2;
-        const int word = wordOf(name.c_str());
-        if (word == mixed || word >= 200) ++board().illegal;
-        ZEL_ShmReadUnLock(ZEL_SHM_LOCK_POLICY);
+        if (aclReadLock() != 0) return 2;
+        const int count = countOf(name.c_str());
+        if (count == mixed || count > longest) ++board().illegal;
+        aclReadUnlock();
     }
 }
 
@@ -335,8 +399,11 @@ TEST(PolicyWriterKilled, ReadersGoOnAndNothingIsLost) {
         EXPECT_EQ(zelAclMgrAudit(manager, &report), 0u);
         return report.bytes;
     };
-    for (std::uint32_t i = 0; i < listCount; ++i) put(*manager, listName(i).c_str(), 1, 1);
-    for (std::uint32_t i = 0; i < listCount; ++i) remove(*manager, listName(i).c_str());
+    for (std::uint32_t i = 0; i < listCount; ++i) setAccessList(manager, listName(i).c_str(), 1);
+    const auto removeAll = [&] {
+        for (std::uint32_t i = 0; i < listCount; ++i) zelAclMgrRemoveList(manager, ZEL_ACLMGR_IP, listName(i).c_str());
+    };
+    removeAll();
     const std::uint64_t bytesOfNodes = bytesInUse();
 
     Random random = seeded();
@@ -377,7 +444,7 @@ TEST(PolicyWriterKilled, ReadersGoOnAndNothingIsLost) {
     printf("%d writers died with the lock; %llu changes\n", abandoned,
            static_cast<unsigned long long>(board().changes.load()));
     EXPECT_GT(abandoned, 0);
-    for (std::uint32_t i = 0; i < listCount; ++i) remove(*manager, listName(i).c_str());
+    removeAll();
     EXPECT_EQ(bytesInUse(), bytesOfNodes);
     zelAclMgrClose(manager);
 }
