@@ -63,7 +63,8 @@ void Carrier::takeFromHere(void *message, int length) {
     const bool isForTask = isOfTask(parsed) && parsed.service != ZEL_IRC_SERVICE;
     if (!isForTask || zelIpcHdrGet32(message, sourceAddressWord) != zel_sysGetIpAddr())
         return zelIrcCount(ZEL_IRC_COUNT_REFUSED, 1);
-    if (!link_.isUp()) return zelIrcCount(ZEL_IRC_COUNT_LINK_DOWN, 1);
+    // What is published also ends when this process was stopped: what waited meanwhile is too old to go.
+    if (!irc_isLinkUp()) return zelIrcCount(ZEL_IRC_COUNT_LINK_DOWN, 1);
     const bool isSent = zelIrcForward(key_, message, length, &parsed) == 0;
     zelIrcCount(isSent ? ZEL_IRC_COUNT_FORWARDED : ZEL_IRC_COUNT_FAILED, 1);
 }

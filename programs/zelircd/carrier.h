@@ -51,7 +51,7 @@ private:
     const Report report_;
     const std::uint32_t epoch_;
     const zelSemId guard_;
-    Link link_;  // but for what any task may ask: under guard_
+    Link link_;  // under guard_
 };
 
 }  // namespace zelircd

@@ -1,5 +1,7 @@
 #include "link.h"
 
+#include <utility>
+
 namespace zelircd {
 namespace {
 
@@ -31,7 +33,7 @@ Link::Messages Link::take(const zelIrcMessage &message, std::uint64_t now) {
         case ZEL_IRC_UP:
             return proveUp();
         case ZEL_IRC_DOWN: {
-            const bool wasUp = isUp_.exchange(false);
+            const bool wasUp = std::exchange(isUp_, false);
             return wasUp ? say(ZEL_IRC_HELLO) : nothing;
         }
         default:
@@ -62,7 +64,7 @@ void Link::forget() {
 }
 
 Link::Messages Link::end() {
-    return isUp_.exchange(false) ? say(ZEL_IRC_DOWN) : nothing;
+    return std::exchange(isUp_, false) ? say(ZEL_IRC_DOWN) : nothing;
 }
 
 }  // namespace zelircd

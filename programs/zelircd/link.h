@@ -8,7 +8,6 @@
 // No clock and no socket here: calls return what is to be sent.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 
@@ -34,7 +33,6 @@ public:
     // We end.
     Messages end();
 
-    // Any task may ask.
     bool isUp() const { return isUp_; }
     bool isCompatible() const { return isNamed_ && peerVersion_ == version_; }
     const char *peerName() const { return peerName_; }
@@ -46,7 +44,7 @@ private:
 
     const std::uint64_t lossTime_;
     const std::uint32_t version_;
-    std::atomic<bool> isUp_{false};
+    bool isUp_ = false;
     std::uint64_t lastHeard_ = 0;
     std::uint32_t peerEpoch_ = 0;
     bool isNamed_ = false;  // of this epoch

@@ -10,8 +10,8 @@
 namespace zelircd {
 namespace {
 
-constexpr int carryPriority = 100;
-constexpr int beatPriority = 90;  // ahead of them: under load the link must not seem lost
+constexpr int beatPriority = 100;   // as the body
+constexpr int carryPriority = 110;  // behind those who watch the link: it must not seem lost under load
 constexpr int receiveSeconds = 1;
 // Room for what many tasks send at once.
 constexpr int receiveBuffer = 8 << 20;

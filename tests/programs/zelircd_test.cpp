@@ -172,7 +172,6 @@ TEST_F(Zelircd, losesTheLinkInBoundedTimeAndFindsItAgain) {
 
 TEST_F(Zelircd, refusesAndCountsWhatItCannotCarry) {
     const Stranger stranger;
-    auto random = seeded();
     const auto after = [&](int which, int queueType, Bytes bytes) {
         const std::uint64_t before = counter(which);
         stranger.send(36, queueType, bytes);
@@ -192,16 +191,6 @@ TEST_F(Zelircd, refusesAndCountsWhatItCannotCarry) {
         EXPECT_TRUE(after(ZEL_IRC_COUNT_MALFORMED, queueType, longer));
         for (const Bytes &bytes : {foreign, forItself, control})
             EXPECT_TRUE(after(ZEL_IRC_COUNT_REFUSED, queueType, bytes)) << queueType;
-    }
-    for (int i = 0; i < (isFullRun() ? 100'000 : 3000); ++i) {
-        Bytes message = Stranger::anything(random, 0, bgp | 2);
-        if (message.size() >= 136) {
-            Irc_setIrcHeader(message.data() + 60, random(), random() % 14, 76, 0,
-                             static_cast<std::uint32_t>(message.size() - 136));
-            message[60 + random() % 76] ^= static_cast<std::uint8_t>(random());
-        }
-        stranger.send(36, i % 2 ? 1 : 3, message);
-        if (i % 50 == 0) ask(1);
     }
     EXPECT_TRUE(isAnswered(9));
     there->signal(SIGKILL);
@@ -267,57 +256,67 @@ TEST_F(TwoHosts, loseAndFindTheLinkWithTheNetwork) {
     EXPECT_EQ(own(true, {"observer", "up"}).wait(), 0);
 }
 
-// Two state machines over a network that loses, delays and reorders, with restarts: whatever happened, two intervals
+// Two state machines over a network that loses, delays and reorders, with restarts: whatever happened, a few intervals
 // without loss bring both up, and silence brings each down.
-TEST(Link, comesUpFromAnyStateAndGoesDownInSilence) {
-    constexpr std::uint64_t interval = 100, lossTime = 300;
-    auto random = seeded();
-    std::uint32_t nextEpoch = 1;
-    struct Side {
-        std::unique_ptr<Link> link;
-        std::uint32_t epoch = 0;
-        std::deque<zelIrcMessage> arriving;
-    } sides[2];
-    const auto send = [&](int from, const Link::Messages &messages) {
+class TwoLinks {
+public:
+    explicit TwoLinks(Random &random) : random_(random) {
+        for (int side : {0, 1}) restart(side);
+    }
+    void makeTrouble() {
+        for (auto steps = random_() % 20; steps > 0; --steps) {
+            const int side = static_cast<int>(random_() % 2);
+            const std::size_t waiting = arriving[side].size();
+            if (random_() % 16 == 0) restart(side);
+            if (random_() % 2 || waiting == 0)
+                send(side, link[side]->tick(now += random_() % 200));
+            else
+                deliver(side, random_() % waiting, random_() % 3 == 0);
+        }
+    }
+    void passInterval(bool isLost) {
+        now += 100;
+        for (int side : {0, 1}) send(side, link[side]->tick(now));
+        for (int left = 100; left > 0; --left)
+            if (!arriving[left % 2].empty()) deliver(left % 2, 0, isLost);
+    }
+
+    std::unique_ptr<Link> link[2];
+    std::deque<zelIrcMessage> arriving[2];
+
+private:
+    void restart(int side) {
+        link[side] = std::make_unique<Link>(300, 1);
+        epoch[side] = ++lastEpoch;
+    }
+    void send(int from, const Link::Messages &messages) {
         for (int i = 0; i < messages.count; ++i) {
             const std::uint32_t type = messages.types[i];
-            sides[1 - from].arriving.push_back({type, 36, 0, 0, type == ZEL_IRC_HELLO ? sides[from].epoch : 1, "side"});
+            arriving[1 - from].push_back({type, 36, 0, 0, type == ZEL_IRC_HELLO ? epoch[from] : 1, "side"});
         }
-    };
-    const auto restart = [&](int side) {
-        sides[side].link = std::make_unique<Link>(lossTime, 1);
-        sides[side].epoch = nextEpoch++;
-    };
+    }
+    void deliver(int side, std::size_t at, bool isLost) {
+        const zelIrcMessage message = arriving[side][at];
+        arriving[side].erase(arriving[side].begin() + static_cast<long>(at));
+        if (!isLost) send(side, link[side]->take(message, now));
+    }
+
+    Random &random_;
+    std::uint32_t epoch[2], lastEpoch = 0;
     std::uint64_t now = 0;
-    const auto deliver = [&](int side, std::size_t at, bool isLost) {
-        const zelIrcMessage message = sides[side].arriving[at];
-        sides[side].arriving.erase(sides[side].arriving.begin() + static_cast<long>(at));
-        if (!isLost) send(side, sides[side].link->take(message, now));
-    };
-    const auto passInterval = [&](bool isLost) {
-        now += interval;
-        for (int side : {0, 1}) send(side, sides[side].link->tick(now));
-        for (int left = 50; left > 0 && !(sides[0].arriving.empty() && sides[1].arriving.empty()); --left)
-            for (int side : {0, 1})
-                if (!sides[side].arriving.empty()) deliver(side, 0, isLost);
-    };
-    for (int side : {0, 1}) restart(side);
+};
+
+TEST(Link, comesUpFromAnyStateAndGoesDownInSilence) {
+    auto random = seeded();
+    TwoLinks links(random);
     for (int round = isFullRun() ? 100'000 : 3000; round > 0; --round) {
-        for (auto steps = random() % 20; steps > 0; --steps) {
-            const int side = static_cast<int>(random() % 2);
-            auto &arriving = sides[side].arriving;
-            if (random() % 16 == 0) restart(side);
-            if (random() % 2 || arriving.empty())
-                send(side, sides[side].link->tick(now += random() % (2 * interval)));
-            else
-                deliver(side, random() % arriving.size(), random() % 3 == 0);
-        }
-        for (int i = 0; i < 6; ++i) passInterval(false);
-        ASSERT_TRUE(sides[0].arriving.empty() && sides[1].arriving.empty()) << "no talk without end";
-        ASSERT_TRUE(sides[0].link->isUp() && sides[1].link->isUp() && sides[0].link->isCompatible());
+        links.makeTrouble();
+        for (int i = 0; i < 6; ++i) links.passInterval(false);
+        ASSERT_TRUE(links.arriving[0].empty() && links.arriving[1].empty()) << "no talk without end";
+        ASSERT_TRUE(links.link[0]->isUp() && links.link[1]->isUp() && links.link[0]->isCompatible());
         if (round % 4) continue;
-        for (int i = 0; i < 3; ++i) passInterval(true);
-        ASSERT_FALSE(sides[0].link->isUp() || sides[1].link->isUp());
+        for (int i = 0; i < 3; ++i) links.passInterval(true);
+        ASSERT_FALSE(links.link[0]->isUp() || links.link[1]->isUp());
     }
 }
 
