@@ -20,6 +20,9 @@ namespace {
 constexpr std::size_t wordBytes = columnLanes * sizeof(std::uint32_t), portBytes = columnLanes * sizeof(std::uint16_t),
                       turnedBytes = columnLanes / 8;
 
+// Of so few blocks all is compared: that costs less than a branch that goes now here, now there.
+constexpr std::size_t fewBlocks = 4;
+
 [[gnu::always_inline]] inline std::uint32_t laneBits(const std::uint8_t *at) {
     std::uint16_t bits;
     std::memcpy(&bits, at, sizeof bits);

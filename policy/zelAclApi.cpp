@@ -3,6 +3,7 @@
 //
 // The forms with m_ and Ext are the primary ones as long as isAclSupportedOnRp2 says that the second set of tables is
 // not supported, which it always does; their plain forms do read the second set.
+#include "policy/acl_match.h"
 #include "policy/read_lock.h"
 #include "policy/tables.h"
 #include "zel/platform.h"
@@ -43,8 +44,7 @@ zelIpAcl *m_aclV6AccessListFind(const char *name) {
 // ---- Checks
 
 uint32_t ipAccessListCheckWithHandle(const zelIpAcl *list, uint32_t source, uint32_t destination) {
-    const zelIpPair pair = {source, destination};
-    return ipFilterCheck(&pair, list);
+    return checkIp(imageOf(list, Kind::ipAcl), source, destination);
 }
 uint32_t ipAccessListCheck(const char *name, uint32_t source, uint32_t destination) {
     return ipAccessListCheckWithHandle(ipAccessListFind(name), source, destination);

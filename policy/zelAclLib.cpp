@@ -23,6 +23,8 @@
 namespace zel::policy {
 namespace {
 
+using platform::ColumnLayout;
+
 constexpr std::uint32_t permit = 0, deny = 1;
 
 // ---- Walks along the records ----------------------------------------------------------------------------------------
@@ -109,21 +111,31 @@ bool matchesDestination6(const std::uint8_t *record, const Address6 &address) {
 
 // ---- Searches in the columns ----------------------------------------------------------------------------------------
 
+// The columns of a form; none when the chain has no such form, or the image has no room for it.
+template <std::size_t words, bool isFlow>
 struct Columns {
     const std::uint8_t *begin = nullptr;
-    platform::ColumnLayout at = {};
-    // The action of the entry that a search found.
-    std::uint32_t verdict(std::size_t entry) const {
-        return entry < at.blocks * platform::columnLanes ? begin[at.actions() + entry] : deny;
+    std::size_t blocks = 0;
+
+    Columns(const Bytes &image, const AclColumns &form) {
+        const std::size_t place = readOnce(form.begin), count = readOnce(form.blocks);
+        if (place == 0 || count > image.bytes / ColumnLayout{words, isFlow, 1}.bytes()) return;
+        begin = static_cast<const std::uint8_t *>(inside(image, place, ColumnLayout{words, isFlow, count}.bytes()));
+        blocks = count;
+    }
+    explicit operator bool() const { return begin != nullptr; }
+    // The action of the first entry that a search finds.
+    std::uint32_t verdict(platform::ColumnSearch search, const platform::ColumnQuery &query) const {
+        const std::size_t entry = search(begin, blocks, query);
+        return entry < blocks * platform::columnLanes ? begin[ColumnLayout{words, isFlow, blocks}.actions() + entry]
+                                                      : deny;
     }
 };
 
-// The columns of a form, or none when the chain has no such form or the image has no room for it.
-Columns columnsOf(const Bytes &image, const AclColumns &form, std::size_t words, bool isFlow) {
-    const std::size_t begin = readOnce(form.begin), blocks = readOnce(form.blocks);
-    if (begin == 0 || blocks > image.bytes / platform::ColumnLayout{words, isFlow, 1}.bytes()) return {};
-    const platform::ColumnLayout layout = {words, isFlow, blocks};
-    return {static_cast<const std::uint8_t *>(inside(image, begin, layout.bytes())), layout};
+// Two addresses in the order of a form's columns.
+platform::ColumnQuery queryOf(const AclColumns &form, std::uint32_t source, std::uint32_t destination) {
+    return (form.order[0] & 1) != 0 ? platform::ColumnQuery{{destination, source}, {}}
+                                    : platform::ColumnQuery{{source, destination}, {}};
 }
 
 }  // namespace
@@ -131,12 +143,8 @@ Columns columnsOf(const Bytes &image, const AclColumns &form, std::size_t words,
 std::uint32_t checkIp(const Bytes &image, std::uint32_t source, std::uint32_t destination) {
     const AclImage *list = listOf(image, &AclImage::ip);
     if (list == nullptr) return permit;
-    const AclColumns &form = list->ipColumns;
-    if (const Columns columns = columnsOf(image, form, 2, false); columns.begin != nullptr) {
-        const std::uint32_t words[] = {source, destination};
-        const platform::ColumnQuery query = {{words[form.order[0] & 1], words[form.order[1] & 1]}, {}};
-        return columns.verdict(platform::columnSearches->twoWords(columns.begin, columns.at.blocks, query));
-    }
+    if (const Columns<2, false> columns(image, list->ipColumns); columns)
+        return columns.verdict(platform::columnSearches->twoWords, queryOf(list->ipColumns, source, destination));
     return walk<IpRecord>(image, list->ip,
                           [&](const std::uint8_t *record) { return matchesIp(record, source, destination); });
 }
@@ -144,12 +152,11 @@ std::uint32_t checkIp(const Bytes &image, std::uint32_t source, std::uint32_t de
 std::uint32_t checkUdp(const Bytes &image, const Datagram &datagram) {
     const AclImage *list = listOf(image, &AclImage::ip);
     if (list == nullptr) return permit;
-    const AclColumns &form = list->udpColumns;
-    if (const Columns columns = columnsOf(image, form, 2, true); columns.begin != nullptr) {
-        const std::uint32_t words[] = {datagram.source, datagram.destination};
-        const platform::ColumnQuery query = {{words[form.order[0] & 1], words[form.order[1] & 1]},
-                                             {datagram.sourcePort, datagram.destinationPort}};
-        return columns.verdict(platform::columnSearches->flow(columns.begin, columns.at.blocks, query));
+    if (const Columns<2, true> columns(image, list->udpColumns); columns) {
+        platform::ColumnQuery query = queryOf(list->udpColumns, datagram.source, datagram.destination);
+        query.ports[0] = datagram.sourcePort;
+        query.ports[1] = datagram.destinationPort;
+        return columns.verdict(platform::columnSearches->flow, query);
     }
     return walk<IpRecord>(image, list->ip, [&](const std::uint8_t *record) { return matchesUdp(record, datagram); });
 }
@@ -158,11 +165,11 @@ std::uint32_t check6(const Bytes &image, const std::uint8_t *source) {
     const AclImage *list = listOf(image, &AclImage::ipv6);
     if (list == nullptr) return permit;
     const AclColumns &form = list->ipv6Columns;
-    if (const Columns columns = columnsOf(image, form, 4, false); columns.begin != nullptr) {
+    if (const Columns<4, false> columns(image, form); columns) {
         platform::ColumnQuery query = {};
         for (std::size_t k = 0; k < 4; ++k)
             query.words[k] = wire::load<std::uint32_t>(source + (form.order[k] & 3) * 4);
-        return columns.verdict(platform::columnSearches->fourWords(columns.begin, columns.at.blocks, query));
+        return columns.verdict(platform::columnSearches->fourWords, query);
     }
     const Address6 address(source);
     return walk<Ipv6Record>(image, list->ipv6, [&](const std::uint8_t *record) {
