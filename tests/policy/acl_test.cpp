@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 #include "platform/column_search.h"
 #include "tests/policy/acl_model.h"
@@ -113,68 +114,56 @@ TEST(AccessList, OperatorsListsMeanWhatTheirEntriesSay) {
 
 // ---- Oddities -------------------------------------------------------------------------------------------------------
 
-zelAclIpEntry udpEntry(uint32_t source, uint32_t wildcard, uint8_t sourceOperator, uint8_t destinationOperator) {
+zelAclIpEntry udpEntry(uint32_t source, uint32_t wildcard, uint8_t sourceOperator = 255, uint8_t portOperator = 255) {
     zelAclIpEntry entry = {};
+    entry.action = 7;
     entry.protocol = 17;
     entry.sourceOperator = sourceOperator;
-    entry.destinationOperator = destinationOperator;
+    entry.destinationOperator = portOperator;
     entry.source = source;
     entry.sourceWildcard = wildcard;
-    entry.destinationWildcard = 0;
+    return entry;
+}
+zelAclIpEntry with(zelAclIpEntry entry, uint8_t zelAclIpEntry::*field, uint8_t value) {
+    entry.*field = value;
     return entry;
 }
 
-// The verdicts of one entry alone, walked, and among others that match nothing, searched.
-template <class Check>
-uint32_t verdictOf(const zelAclIpEntry &entry, Check check) {
-    zelAclIpEntry never = udpEntry(0x01020304, 0, 6, 255);
-    AclEntries one = {{entry}, {}}, many = {{5, never}, {}};
-    never.destination = 0x7f7f7f7f;
-    for (auto &each : many.ip) each.source = each.destination = 0x7f7f7f7f;
-    many.ip.push_back(entry);
-    const uint32_t walked = check(AclList(one)), searched = check(AclList(many));
-    EXPECT_EQ(walked, searched);
-    return walked;
+// The IPv4 and UDP verdicts of one entry alone, walked, which are those of many like it, searched.
+std::pair<uint32_t, uint32_t> verdictsOf(const zelAclIpEntry &entry, const Packet &packet) {
+    const AclList one(AclEntries{{entry}, {}}), many(AclEntries{{20, entry}, {}});
+    EXPECT_EQ(one.ip(packet), many.ip(packet));
+    EXPECT_EQ(one.udp(packet), many.udp(packet));
+    return {one.ip(packet), one.udp(packet)};
 }
 
-TEST(AccessList, ExtremeWildcardsOfUdpTurnAround) {
-    const auto udp = [](uint32_t source) {
-        return [source](const AclList &list) { return list.udp({source, 2, 3, 4}); };
+TEST(AccessList, Oddities) {
+    const auto kind = &zelAclIpEntry::kind, protocol = &zelAclIpEntry::protocol;
+    const struct {
+        const char *why;
+        zelAclIpEntry entry;
+        Packet packet;
+        uint32_t ip, udp;
+    } rows[] = {
+        {"all ones pass every address", udpEntry(9, ~0u), {8, 0, 0, 0}, 7, 7},
+        {"but, to UDP, the entry's own", udpEntry(9, ~0u), {9, 0, 0, 0}, 7, 1},
+        {"a host is that host, and to UDP every host", udpEntry(9, 0), {8, 5, 0, 0}, 1, 7},
+        {"others compare", udpEntry(0x100, 0xff), {0x1ff, 0, 0, 0}, 7, 7},
+        {"others compare", udpEntry(0x100, 0xff), {0x200, 0, 0, 0}, 1, 1},
+        {"standard: the source alone, and nothing to UDP", with(udpEntry(9, 0xff), kind, 1), {9, 5, 0, 0}, 7, 1},
+        {"any other kind is extended", with(udpEntry(9, 0xff), kind, 2), {9, 5, 0, 0}, 1, 7},
+        {"any protocol is not UDP", with(udpEntry(9, 0xff), protocol, 0), {9, 0, 0, 0}, 7, 1},
     };
-    EXPECT_EQ(verdictOf(udpEntry(9, 0xffffffff, 255, 255), udp(9)), 1u);
-    EXPECT_EQ(verdictOf(udpEntry(9, 0xffffffff, 255, 255), udp(10)), 0u);
-    EXPECT_EQ(verdictOf(udpEntry(9, 0, 255, 255), udp(10)), 0u) << "a host entry passes every host";
-    EXPECT_EQ(verdictOf(udpEntry(0x100, 0xff, 255, 255), udp(0x1ff)), 0u);
-    EXPECT_EQ(verdictOf(udpEntry(0x100, 0xff, 255, 255), udp(0x200)), 1u);
+    for (const auto &row : rows) EXPECT_EQ(verdictsOf(row.entry, row.packet), std::pair(row.ip, row.udp)) << row.why;
 }
 
 TEST(AccessList, PortOperatorsDifferAtTheTwoSides) {
-    const auto udp = [](const AclList &list) { return list.udp({1, 2, 0, 0}); };
     for (int code = 0; code < 256; ++code) {
-        const auto eachSide = static_cast<uint8_t>(code);
-        const bool isPassed = code == 255 || code == 1 || code == 2 || code == 3 || code == 5;  // of port 0 against 0
-        EXPECT_EQ(verdictOf(udpEntry(9, 0, eachSide, 255), udp), isPassed ? 0u : 1u) << code;
-        EXPECT_EQ(verdictOf(udpEntry(9, 0, 255, eachSide), udp), isPassed || code == 0 ? 0u : 1u) << code;
+        const auto each = static_cast<uint8_t>(code);
+        const bool passes = code == 255 || (code >= 1 && code <= 5 && code != 4);  // port 0 against 0
+        EXPECT_EQ(verdictsOf(udpEntry(9, 0, each, 255), {}).second, passes ? 7u : 1u) << code;
+        EXPECT_EQ(verdictsOf(udpEntry(9, 0, 255, each), {}).second, passes || code == 0 ? 7u : 1u) << code;
     }
-    zelAclIpEntry range = udpEntry(9, 0, 5, 255);
-    range.sourcePort = 10, range.sourcePortEnd = 9;
-    EXPECT_EQ(verdictOf(range, udp), 1u) << "a range that ends before it begins";
-}
-
-TEST(AccessList, StandardEntriesMatchOnTheSourceAndAreNothingToUdp) {
-    zelAclIpEntry entry = udpEntry(9, 0xff, 255, 255);
-    entry.destination = 77;
-    entry.kind = 1;
-    entry.action = 7;
-    const auto ip = [](const AclList &list) { return list.ip({9, 1, 0, 0}); };
-    const auto udp = [](const AclList &list) { return list.udp({9, 1, 0, 0}); };
-    EXPECT_EQ(verdictOf(entry, ip), 7u) << "the action as it stands";
-    EXPECT_EQ(verdictOf(entry, udp), 1u);
-    entry.kind = 0;
-    EXPECT_EQ(verdictOf(entry, ip), 1u);
-    EXPECT_EQ(verdictOf(entry, udp), 7u);
-    entry.protocol = 0;
-    EXPECT_EQ(verdictOf(entry, udp), 1u) << "permit ip any any says nothing about UDP";
 }
 
 // ---- Images that hold anything --------------------------------------------------------------------------------------
@@ -207,7 +196,7 @@ TEST(AccessList, ChecksSurviveAnyImage) {
 }
 
 TEST(AccessList, AChainThatIsALoopEnds) {
-    const AclList list(AclEntries{{3, udpEntry(9, 0, 6, 0)}, {}});
+    const AclList list(AclEntries{{3, udpEntry(9, 0, 6)}, {}});
     const uint32_t head = list.acl()->ip.head;
     policy::IpRecord::Next::set(reinterpret_cast<uint8_t *>(list.acl()) + head, head);
     EXPECT_EQ(list.udp({1, 2, 3, 4}), 1u);

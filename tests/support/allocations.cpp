@@ -1,4 +1,4 @@
-// Takes the place of the global new and delete.
+// Takes the place of the global new and delete of single objects.
 #include "tests/support/allocations.h"
 
 #include <atomic>
@@ -23,9 +23,12 @@ uint64_t allocationsSoFar() {
 
 }  // namespace zel::test
 
-void *operator new(size_t bytes) {
+void *operator new(size_t bytes, const std::nothrow_t &) noexcept {
     ++zel::test::news;
-    void *block = malloc(bytes);
+    return malloc(bytes);
+}
+void *operator new(size_t bytes) {
+    void *block = operator new(bytes, std::nothrow);
     if (block == nullptr) abort();
     return block;
 }
