@@ -198,7 +198,7 @@ TEST(Hash, reportsBadArguments) {
     zelHashInsertAtBack(table, 3, &item);
     zelHashBucket *none = nullptr, *beyond = table->hh_buckets + 4, *last = beyond - 1, *ahead = beyond - 5;
     uint32_t word;
-    const std::pair<const char *, std::function<bool()>> calls[] = {
+    expectReports({
         {"bid < hh->hh_size", [&] { return zelHashInsertAtFront(table, 4, &item), true; }},
         {"bid < hh->hh_size", [&] { return !zelHashFind(table, &none, ~0u, compareKey, 0, 0u); }},
         {"bid < hh->hh_size", [&] { return zelHashStat(table, 4, &word, &word, &word, &word), true; }},
@@ -211,13 +211,7 @@ TEST(Hash, reportsBadArguments) {
         {"record", [&] { return zelHashInsertAtBack(table, 3, nullptr), true; }},
         {"hh->hh_magic == zelHASH_MAGIC", [&] { return zelHashInit(&foreign), true; }},
         {"hh->hh_magic == zelHASH_MAGIC", [&] { return !zelHashGetPrev(nullptr, &last, &item); }},
-    };
-    for (const auto &[text, call] : calls) {
-        const int before = reportedAssertions();
-        EXPECT_TRUE(call()) << text;
-        EXPECT_EQ(reportedAssertions(), before + 1) << text;
-        EXPECT_EQ(lastAssertion(), text);
-    }
+    });
     zelHashInit(nullptr);
     EXPECT_EQ(zelHashGetNext(table, &none, &item), &item) << "a null cursor starts over";
     EXPECT_EQ(table->hh_curnum, 1u);

@@ -2,7 +2,6 @@
 #include <arpa/inet.h>
 
 #include <charconv>
-#include <functional>
 
 #include "tests/containers/radix_model.h"
 #include "tests/support/reports.h"
@@ -245,7 +244,7 @@ TEST_F(SmallTree, reportsWhatIsMissing) {
     keyless.entry.rth_addr = nullptr;
     zelRadix foreign{};
     zelRadicalWalk *changes = zelRadicalWalkConstructor(tree);
-    const std::pair<std::string, std::function<bool()>> calls[] = {
+    expectReports({
         {"rth", [&] { return !zelRadixInsert(tree, nullptr, 8); }},
         {"rth->rth_addr", [&] { return !zelRadixInsert(tree, &keyless.entry, 8); }},
         {"rtn", [&] { return zelRadixNodeIsLeaf(tree, nullptr) == 0; }},
@@ -257,13 +256,7 @@ TEST_F(SmallTree, reportsWhatIsMissing) {
         {"callback", [&] { return zelRadixWalkSubTree(tree, entry.entry.rtn, nullptr, nullptr), true; }},
         {"callback", [&] { return zelRadixVersionWalk(tree, 0, nullptr, nullptr), true; }},
         {"callback", [&] { return zelRadicalWalkChangeList(changes, nullptr, nullptr, 0) == 0; }},
-    };
-    for (const auto &[text, call] : calls) {
-        const int before = reportedAssertions();
-        EXPECT_TRUE(call()) << text;
-        EXPECT_EQ(reportedAssertions(), before + 1) << text;
-        EXPECT_EQ(lastAssertion(), text);
-    }
+    });
     const int before = reportedAssertions();
     EXPECT_EQ(zelRadixGetBest(tree, nullptr, 8), nullptr);
     EXPECT_EQ(zelRadixSetIndex(tree, 15), -1);

@@ -1,6 +1,5 @@
 // The red-black tree against std::multimap. Records and probes lie in blocks of exactly their size with the key at an
 // odd offset, so that the sanitizers see every byte read too many and every read that assumes alignment.
-#include <functional>
 #include <map>
 #include <memory>
 #include <utility>
@@ -9,6 +8,7 @@
 #include "tests/containers/check.h"
 #include "tests/support/child.h"
 #include "tests/support/failing_allocator.h"
+#include "tests/support/printed.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
 #include "zel/platform.h"
@@ -175,12 +175,11 @@ protected:
         return last ? keyOf(last) : 0;
     }
     std::string printed() {
-        testing::internal::CaptureStdout();
-        zelRBTreePrint(tree, [](void *data) -> const char * {
-            static std::string text;
-            return (text = "key " + std::to_string(keyOf(data))).c_str();
-        });
-        return testing::internal::GetCapturedStdout();
+        const auto text = [](void *data) -> const char * {
+            static std::string key;
+            return (key = "key " + std::to_string(keyOf(data))).c_str();
+        };
+        return printedBy([&] { zelRBTreePrint(tree, text); });
     }
 };
 
@@ -260,7 +259,7 @@ TEST_F(SmallRBTree, namesAreCutAndBuiltInKeysHaveOneWord) {
 TEST_F(SmallRBTree, reportsBadArgumentsAndMisses) {
     void *some = insert(5);
     zelRBTree foreign{};
-    const std::pair<std::string, std::function<bool()>> calls[] = {
+    expectReports({
         {"data", [&] { return zelRBTreeInsert(tree, nullptr) == 0; }},
         {"data", [&] { return !zelRBTreeRemove(tree, nullptr); }},
         {"data", [&] { return !zelRBTreeGetNext(tree, nullptr); }},
@@ -273,13 +272,7 @@ TEST_F(SmallRBTree, reportsBadArgumentsAndMisses) {
         {"two", [&] { return _RBTCompareI(tree, some, nullptr) == 0; }},
         // With checking off, the built-in comparator still refuses what it would have to read.
         {"one", [&] { return zelRBTreeDebug(tree, 0), !zelRBTreeGetExact(tree, nullptr); }},
-    };
-    for (const auto &[text, call] : calls) {
-        const int before = reportedAssertions();
-        EXPECT_TRUE(call()) << text;
-        EXPECT_EQ(reportedAssertions(), before + 1) << text;
-        EXPECT_EQ(lastAssertion(), text);
-    }
+    });
     EXPECT_EQ(checkRBTree(*tree), Records{some});
     const int before = reportedAssertions();  // without checking, only what would be compared is missed
     EXPECT_EQ(zelRBTreeGetNext(tree, nullptr), nullptr);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "tests/kernel/tasks.h"
+#include "tests/support/printed.h"
 #include "tests/support/random.h"
 
 using namespace zel::test;
@@ -176,9 +177,7 @@ TEST(MsgQOfNone, PassesOneMessageFromASenderToAWaitingReceiver) {
 // ---- Deletion ----
 
 std::string shown() {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(msgQInfo(), ZEL_OK);
-    return testing::internal::GetCapturedStdout();
+    return printedBy([] { EXPECT_EQ(msgQInfo(), ZEL_OK); });
 }
 
 // While a suspended task waits in it; also when the deleter is itself deleted.

@@ -8,9 +8,9 @@
 
 #include "tests/kernel/tasks.h"
 #include "tests/kernel/trace_support.h"
+#include "tests/support/printed.h"
 
-using zel::test::History;
-using zel::test::StandingClock;
+using namespace zel::test;
 
 namespace {
 
@@ -20,13 +20,6 @@ int printAt(uint32_t level, uint32_t module, const char *format, ...) {
     const int result = zelMsgPrintf(level, module, format, args);
     va_end(args);
     return result;
-}
-
-template <class Print>
-std::string printedBy(Print print) {
-    testing::internal::CaptureStdout();
-    print();
-    return testing::internal::GetCapturedStdout();
 }
 
 class Print : public testing::Test {

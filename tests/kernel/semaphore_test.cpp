@@ -8,6 +8,7 @@
 
 #include "kernel/semaphore_word.h"
 #include "tests/kernel/tasks.h"
+#include "tests/support/printed.h"
 #include "tests/support/random.h"
 
 using namespace zel::test;
@@ -22,9 +23,7 @@ void expectRefused(zelSemId id) {
 }
 
 std::string shown(zelSemId id) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(semInfo(id), ZEL_OK);
-    return testing::internal::GetCapturedStdout();
+    return printedBy([=] { EXPECT_EQ(semInfo(id), ZEL_OK); });
 }
 
 // A task that takes once and tells how it went.

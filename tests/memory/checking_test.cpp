@@ -11,17 +11,12 @@
 #include <vector>
 
 #include "tests/memory/sites.h"
+#include "tests/support/printed.h"
 #include "tests/support/random.h"
 #include "zel/memory.h"
 
 namespace zel::test {
 namespace {
-
-std::string printed(void (*show)()) {
-    testing::internal::CaptureStdout();
-    show();
-    return testing::internal::GetCapturedStdout();
-}
 
 TEST(CheckingAllocator, CountsByTagAndLine) {
     void *first = zelMC_malloc("a", 1, 100), *second = zelMC_calloc("a", 1, 10, 30);
@@ -90,18 +85,18 @@ TEST(CheckingAllocator, OneThreadsBlocksMayAllBeFreedByAnother) {
 TEST(CheckingAllocator, LeaksAreWhatGrewBetweenTwoMoments) {
     void *before = zelMC_malloc("old", 1, 10);
     ASSERT_EQ(showMemCheckMark(), 0);
-    EXPECT_THAT(printed(showMemCheckLeaks), testing::Not(testing::HasSubstr("\nold")));
+    EXPECT_THAT(printedBy(showMemCheckLeaks), testing::Not(testing::HasSubstr("\nold")));
     void *again = zelMC_malloc("old", 1, 20),
          *leak = zelMC_malloc("a tag that is longer than the listing shows", 77, 30);
     zelMC_free("new", 2, zelMC_malloc("new", 2, 40));
     zelMC_free("old", 1, before);
-    const std::string leaks = printed(showMemCheckLeaks);
+    const std::string leaks = printedBy(showMemCheckLeaks);
     EXPECT_THAT(leaks,
                 testing::HasSubstr("\na tag that is longer than the l     77            1          1           30"));
     EXPECT_THAT(leaks,
                 testing::HasSubstr("\nold                                  1            1          0           10"));
     EXPECT_THAT(leaks, testing::Not(testing::HasSubstr("\nnew")));
-    EXPECT_THAT(printed(showMemCheck), testing::HasSubstr("\nnew                                  2"));
+    EXPECT_THAT(printedBy(showMemCheck), testing::HasSubstr("\nnew                                  2"));
     zelMC_free("old", 1, again);
     zelMC_free("old", 1, leak);
 }

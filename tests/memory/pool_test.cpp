@@ -16,6 +16,7 @@
 #include "tests/memory/check.h"
 #include "tests/memory/sites.h"
 #include "tests/support/eventually.h"
+#include "tests/support/printed.h"
 #include "tests/support/random.h"
 #include "zel/kernel.h"
 #include "zel/memory.h"
@@ -77,13 +78,6 @@ Texts reportedBy(const std::function<void()> &call) {
             if (static_cast<uintptr_t>(records[i].words[word]) > 1u << 30)
                 texts.emplace_back(reinterpret_cast<const char *>(records[i].words[word]));
     return texts;
-}
-
-std::string printedBy(const std::function<void()> &call) {
-    testing::internal::CaptureStdout();
-    call();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
 }
 
 std::byte *allocate(uint32_t size = 0, uint32_t poolId = pool) {
