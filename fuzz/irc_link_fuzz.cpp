@@ -2,7 +2,6 @@
 // unchanged or nowhere. The first byte says from where and lets time pass, the second which words are made good, so
 // that the rest is reached.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <numeric>
@@ -19,19 +18,10 @@ using zel::test::Sent;
 
 constexpr std::uint32_t peer = 0x7f000909;
 constexpr std::uint32_t serviceKey = ZEL_IRC_SERVICE << 7;
-constexpr std::uint32_t nanosecondsPerInterval = 500'000'000;
+constexpr std::uint64_t timeStep = 31'250'000;  // a sixteenth of an interval
 
-void require(bool holds, int line = __builtin_LINE()) {
-    if (holds) return;
-    fprintf(stderr, "line %d does not hold\n", line);
-    abort();
-}
-
-zelircd::Options options() {
-    zelircd::Options result;
-    result.peer = peer;
-    result.name = "fuzzed";
-    return result;
+void require(bool holds) {
+    if (!holds) abort();
 }
 
 struct World {
@@ -40,10 +30,11 @@ struct World {
         require(zelIpcOpen(ZEL_IRC_SERVICE, 0) == static_cast<int>(serviceKey));
     }
     FakeNetwork network;
-    zelircd::Carrier carrier{serviceKey, options(), [](const zelircd::Options &, const char *) {}};
+    zelircd::Carrier carrier{
+        serviceKey, {.peer = peer, .name = "fuzzed"}, [](const zelircd::Options &, const char *) {}};
 };
 
-// How many messages were counted, but for times the link changed.
+// How many messages were counted.
 std::uint64_t counted() {
     std::uint64_t counters[ZEL_IRC_COUNTERS];
     require(zelIrcGetCounters(counters) == 0);
@@ -52,24 +43,16 @@ std::uint64_t counted() {
 
 void mend(Bytes &bytes, unsigned bits, bool isFromPeer) {
     const std::uint32_t type = bytes.size() >= 88 ? zelIpcHdrGet32(bytes.data(), 84) : 0;
-    const struct {
-        unsigned offset;
-        std::uint32_t value;
-    } words[] = {{40, isFromPeer ? peer : zel_sysGetIpAddr()},
-                 {44, serviceKey | 2},
-                 {60, ZEL_IRC_MAGIC},
-                 {72, type >= 1 && type <= 3 ? 2u : 1u},
-                 {76, 76 << 16 | 3},
-                 {80, static_cast<std::uint32_t>(bytes.size()) - ZEL_IRC_MIN_MESSAGE}};
-    for (const auto &word : words) {
-        if ((bits & 1) != 0 && bytes.size() >= word.offset + 4) zelIpcHdrSet32(bytes.data(), word.offset, word.value);
+    const std::uint32_t words[][2] = {{40, isFromPeer ? peer : zel_sysGetIpAddr()},
+                                      {44, serviceKey | 2},
+                                      {60, ZEL_IRC_MAGIC},
+                                      {72, type >= 1 && type <= 3 ? 2u : 1u},
+                                      {76, 76 << 16 | 3},
+                                      {80, static_cast<std::uint32_t>(bytes.size()) - ZEL_IRC_MIN_MESSAGE}};
+    for (const auto &[offset, value] : words) {
+        if ((bits & 1) != 0 && bytes.size() >= offset + 4) zelIpcHdrSet32(bytes.data(), offset, value);
         bits >>= 1;
     }
-}
-
-// What the link service sends of itself: its own words, to the peer's.
-void requireControl(const Sent &sent) {
-    require(sent.address == peer && sent.port == (serviceKey | 1) && sent.bytes.size() == ZEL_IRC_MIN_MESSAGE);
 }
 
 void bringUp(World &world) {
@@ -83,21 +66,21 @@ void bringUp(World &world) {
     require(irc_isLinkUp() == 1);
 }
 
+// What the link service says of itself goes to the peer's, at most two messages at a time.
+void requireControl(World &world) {
+    require(world.network.sent.size() <= 2);
+    for (const Sent &sent : world.network.sent)
+        require(sent.address == peer && sent.port == (serviceKey | 1) && sent.bytes.size() == ZEL_IRC_MIN_MESSAGE);
+}
+
 void fromHere(World &world, Bytes bytes) {
     const Bytes before = bytes;
     world.carrier.takeFromHere(bytes.data(), static_cast<int>(bytes.size()));
-    require(world.network.sent.size() <= 1);
     if (world.network.sent.empty()) return;
     const Sent &sent = world.network.sent.front();
-    require(sent.address == peer && (sent.port & 3) != 0 && sent.port >> 7 != ZEL_IRC_SERVICE);
-    require(sent.bytes.size() == before.size() && sent.bytes.size() <= ZEL_IRC_MAX_MESSAGE);
+    require(world.network.sent.size() == 1 && irc_isLinkUp() == 1 && sent.address == peer);
+    require((sent.port & 3) != 0 && sent.port >> 7 != ZEL_IRC_SERVICE && sent.bytes.size() == before.size());
     require(memcmp(sent.bytes.data() + 68, before.data() + 68, before.size() - 68) == 0);
-}
-
-void fromPeer(World &world, const Bytes &bytes) {
-    world.carrier.takeFromPeer(bytes.data(), static_cast<int>(bytes.size()));
-    require(world.network.sent.size() <= 2);
-    for (const Sent &sent : world.network.sent) requireControl(sent);
 }
 
 }  // namespace
@@ -106,20 +89,22 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     static World world;
     if (size < 2) return 0;
     const bool isFromPeer = (data[0] & 1) != 0;
-    world.network.now += (data[0] >> 1 & 0x1f) * (nanosecondsPerInterval / 16);
-    if ((data[0] & 0x40) != 0) world.carrier.tick();
-    if ((data[0] & 0x80) != 0) bringUp(world);
-    for (const Sent &sent : world.network.sent) requireControl(sent);
+    world.network.now += (data[0] >> 1 & 0x1f) * timeStep;
     world.network.sent.clear();
+    if ((data[0] & 0x40) != 0) world.carrier.tick();
+    requireControl(world);
+    if ((data[0] & 0x80) != 0) bringUp(world);
 
     Bytes bytes(data + 2, data + size);
     mend(bytes, data[1], isFromPeer);
     const std::uint64_t before = counted();
-    if (isFromPeer)
-        fromPeer(world, bytes);
-    else
-        fromHere(world, bytes);
-    require(counted() == before + 1);
     world.network.sent.clear();
+    if (isFromPeer) {
+        world.carrier.takeFromPeer(bytes.data(), static_cast<int>(bytes.size()));
+        requireControl(world);
+    } else {
+        fromHere(world, bytes);
+    }
+    require(counted() == before + 1);
     return 0;
 }
