@@ -13,6 +13,7 @@ namespace {
 constexpr int beatPriority = 100;   // as the body
 constexpr int carryPriority = 110;  // behind those who watch the link: it must not seem lost under load
 constexpr int receiveSeconds = 1;
+constexpr unsigned targetQueueWord = 56;
 // Room for what many tasks send at once.
 constexpr int receiveBuffer = 8 << 20;
 
@@ -40,11 +41,19 @@ int receive(std::uint32_t queue, Buffer &buffer, int seconds) {
 }  // namespace
 
 Service::Service(std::uint32_t key, const Options &options)
-    : key_(key), options_(options), carrier_(key, options, print) {}
+    : key_(key),
+      options_(options),
+      carrier_(key, options, print),
+      stop_(semBCreate(ZEL_SEM_FIFO, 0)),
+      ended_(semCCreate(ZEL_SEM_FIFO, 0)) {}
 
 Service::~Service() {
-    for (const zelTaskId task : {carrying_, beating_})
-        if (task != ZEL_ERROR) taskDelete(task);
+    isOver_ = true;
+    semGive(stop_);
+    wakeCarrying();
+    while (tasks_-- > 0) semTake(ended_, WAIT_FOREVER);
+    semDelete(ended_);
+    semDelete(stop_);
     carrier_.end();
 }
 
@@ -56,8 +65,20 @@ bool Service::openQueues() {
     return true;
 }
 
-zelTaskId Service::spawn(const char *name, int priority, zelTaskEntry entry) {
-    return taskSpawn(name, priority, 0, 0, entry, reinterpret_cast<Word>(this), 0, 0, 0, 0, 0, 0, 0, 0, 0);
+bool Service::spawn(const char *name, int priority, zelTaskEntry entry) {
+    const bool isSpawned =
+        taskSpawn(name, priority, 0, 0, entry, reinterpret_cast<Word>(this), 0, 0, 0, 0, 0, 0, 0, 0, 0) != ZEL_ERROR;
+    tasks_ += isSpawned;
+    return isSpawned;
+}
+
+// Any message does: it looks round after each.
+void Service::wakeCarrying() {
+    std::uint8_t header[ZEL_IPC_HDR_LEN] = {};
+    const auto service = static_cast<int>(zelIpcGetService(key_)), instance = static_cast<int>(zelIpcGetInstance(key_));
+    zelIpcSetTargetHeader(header, zel_sysGetIpAddr(), 0, service, instance);
+    zelIpcHdrSet32(header, targetQueueWord, zel_getQueueId(service, instance, ZEL_IPC_QUEUE_TIMER));
+    zelIpcNonGuaranteedSend(key_, header, sizeof header);
 }
 
 int Service::run() {
@@ -65,9 +86,7 @@ int Service::run() {
         perror("zelircd: the queues cannot be opened");
         return 1;
     }
-    carrying_ = spawn("tIrcSend", carryPriority, carry);
-    beating_ = spawn("tIrcBeat", beatPriority, beat);
-    if (carrying_ == ZEL_ERROR || beating_ == ZEL_ERROR) return 1;
+    if (!spawn("tIrcSend", carryPriority, carry) || !spawn("tIrcBeat", beatPriority, beat)) return 1;
     Buffer buffer = newBuffer();
     while (!zel::programs::isStopping()) {
         const int length = receive(key_ | ZEL_IPC_QUEUE_REQUEST, buffer, receiveSeconds);
@@ -81,16 +100,16 @@ int Service::carry(Word self, Word, Word, Word, Word, Word, Word, Word, Word, Wo
     Buffer buffer = newBuffer();
     for (;;) {
         const int length = receive(service.key_ | ZEL_IPC_QUEUE_TIMER, buffer, -1);
+        if (service.isOver_) return semGive(service.ended_);
         if (length > 0) service.carrier_.takeFromHere(buffer.data(), length);
     }
 }
 
 int Service::beat(Word self, Word, Word, Word, Word, Word, Word, Word, Word, Word) {
     auto &service = *reinterpret_cast<Service *>(self);
-    for (;;) {
-        service.carrier_.tick();
-        taskDelay(static_cast<int>(service.options_.intervalTicks));
-    }
+    do service.carrier_.tick();
+    while (semTake(service.stop_, static_cast<int>(service.options_.intervalTicks)) != ZEL_OK);
+    return semGive(service.ended_);
 }
 
 }  // namespace zelircd

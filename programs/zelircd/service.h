@@ -1,6 +1,7 @@
 // The tasks of the link service: the body waits for the peer, one for messages of tasks here, one for the next tick.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "carrier.h"
@@ -10,6 +11,7 @@ namespace zelircd {
 class Service {
 public:
     Service(std::uint32_t key, const Options &options);
+    // Wakes the tasks, waits for their end, and tells the peer.
     ~Service();
     Service(const Service &) = delete;
     Service &operator=(const Service &) = delete;
@@ -22,13 +24,16 @@ private:
     static int carry(Word self, Word, Word, Word, Word, Word, Word, Word, Word, Word);
     static int beat(Word self, Word, Word, Word, Word, Word, Word, Word, Word, Word);
     bool openQueues();
-    zelTaskId spawn(const char *name, int priority, zelTaskEntry entry);
+    bool spawn(const char *name, int priority, zelTaskEntry entry);
+    void wakeCarrying();
 
     const std::uint32_t key_;
     const Options options_;
     Carrier carrier_;
-    zelTaskId carrying_ = ZEL_ERROR;
-    zelTaskId beating_ = ZEL_ERROR;
+    const zelSemId stop_;   // ends the beat
+    const zelSemId ended_;  // given by each task at its end
+    int tasks_ = 0;
+    std::atomic<bool> isOver_{false};
 };
 
 }  // namespace zelircd
