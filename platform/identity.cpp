@@ -28,6 +28,7 @@ std::atomic<bool> isAddressUsed{false};  // from then on `address` does not chan
 
 std::atomic<int> platformType{0}, virtualSingle{0};
 std::atomic<std::uint32_t> slotId{0}, peMasterAddress{0};
+std::atomic<int> primaryRpm{1};
 
 std::uint32_t addressFromEnvironment() {
     const char *text = environment("ZEL_IPC_ADDR");
@@ -118,6 +119,9 @@ __attribute__((weak)) int bcm_stk_get_local_rpm_slotid(void) {
 __attribute__((weak)) uint32_t zel_getPeMasterIpAddr(int) {
     return peMasterAddress;
 }
+__attribute__((weak)) int zelSysIsPrimaryRpm(void) {
+    return primaryRpm;
+}
 
 void zelPlatformSetType(int type) {
     platformType = type;
@@ -130,4 +134,7 @@ void zelPlatformSetSlotId(uint32_t slot) {
 }
 void zelPlatformSetPeMasterAddress(uint32_t newAddress) {
     peMasterAddress = newAddress;
+}
+void zelPlatformSetPrimaryRpm(int isPrimary) {
+    primaryRpm = isPrimary != 0;
 }

@@ -67,9 +67,8 @@ struct ControlBlock {
 
 // What the expressions share; see policy/expression.h for the records.
 struct ExpressionRoots {
-    std::atomic<Link> live;
-    std::atomic<Link> waiting;  // for deletion
-    std::atomic<std::uint32_t> clients;
+    std::atomic<Link> live;                 // all expressions, linked through their `next`
+    std::atomic<std::uint32_t> clients;     // bits of the processes that cache results
     std::atomic<std::uint32_t> lastNumber;  // numbers of expressions are not used again
 };
 

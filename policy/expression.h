@@ -1,0 +1,74 @@
+// Expressions over attribute texts, shared by all lists and processes that use the same pattern.
+//
+// The record in the policy segment has the pattern, who refers to it, and what the processes that cache results need.
+// The compiled form is private: every process compiles an expression when it first matches with it, and finds it again
+// by the record's slot. A slot is used again when its expression is gone; the number, which is not, tells the two
+// apart.
+//
+// Records are made, linked and unlinked under the write side of ZEL_SHM_LOCK_POLICY, each by one store. A writer that
+// is killed between two of them leaves at worst an expression with a reference too many; the lists' share of the
+// references is counted apart, so that whoever repairs the tables can count it again.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "policy/pattern.h"
+#include "policy/result_cache.h"
+#include "policy/tables.h"
+
+struct zelRegex {
+    static constexpr std::uint32_t validMagic = 0x7a726578;
+    std::uint32_t magic;
+    std::uint32_t number;
+    std::uint32_t slot;
+    std::atomic<std::uint32_t> references;
+    std::atomic<std::uint32_t> listReferences;    // those of lists, counted in `references` too
+    std::atomic<std::uint32_t> waitsForDeletion;  // without references, but results of it may be cached
+    std::atomic<std::uint32_t> clients;           // bits of the processes that hold results of it
+    std::atomic<std::uint32_t> cachedIndex[32];   // by client: where its results stand in that process's cache
+    std::atomic<zel::policy::Link> next;
+    std::uint32_t length;  // of the pattern, as its author wrote it; a zero follows
+    char pattern[];
+};
+
+namespace zel::policy {
+
+inline constexpr std::uint32_t mostExpressions = 16384;
+// The tag under which the policy heap keeps expressions.
+inline constexpr char expressionSource[] = "zelbgp_regex";
+
+// An expression that a list or another expression links to, null when that is not to be believed.
+zelRegex *expressionAt(Link link);
+
+// The value of an attribute that expressions are matched with: a text, or an attribute from which the text is made when
+// the first expression needs it. With the cache, what is known of the attribute is read once, at the beginning.
+class Subject {
+public:
+    explicit Subject(const char *text) : text_(text) {}
+    Subject(const void *attribute, std::size_t length, std::uint32_t type, bool isCached, const char *text = nullptr);
+    ~Subject();
+    Subject(const Subject &) = delete;
+    Subject &operator=(const Subject &) = delete;
+
+    // Whether the expression matches; false for one that cannot be compiled here.
+    bool matches(zelRegex &expression);
+
+private:
+    static constexpr std::size_t ownRoom = 2048;
+
+    const char *text();
+    void makeText();
+
+    const void *attribute_ = nullptr;
+    std::size_t length_ = 0;
+    std::uint32_t type_ = 0;
+    std::uint32_t cacheNode_ = 0;  // 0: results are not cached
+    const char *text_;
+    char *made_ = nullptr;
+    bool madeByHook_ = false;
+    ResultCache::Known known_;
+    char own_[ownRoom];
+};
+
+}  // namespace zel::policy

@@ -1,0 +1,452 @@
+// Expressions: made, shared, matched and given up.
+//
+// An expression that nobody refers to any more is deleted at once when no process caches results; otherwise it waits,
+// still found by its pattern, until whoever cleans up finds that no process holds results of it. A process gives up its
+// own when it cleans up itself.
+#include <cstdio>
+#include <cstring>
+
+#include "base/lock.h"
+#include "platform/cancellation.h"
+#include "policy/attribute_text.h"
+#include "policy/expression.h"
+#include "policy/matcher.h"
+#include "policy/pattern.h"
+#include "policy/result_cache.h"
+#include "zel/platform.h"
+#include "zel/policy.h"
+
+using namespace zel::policy;
+
+std::uint32_t aclRegexOptzInitialized = 0;
+std::uint32_t aclRegexOptzEnabled = 1;
+std::uint32_t aclRegexOptzDebug = 0;
+std::uint32_t aclRegexOptzClientId = 0;
+std::uint32_t aclRegexPendingDelete = 0;
+
+namespace zel::policy {
+namespace {
+
+constexpr const char *source = expressionSource;
+constexpr int noMatch = 1;
+
+std::uint32_t verifies = 0;
+
+// ---- The records ----------------------------------------------------------------------------------------------------
+
+constexpr std::uint32_t mostLinks = 2 * mostExpressions;  // a longer list has a loop
+
+zelRegex *nextOf(const zelRegex &expression) {
+    return expressionAt(expression.next.load(std::memory_order_acquire));
+}
+
+template <class Visit>
+void forEachExpression(Root &tables, Visit visit) {
+    std::uint32_t seen = 0;
+    zelRegex *expression = expressionAt(tables.expressions.live.load(std::memory_order_acquire));
+    while (expression && seen++ < mostLinks) {
+        zelRegex *next = nextOf(*expression);
+        visit(*expression);
+        expression = next;
+    }
+}
+
+zelRegex *findExpression(Root &tables, const char *pattern, std::size_t length) {
+    zelRegex *found = nullptr;
+    forEachExpression(tables, [&](zelRegex &expression) {
+        if (expression.length == length && memcmp(expression.pattern, pattern, length) == 0) found = &expression;
+    });
+    return found;
+}
+
+// A slot that no expression has; all ones when there is none.
+std::uint32_t freeSlot(Root &tables) {
+    std::uint64_t taken[mostExpressions / 64] = {};
+    forEachExpression(tables,
+                      [&](zelRegex &expression) { taken[expression.slot / 64] |= 1ull << expression.slot % 64; });
+    for (std::uint32_t i = 0; i < mostExpressions / 64; ++i)
+        if (~taken[i]) return i * 64 + static_cast<std::uint32_t>(__builtin_ctzll(~taken[i]));
+    return ~0u;
+}
+
+zelRegex *makeExpression(Root &tables, const char *pattern, std::size_t length) {
+    const std::uint32_t slot = freeSlot(tables);
+    if (slot == ~0u) return nullptr;
+    auto *expression = static_cast<zelRegex *>(zelMC_MM_calloc(source, __LINE__, 1, sizeof(zelRegex) + length + 1));
+    if (!expression) return nullptr;
+    expression->number = tables.expressions.lastNumber.fetch_add(1) + 1;
+    expression->slot = slot;
+    expression->references.store(1);
+    expression->length = static_cast<std::uint32_t>(length);
+    memcpy(expression->pattern, pattern, length);
+    expression->magic = zelRegex::validMagic;
+    expression->next.store(tables.expressions.live.load());
+    return expression;
+}
+
+void removeExpression(Root &tables, zelRegex &expression) {
+    std::atomic<Link> *link = &tables.expressions.live;
+    for (std::uint32_t seen = 0; seen < mostLinks; ++seen) {
+        zelRegex *there = expressionAt(link->load());
+        if (!there) return;
+        if (there == &expression) break;
+        link = &there->next;
+    }
+    link->store(expression.next.load(), std::memory_order_release);
+    expression.magic = 0;
+    zelMC_MM_free(source, __LINE__, &expression);
+}
+
+// ---- What this process compiled -------------------------------------------------------------------------------------
+
+struct Compiled {
+    std::uint32_t number;
+    Matcher *matcher;  // null: does not compile
+};
+
+// By slot. An expression is replaced here when another one has its slot, that is, when nobody can be matching with the
+// old one: it was deleted under the write lock, and whoever matches holds the read lock.
+constinit std::atomic<Compiled *> compiled[mostExpressions]{};
+Mutex compileLock{LockRank::module, "&regex_compile_lock"};
+
+Compiled *compileInto(std::uint32_t slot, std::uint32_t number, const char *pattern) {
+    const platform::NoCancellation guard;
+    const Lock lock(compileLock);
+    Compiled *old = compiled[slot].load(std::memory_order_acquire);
+    if (old && old->number == number) return old;
+    auto *fresh = static_cast<Compiled *>(zelMC_calloc(source, __LINE__, 1, sizeof(Compiled)));
+    if (!fresh) return nullptr;
+    char error[100];
+    *fresh = {number, Matcher::compile(pattern, error, sizeof error)};
+    compiled[slot].store(fresh, std::memory_order_release);
+    if (old) Matcher::destroy(old->matcher);
+    zelMC_free(source, __LINE__, old);
+    return fresh;
+}
+
+const Matcher *matcherOf(const zelRegex &expression) {
+    const std::uint32_t slot = expression.slot, number = expression.number;
+    if (slot >= mostExpressions) return nullptr;
+    const Compiled *entry = compiled[slot].load(std::memory_order_acquire);
+    if (!entry || entry->number != number) {
+        char pattern[longestPattern + 1];
+        const std::size_t length = strnlen(expression.pattern, longestPattern);
+        memcpy(pattern, expression.pattern, length);
+        pattern[length] = 0;
+        entry = compileInto(slot, number, pattern);
+    }
+    return entry ? entry->matcher : nullptr;
+}
+
+// ---- Texts ----------------------------------------------------------------------------------------------------------
+
+zelAttributeTextFn textHook = nullptr;
+zelFreeFn textFree = nullptr;
+
+bool isKnownType(std::uint32_t type) {
+    return type == asPathType || type == communitiesType || type == otherType;
+}
+
+// ---- The cache ------------------------------------------------------------------------------------------------------
+
+bool isCacheOn() {
+    return aclRegexOptzInitialized && aclRegexOptzEnabled;
+}
+
+std::uint32_t clientIndex() {
+    return static_cast<std::uint32_t>(aclRegexOptzGetClientIndex(aclRegexOptzClientId));
+}
+
+// Where this process keeps the results of an expression, taking an index for it when it has none.
+std::uint32_t cachedIndexOf(zelRegex &expression) {
+    std::atomic<std::uint32_t> &index = expression.cachedIndex[clientIndex()];
+    const std::uint32_t now = resultCache.indexOf(expression.number, index.load(std::memory_order_relaxed));
+    if (now == index.load(std::memory_order_relaxed)) return now;
+    expression.clients.fetch_or(aclRegexOptzClientId);
+    index.store(now, std::memory_order_relaxed);
+    return now;
+}
+
+// This process has no results of the expression any more.
+void forgetResults(zelRegex &expression) {
+    if (aclRegexOptzClientId == 0) return;
+    resultCache.forget(expression.cachedIndex[clientIndex()].exchange(0), expression.number);
+    expression.clients.fetch_and(~aclRegexOptzClientId);
+}
+
+void deleteWaiting(Root &tables) {
+    forEachExpression(tables, [&](zelRegex &expression) {
+        if (!expression.waitsForDeletion.load()) return;
+        forgetResults(expression);
+        if (expression.clients.load() == 0) removeExpression(tables, expression);
+    });
+}
+
+class WriteLock {
+public:
+    WriteLock() : isHeld_(ZEL_ShmWriteLock(ZEL_SHM_LOCK_POLICY) == 0) {}
+    ~WriteLock() {
+        if (isHeld_) ZEL_ShmWriteUnLock(ZEL_SHM_LOCK_POLICY);
+    }
+    WriteLock(const WriteLock &) = delete;
+    WriteLock &operator=(const WriteLock &) = delete;
+    explicit operator bool() const { return isHeld_; }
+    void keep() { isHeld_ = false; }
+
+private:
+    const platform::NoCancellation guard_;
+    bool isHeld_;
+};
+
+}  // namespace
+
+zelRegex *expressionAt(Link link) {
+    const auto *expression = at<zelRegex>(link);
+    if (!expression || expression->magic != zelRegex::validMagic || expression->length > longestPattern) return nullptr;
+    if (expression->slot >= mostExpressions) return nullptr;
+    return const_cast<zelRegex *>(at<zelRegex>(link, sizeof(zelRegex) + expression->length + 1));
+}
+
+// ---- Subjects -------------------------------------------------------------------------------------------------------
+
+Subject::Subject(const void *attribute, std::size_t length, std::uint32_t type, bool isCached, const char *text)
+    : attribute_(attribute), length_(length), type_(type), text_(text) {
+    if (attribute && isCached && isCacheOn()) cacheNode_ = resultCache.open(type, attribute, length, known_);
+}
+
+Subject::~Subject() {
+    if (made_ == own_ || !made_) return;
+    if (madeByHook_)
+        textFree(made_);
+    else
+        zelMC_free(source, __LINE__, made_);
+}
+
+// An attribute that makes no text has the empty one.
+const char *Subject::text() {
+    if (text_) return text_;
+    if (textHook) {
+        made_ = textHook(attribute_, length_, type_);
+        madeByHook_ = made_ != nullptr;
+    } else {
+        makeText();
+    }
+    return text_ = made_ ? made_ : "";
+}
+
+void Subject::makeText() {
+    const std::size_t room = roomForText(length_);
+    made_ = room <= sizeof own_ ? own_ : static_cast<char *>(zelMC_malloc(source, __LINE__, room));
+    if (!made_) return;
+    const auto *bytes = static_cast<const std::uint8_t *>(attribute_);
+    std::size_t written = 0;
+    if (type_ == asPathType) written = writeAsPath(bytes, length_, made_, room);
+    if (type_ == communitiesType) written = writeCommunities(bytes, length_, made_, room);
+    made_[written < room ? written : room - 1] = 0;
+}
+
+bool Subject::matches(zelRegex &expression) {
+    bool isKnown = false, known = false;
+    if (cacheNode_ != 0) {
+        const std::uint32_t index = expression.cachedIndex[clientIndex()].load(std::memory_order_relaxed);
+        isKnown = resultCache.isKnown(known_, index, expression.number, known);
+        if (isKnown && !verifies) return known;
+    }
+    const Matcher *matcher = matcherOf(expression);
+    const char *subject = text();
+    const bool result = matcher && matcher->matches(subject, strlen(subject));
+    if (isKnown && known != result) printf("Cached result of %s differs\r\n", expression.pattern);
+    if (cacheNode_ != 0)
+        aclRegexOptzCacheInsert(&expression, cacheNode_, cachedIndexOf(expression), result ? 0 : noMatch);
+    return result;
+}
+
+}  // namespace zel::policy
+
+// ---- Expressions ----------------------------------------------------------------------------------------------------
+
+zelRegex *zelbgp_regcomp(const char *pattern) {
+    Root *tables = root();
+    if (!pattern || !tables) return nullptr;
+    const std::size_t length = strnlen(pattern, longestPattern + 1);
+    if (zelRegex *shared = findExpression(*tables, pattern, length)) {
+        shared->references.fetch_add(1);
+        shared->waitsForDeletion.store(0);
+        return shared;
+    }
+    if (length > longestPattern) return nullptr;
+    zelRegex *expression = makeExpression(*tables, pattern, length);
+    if (!expression) return nullptr;
+    if (!matcherOf(*expression)) {
+        zelMC_MM_free(source, __LINE__, expression);
+        return nullptr;
+    }
+    tables->expressions.live.store(linkTo(expression), std::memory_order_release);
+    return expression;
+}
+
+void zelbgp_regex_free(zelRegex *expression) {
+    Root *tables = root();
+    if (!expression || !tables || !expressionAt(linkTo(expression))) return;
+    if (expression->references.load() == 0 || expression->references.fetch_sub(1) > 1) return;
+    if (expression->clients.load() == 0 && tables->expressions.clients.load() == 0)
+        removeExpression(*tables, *expression);
+    else
+        expression->waitsForDeletion.store(1);
+}
+
+int zelbgp_regexec(zelRegex *expression, const char *text, const void *attribute, int length, uint32_t type,
+                   int useCache) {
+    if (!expression) return -1;
+    if (attribute && !isKnownType(type)) {
+        if (aclRegexOptzDebug) printf("Error type patype %x\n", type);
+        return 0;
+    }
+    if (!attribute && !text) return noMatch;
+    Subject subject(attribute, length > 0 ? static_cast<std::size_t>(length) : 0, type, useCache != 0, text);
+    return subject.matches(*expression) ? 0 : noMatch;
+}
+
+int aclPatternCheck(const char *pattern, char *error, size_t errorBytes) {
+    if (!pattern || (!error && errorBytes != 0)) return -1;
+    Matcher *matcher = Matcher::compile(pattern, error, errorBytes);
+    Matcher::destroy(matcher);
+    return matcher ? 0 : -1;
+}
+
+const char *zelbgp_regex_pattern(const zelRegex *expression) {
+    return expression ? expression->pattern : nullptr;
+}
+
+uint32_t zelbgp_regex_references(const zelRegex *expression) {
+    return expression ? expression->references.load() : 0;
+}
+
+void aclRegexSetTextHook(zelAttributeTextFn make, zelFreeFn release) {
+    textHook = make && release ? make : nullptr;
+    textFree = release;
+}
+
+int aclAttributeText(uint32_t type, const void *attribute, size_t length, char *text, size_t size) {
+    if (!attribute || !text || size == 0) return -1;
+    const auto *bytes = static_cast<const uint8_t *>(attribute);
+    size_t written = 0;
+    if (type == asPathType)
+        written = writeAsPath(bytes, length, text, size - 1);
+    else if (type == communitiesType)
+        written = writeCommunities(bytes, length, text, size - 1);
+    else
+        return -1;
+    text[written < size ? written : size - 1] = 0;
+    return static_cast<int>(written);
+}
+
+// ---- The cache ------------------------------------------------------------------------------------------------------
+
+int aclRegexOptzInit(uint32_t clientBit, int join, uint32_t attributes, uint32_t expressions) {
+    if (aclRegexOptzInitialized) return 0;
+    if (clientBit == 0 || !resultCache.create(attributes, expressions)) return -1;
+    aclRegexOptzClientId = clientBit;
+    if (join) {
+        WriteLock lock;
+        Root *tables = lock ? root() : nullptr;
+        if (!tables) {
+            resultCache.destroy();
+            aclRegexOptzClientId = 0;
+            return -1;
+        }
+        // Results of a process that was this client before and died.
+        forEachExpression(*tables, forgetResults);
+        tables->expressions.clients.fetch_or(clientBit);
+        aclRegexPendingDelete = 1;
+    }
+    aclRegexOptzInitialized = 1;
+    return 0;
+}
+
+void aclRegexOptzClose(void) {
+    if (!aclRegexOptzInitialized) return;
+    WriteLock lock;
+    aclRegexOptzInitialized = 0;
+    if (Root *tables = root()) {
+        forEachExpression(*tables, forgetResults);
+        deleteWaiting(*tables);
+        tables->expressions.clients.fetch_and(~aclRegexOptzClientId);
+    }
+    aclRegexPendingDelete = 0;
+    resultCache.destroy();
+    aclRegexOptzClientId = 0;
+}
+
+int aclRegexOptzIsEnabled(void) {
+    return aclRegexOptzEnabled != 0;
+}
+
+void aclRegexOptzToggle(void) {
+    aclRegexOptzEnabled = !aclRegexOptzEnabled;
+    printf("aclRegexOptzEnabled is now %s\r\n", aclRegexOptzEnabled ? "ENABLED" : "DISABLED");
+}
+
+void aclRegexOptzDebugToggle(void) {
+    aclRegexOptzDebug = !aclRegexOptzDebug;
+}
+
+void aclRegexOptzVerifyFlagToggle(void) {
+    verifies = !verifies;
+}
+
+int aclRegexOptzVerify(void) {
+    return verifies != 0;
+}
+
+uint32_t aclRegexOptzCacheOpen(uint32_t type, const void *attribute, size_t length) {
+    ResultCache::Known known;
+    return attribute ? resultCache.open(type, attribute, length, known) : 0;
+}
+
+int aclRegexOptzCacheInsert(zelRegex *expression, uint32_t node, uint32_t index, int result) {
+    const bool isDone = expression && resultCache.insert(node, index, expression->number, result == 0);
+    if (aclRegexOptzDebug)
+        printf(isDone ? "Inserted, (dataNode 0x%0X, RegexIndex %d) ==> 0x%0X\r\n"
+                      : "Insertion Failed, (dataNode 0x%0X, RegexIndex %d) ==> 0x%0X\r\n",
+               node, static_cast<int>(index), static_cast<unsigned>(result));
+    return isDone ? 0 : -1;
+}
+
+int aclRegexOptzCacheGet(uint32_t node, uint32_t index, int *result) {
+    bool matched = false;
+    if (!result || !resultCache.find(node, index, matched)) return -1;
+    *result = matched ? 0 : noMatch;
+    return 0;
+}
+
+void aclRegexOptzCacheDelete(zelRegex *expression) {
+    if (expression && aclRegexOptzInitialized) forgetResults(*expression);
+}
+
+uint32_t aclRegexOptzCacheSizeGet(void) {
+    return resultCache.attributes();
+}
+
+void aclRegexPeriodicCacheCleanup(void) {
+    WriteLock lock;
+    Root *tables = lock ? root() : nullptr;
+    if (tables) deleteWaiting(*tables);
+}
+
+zelRegex *aclRegexOptzHandleComp(const char *pattern) {
+    WriteLock lock;
+    zelRegex *expression = lock ? zelbgp_regcomp(pattern) : nullptr;
+    if (expression) lock.keep();
+    return expression;
+}
+
+void aclRegexOptzHandleFree(zelRegex *expression) {
+    if (expression && expression->references.load() == 1) aclRegexOptzCacheDelete(expression);
+    zelbgp_regex_free(expression);
+    ZEL_ShmWriteUnLock(ZEL_SHM_LOCK_POLICY);
+}
+
+int aclRegexOptzGetClientIndex(uint32_t clientBit) {
+    return clientBit == 0 ? 0 : 31 - __builtin_clz(clientBit);
+}
