@@ -2,7 +2,9 @@
 //
 // Patterns come from configurations and from shared memory, and the C library's compiler does not bound itself: it
 // writes intervals out, and "+" as two copies of what it repeats, so that a pattern of 50 characters can take all
-// memory. What is refused here is refused without asking it.
+// memory; and its matcher may never return, or crash, where references back to groups are repeated. What is refused
+// here is refused without asking it: what goes beyond the limits below, references to more than one group, and repeated
+// ones to a group that may be empty or is repeated itself.
 #pragma once
 
 #include <cstddef>
@@ -28,7 +30,7 @@ constexpr char underscoreMeaning[] = "(^|[,{}() ]|$)";
 // zelMC_free. Null: no memory.
 char *expandUnderscores(const char *pattern);
 
-// Whether the pattern as written keeps the limits above; if not, why, in English without a full stop, in `error`.
+// Whether the pattern as written keeps to that; if not, why, in English without a full stop, in `error`.
 bool checkPattern(const char *pattern, char *error, std::size_t errorBytes);
 
 }  // namespace zel::policy

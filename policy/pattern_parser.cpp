@@ -28,6 +28,7 @@ using namespace std::string_view_literals;
 namespace {
 
 constexpr std::uint32_t highestBound = 0x7fff;
+constexpr unsigned lastReference = 9;
 
 // Pairs of first and last byte, those of the C locale.
 constexpr struct {
@@ -38,6 +39,9 @@ constexpr struct {
     {"punct", "!/:@[`{~"}, {"space", "\t\r  "}, {"upper", "AZ"},     {"xdigit", "09AFaf"},
 };
 
+std::uint16_t bit(unsigned number) {
+    return static_cast<std::uint16_t>(1u << number);
+}
 unsigned code(char c) {
     return static_cast<unsigned char>(c);
 }
@@ -49,6 +53,7 @@ struct Part {
     std::uint16_t node;
     bool mayBeEmpty;
     bool hasAnchor;
+    std::uint16_t groups, references;  // bit n: it has group n, or refers back to it, from 1 to 9
     std::uint32_t places;
     std::uint32_t repetitions;  // the highest product of nested bounds
     // What may be passed over in one go: from the front, from the back, and at most.
@@ -69,7 +74,9 @@ public:
         auto *tree = static_cast<PatternTree *>(memory);
         tree->text_ = expanded;
         PatternParser parser(*tree);
-        tree->root_ = parser.choice(0).node;
+        const Part whole = parser.choice(0);
+        tree->root_ = whole.node;
+        parser.checkReferences(whole);
         return tree;
     }
 
@@ -109,12 +116,12 @@ private:
         at(number).kind = kind;
         return number;
     }
-    Part nothing() { return {make(Kind::nothing), true, false, 0, 1, 0, 0, 0}; }
+    Part nothing() { return {make(Kind::nothing), true, false, 0, 0, 0, 1, 0, 0, 0}; }
     Part anchor(Kind kind) {
-        return {make(kind), true, true, 1, 1, anchorPassedOver, anchorPassedOver, anchorPassedOver};
+        return {make(kind), true, true, 0, 0, 1, 1, anchorPassedOver, anchorPassedOver, anchorPassedOver};
     }
     Part bytes(unsigned symbol) {
-        const Part part{make(Kind::bytes), false, false, 1, 1, 0, 0, 0};
+        const Part part{make(Kind::bytes), false, false, 0, 0, 1, 1, 0, 0, 0};
         at(part.node).symbol = static_cast<std::uint16_t>(symbol);
         return part;
     }
@@ -150,14 +157,20 @@ private:
         return part;
     }
 
+    static void weighBoth(Part &part, const Part &next) {
+        part.hasAnchor = part.hasAnchor || next.hasAnchor;
+        part.groups |= next.groups;
+        part.references |= next.references;
+        part.repetitions = std::max(part.repetitions, next.repetitions);
+    }
+
     static void weighNext(Part &before, const Part &next) {
         before.inside = std::max({before.inside, next.inside, before.back + next.front});
         if (before.mayBeEmpty) before.front += next.front;
         before.back = next.mayBeEmpty ? before.back + next.back : next.back;
         before.mayBeEmpty = before.mayBeEmpty && next.mayBeEmpty;
-        before.hasAnchor = before.hasAnchor || next.hasAnchor;
+        weighBoth(before, next);
         before.places += next.places;
-        before.repetitions = std::max(before.repetitions, next.repetitions);
     }
 
     // Of alternatives that read something, one is passed through; those that may be empty are all gone through.
@@ -167,9 +180,8 @@ private:
         whole.back = adds ? whole.back + next.back : std::max(whole.back, next.back);
         whole.inside = std::max({whole.inside, next.inside, whole.front, whole.back});
         whole.mayBeEmpty = adds;
-        whole.hasAnchor = whole.hasAnchor || next.hasAnchor;
+        weighBoth(whole, next);
         whole.places += next.places + 1;
-        whole.repetitions = std::max(whole.repetitions, next.repetitions);
     }
 
     // "+" is written out as two copies, as "{1,}" is.
@@ -192,6 +204,14 @@ private:
         const bool meetsItself = copies > 1 || most == unbounded;
         whole.inside = std::max({part.inside, whole.front, whole.back, meetsItself ? part.back + part.front : 0});
         return whole;
+    }
+
+    // The C library tries out what the groups may be that are referred to, all with all. And where a reference is
+    // repeated, it may match for ever, or run out of stack, unless what it refers to is there once and is not empty.
+    void checkReferences(const Part &whole) {
+        if (whole.references & (whole.references - 1)) refuse("refers back to more than one group");
+        if (repeatedReferences_ & (emptyGroups_ | repeatedGroups_))
+            refuse("repeats a reference to what may be empty or is repeated");
     }
 
     // ---- The grammar ------------------------------------------------------------------------------------------------
@@ -258,8 +278,11 @@ private:
             refuse("parentheses nest deeper than 100");
             return nothing();
         }
+        const unsigned number = ++groups_;
         Part part = choice(depth);
         ++part.places;
+        if (number <= lastReference) part.groups |= bit(number);
+        if (number <= lastReference && part.mayBeEmpty) emptyGroups_ |= bit(number);
         if (!takes(')')) stop();
         return part;
     }
@@ -275,11 +298,20 @@ private:
             stop();
             return nothing();
         }
-        if (seesOneOf("123456789wWsSbB<>`'")) {
+        if (seesOneOf("123456789")) return reference(code(take()) - '0');
+        if (seesOneOf("wWsSbB<>`'")) {
             take();
             return foreign();
         }
         return bytes(code(take()));
+    }
+
+    Part reference(unsigned number) {
+        Part part = foreign();
+        part.references = bit(number);
+        part.mayBeEmpty = (emptyGroups_ & bit(number)) != 0;
+        if (part.mayBeEmpty) part.front = part.back = part.inside = anchorPassedOver;
+        return part;
     }
 
     // ---- Repetitions ------------------------------------------------------------------------------------------------
@@ -293,6 +325,8 @@ private:
             stop();
             return part;
         }
+        repeatedGroups_ |= part.groups;
+        repeatedReferences_ |= part.references;
         if (part.hasAnchor && copiesOf(least, most) > 1) markForeign();
         Part whole = weighRepeated(part, least, most);
         whole.node = most == 0 ? make(Kind::nothing) : repeatNode(part.node, least, most);
@@ -392,6 +426,9 @@ private:
 
     PatternTree &tree_;
     std::string_view rest_;
+    unsigned groups_ = 0;
+    std::uint16_t emptyGroups_ = 0;  // those that may be empty
+    std::uint16_t repeatedGroups_ = 0, repeatedReferences_ = 0;
 };
 
 PatternTree *PatternTree::read(const char *pattern, char *error, std::size_t errorBytes) {

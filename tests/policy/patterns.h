@@ -62,7 +62,7 @@ private:
                 return ".";
             case 8:
                 return below(4) > 0 ? std::string("\\") + one("_.*+?()[]{}|^$0,-a")
-                                    : std::string("\\") + one("wWsSbB<>`'");
+                                    : std::string("\\") + one("12wWbB<>`'");
             default:
                 return std::string(1, one("11122200 ,ab-{}])\xe4"));
         }
