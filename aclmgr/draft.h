@@ -78,15 +78,4 @@ struct KindRow {
 // Of the images of a kind; null when there are none, or the kind's images are no business of these calls.
 const ListOperations *operationsOf(Kind kind);
 
-// What the expressions supply, which stand in the segment beside the lists and count who refers to them. `images` are
-// those of all lists.
-struct ExpressionOperations {
-    // After a writer died: puts the counts right, and frees what nothing refers to.
-    void (*repair)(policy::Root &root, const std::vector<Bytes> &images);
-    // Adds what there is, and what is wrong with it.
-    void (*audit)(policy::Root &root, const std::vector<Bytes> &images, zelAclMgrAuditReport &report);
-};
-// Null while nothing makes expressions.
-const ExpressionOperations *expressionOperations();
-
 }  // namespace zel::aclmgr

@@ -1,5 +1,6 @@
 // The kinds of list, each with its codes and with what its own source supplies.
 #include "aclmgr/acl_image.h"
+#include "aclmgr/attribute_lists.h"
 #include "aclmgr/draft.h"
 #include "aclmgr/prefix_image.h"
 
@@ -12,8 +13,8 @@ constexpr KindRow rows[] = {
     {Kind::ipAcl, 0x39000001, 0x39000003, 0x39000068, &ipv6Operations},
     {Kind::prefix4, 0x39000020, 0x39000022, 0x3900006a, &prefix4Operations},
     {Kind::prefix6, 0x39000020, 0x39000022, 0x3900006a, &prefix6Operations},
-    {Kind::asPath, 0x39000011, 0x39000013, 0x3900006c, nullptr},     //
-    {Kind::community, 0x39000016, 0x39000018, 0x3900006b, nullptr},  //
+    {Kind::asPath, 0x39000011, 0x39000013, 0x3900006c, &aspOperations},
+    {Kind::community, 0x39000016, 0x39000018, 0x3900006b, &commOperations},
     {Kind::routeMap, 0x39000006, 0x39000007, 0x39000069, nullptr},
 };
 
@@ -27,10 +28,6 @@ const KindRow *rowOf(zelAclMgrKind kind) {
 const ListOperations *operationsOf(Kind kind) {
     for (const KindRow &row : rows)
         if (row.kind == kind && row.operations != nullptr) return row.operations;
-    return nullptr;
-}
-
-const ExpressionOperations *expressionOperations() {
     return nullptr;
 }
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "aclmgr/attribute_lists.h"
 #include "aclmgr/census.h"
 #include "aclmgr/draft.h"
 #include "zel/platform.h"
@@ -71,7 +72,7 @@ void repair(policy::Root &root) {
     repairTrees(root);
     const Census census = takeCensus(root);
     collectSpares(root, census);
-    if (const ExpressionOperations *expressions = expressionOperations()) expressions->repair(root, census.images);
+    repairExpressions(root, census.images);
     zelPolicyHeapReport report;
     sweep(census, true, report);
 }
@@ -92,8 +93,7 @@ std::uint32_t audit(policy::Root &root, zelAclMgrAuditReport &report) {
     report.lostBlocks = heap.lostBlocks;
     report.lostBytes = heap.lostBytes;
     report.strays = heap.strays;
-    if (const ExpressionOperations *expressions = expressionOperations())
-        expressions->audit(root, census.images, report);
+    auditExpressions(root, census.images, report);
     const std::uint64_t faults = std::uint64_t{report.brokenTrees} + report.brokenLists + report.lostNodes +
                                  report.wrongReferences + report.lostBlocks + report.strays + (isHeapWhole ? 0 : 1);
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(faults, UINT32_MAX));

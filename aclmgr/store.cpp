@@ -155,7 +155,10 @@ ListNode *Change::makeNode(Kind kind, const char *name) {
 std::uint32_t Change::set(const KindRow *row, const char *name, const ImageBuilder &builder) {
     if (row == nullptr || name == nullptr || *name == 0) return codeValueRange;
     if (strlen(name) > policy::nameLength) return row->nameTooLong;
-    const Link image = builder.entries() != 0 ? makeImage(row->kind, builder) : 0;
+    const std::uint32_t refusal = builder.prepare();
+    const Link image = refusal == 0 && builder.entries() != 0 ? makeImage(row->kind, builder) : 0;
+    builder.abandon();
+    if (refusal != 0) return refusal;
     if (builder.entries() != 0 && image == 0) return row->noMemory;
     if (ListNode *list = find(row, name)) {
         dropImage(list->image.exchange(image, std::memory_order_acq_rel));

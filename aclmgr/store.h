@@ -52,6 +52,10 @@ public:
     virtual ~ImageBuilder() = default;
     // Of the list; without any it has no image.
     virtual std::uint32_t entries() const = 0;
+    // Before anything changes: takes what the image will refer to outside itself. 0, or the code of why not.
+    virtual std::uint32_t prepare() const { return 0; }
+    // Gives back what was taken and is not the image's.
+    virtual void abandon() const {}
     // Of the image, its header included; an upper bound will do.
     virtual std::size_t bytes() const = 0;
     // Fills the zeroed block behind the header, at its place for good. A reference that the image takes to something

@@ -170,6 +170,23 @@ uint32_t zelAclMgrResequence(zelAclMgr *manager, zelAclMgrKind kind, const char 
  * there is not. Lists of both kinds of access list have the same names. */
 int zelAclMgrGetNames(zelAclMgr *manager, zelAclMgrKind kind, char (*names)[ZEL_POLICY_NAME + 1], int capacity);
 
+/* ---- AS-path lists. Codes: 0x39000014 for a pattern that is no expression, or one that would take too much */
+
+/* Makes the list that of these entries, creating it when there is none. */
+uint32_t zelAclMgrSetAspList(zelAclMgr *manager, const char *name, const zelAclAspEntry *entries, uint32_t count);
+/* Adds one entry, creating the list when there is none. */
+uint32_t zelAclMgrAddAspEntry(zelAclMgr *manager, const char *name, const zelAclAspEntry *entry);
+/* Copies the first `capacity` entries; how many there are, -1: no such list. */
+int zelAclMgrGetAspEntries(zelAclMgr *manager, const char *name, zelAclAspEntry *entries, int capacity);
+
+/* ---- Community lists. Codes as for AS-path lists; 0x3900002F for another kind of entry, or one without its values */
+
+uint32_t zelAclMgrSetCommList(zelAclMgr *manager, const char *name, const zelAclCommEntry *entries, uint32_t count);
+uint32_t zelAclMgrAddCommEntry(zelAclMgr *manager, const char *name, const zelAclCommEntry *entry);
+/* The values of the entries copied stand in `values`; those of an entry that finds no room there are null. */
+int zelAclMgrGetCommEntries(zelAclMgr *manager, const char *name, zelAclCommEntry *entries, int capacity,
+                            uint32_t *values, uint32_t valueCapacity);
+
 /* ---- Audit */
 
 /* What the segment holds for lists of both sets of tables, and what is wrong with it. */

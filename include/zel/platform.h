@@ -77,11 +77,13 @@ int ZELIsVirtualSingle(void);                 /* 0 */
 uint32_t zelSysGetSlotId(void);               /* 0 */
 int bcm_stk_get_local_rpm_slotid(void);       /* 0 */
 uint32_t zel_getPeMasterIpAddr(int instance); /* 0: no master known */
+int zelSysIsPrimaryRpm(void);                 /* 1: this is the primary route processor, 0: its standby */
 
 void zelPlatformSetType(int type);
 void zelPlatformSetVirtualSingle(int isVirtualSingle);
 void zelPlatformSetSlotId(uint32_t slot);
 void zelPlatformSetPeMasterAddress(uint32_t address);
+void zelPlatformSetPrimaryRpm(int isPrimary);
 
 /* What is known of the cards in the slots. A null function takes the default's answer. */
 typedef struct {

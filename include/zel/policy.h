@@ -218,6 +218,115 @@ uint8_t acl_mask2plen(const uint8_t mask[16]);
  * at all the family's bits then accepts any length. `width` is that of an address in bytes. */
 int prefixListCmpEntInfo(int isDefault, uint8_t length, uint8_t prefixLength, uint8_t ge, uint8_t le, uint32_t width);
 
+/* ==== AS-path and community lists ================================================================================= */
+
+/* Names of lists as in the other families: the caller holds the read lock. Null: no such list. */
+zelAspList *bgpAspListFind(const char *name);
+zelCommList *bgpCommListFind(const char *name);
+
+/* The verdict of an AS-path list: 0 permit, 1 deny. The first entry whose expression matches decides. No list, no path
+ * and a path of no bytes are permitted. The first form is given the attribute, whose text is made when it is needed and
+ * whose results may come from the cache; the second one the text (which may be empty) and does without the attribute.
+ */
+int bgpAccessASPMatch(const zelAspList *list, const void *pathAttribute, int length);
+int bgp_as_path_match(const zelAspList *list, const char *pathText, const void *pathAttribute);
+
+/* The verdict of a community list over a route's communities, in host order, AS number in the upper half. An expanded
+ * entry matches when its expression matches their text (see aclAttributeText), a standard one when the route has all of
+ * its values; the action of the first that matches is the verdict, 1 when none does. By name an unknown list is the
+ * code 0x39000001. */
+int bgpAccessCommMatch(const zelCommList *list, const uint32_t *communities, int count);
+uint32_t bgp_commlist_match(const char *name, const uint32_t *communities, int count);
+/* The same, but a standard entry matches only a route that has no other communities than its values, in any order and
+ * number. */
+int bgpAccessCommMatchExact(const zelCommList *list, const uint32_t *communities, int count);
+uint32_t bgp_comm_match_exact(const char *name, const uint32_t *communities, int count);
+
+/* ==== Expressions =================================================================================================
+ *
+ * POSIX extended expressions in which every underscore stands for "(^|[,{}() ]|$)". One record for each pattern, shared
+ * by all lists and processes, with a count of references; each process compiles it for itself when it first matches.
+ */
+
+/* The expression of a pattern with one reference more. Null: the pattern does not compile, or would take too much to
+ * compile (more than 1,024 characters, intervals within intervals beyond 10,000, groups 100 deep); there are no tables
+ * yet; no memory. The caller holds the write lock. */
+zelRegex *zelbgp_regcomp(const char *pattern);
+/* Whether a pattern is one that zelbgp_regcomp takes: 0, or -1 and in `error`, at most `errorBytes` long, why not.
+ * Needs no tables and no lock. */
+int aclPatternCheck(const char *pattern, char *error, size_t errorBytes);
+/* Drops one reference. The last one deletes the expression, at once or, when processes cache results, once they have
+ * given up theirs. The caller holds the write lock. */
+void zelbgp_regex_free(zelRegex *expression);
+/* 0 when the expression matches, -1 without an expression, else another value. It is matched with `text`, or with the
+ * text of the attribute when that is null. With an attribute the type is 1 (AS path), 2 (communities) or 2048; any
+ * other answers 0. `useCache` lets the result come from the cache, if that is open and enabled, or go there. The caller
+ * holds the read lock; compiles when this process has not matched with the expression before. */
+int zelbgp_regexec(zelRegex *expression, const char *text, const void *attribute, int length, uint32_t type,
+                   int useCache);
+/* The pattern as it was written, and the references. */
+const char *zelbgp_regex_pattern(const zelRegex *expression);
+uint32_t zelbgp_regex_references(const zelRegex *expression);
+
+/* Writes the text of an attribute, at most `size` bytes with its zero, and returns its length without, which may be
+ * more; -1 for a type that has none. An AS path (type 1) is a row of segments (u8 kind, u8 count, the numbers as u32):
+ * numbers separated by blanks, sets as {a,b}, confederations as (a b) and [a,b]. Communities (type 2) are u32 words:
+ * "high:low" separated by blanks, or no-export, no-advertise, local-AS. All big-endian. */
+int aclAttributeText(uint32_t type, const void *attribute, size_t length, char *text, size_t size);
+/* Replaces that: a text, or null for none, that `release` gives back. Both null restore it. Before any check. */
+typedef char *(*zelAttributeTextFn)(const void *attribute, size_t length, uint32_t type);
+void aclRegexSetTextHook(zelAttributeTextFn make, zelFreeFn release);
+
+/* ==== The cache of results ========================================================================================
+ *
+ * A process may keep what expressions said of attributes, "BGP regex optz cache". Its bit tells it from the other
+ * processes that do. Results of attributes that were not asked for lately make room for new ones.
+ */
+
+extern uint32_t aclRegexOptzInitialized;
+extern uint32_t aclRegexOptzEnabled;
+extern uint32_t aclRegexOptzDebug;
+extern uint32_t aclRegexOptzClientId; /* this process's bit */
+extern uint32_t aclRegexPendingDelete;
+
+/* Opens the cache with room for that many attributes (at most about a million) and expressions (at most 1,023), and
+ * with `join` makes the bit known to the others, so that expressions wait for this process before they are deleted;
+ * takes the write lock for that. 0, also when the cache is open already; -1: no bit, sizes, memory or, to join, tables.
+ */
+int aclRegexOptzInit(uint32_t clientBit, int join, uint32_t attributes, uint32_t expressions);
+/* Gives everything up. Takes the write lock. */
+void aclRegexOptzClose(void);
+int aclRegexOptzIsEnabled(void);
+/* Switches the use of the cache, and says so on standard output. */
+void aclRegexOptzToggle(void);
+void aclRegexOptzDebugToggle(void);
+/* While the verify flag is on, results from the cache are computed again and differences printed. */
+void aclRegexOptzVerifyFlagToggle(void);
+int aclRegexOptzVerify(void);
+
+/* The parts of the cache. The node of an attribute, made when there is none; 0 without memory. A node that made room
+ * for another one is known no more. */
+uint32_t aclRegexOptzCacheOpen(uint32_t type, const void *attribute, size_t length);
+/* Keeps a result of zelbgp_regexec under the index of the expression. 0, or -1: no such node, or not its index. */
+int aclRegexOptzCacheInsert(zelRegex *expression, uint32_t node, uint32_t index, int result);
+/* 0 when the result is known, else -1. */
+int aclRegexOptzCacheGet(uint32_t node, uint32_t index, int *result);
+/* Forgets all results of the expression in this process. */
+void aclRegexOptzCacheDelete(zelRegex *expression);
+/* Attributes in the cache. */
+uint32_t aclRegexOptzCacheSizeGet(void);
+/* Gives up the results of expressions that wait for deletion, and deletes those of which nobody has any. Takes the
+ * write lock; call it from time to time. */
+void aclRegexPeriodicCacheCleanup(void);
+
+/* zelbgp_regcomp under the write lock, which is still held when an expression is returned, so that the caller can put
+ * it to use; when there is none the lock was released. */
+zelRegex *aclRegexOptzHandleComp(const char *pattern);
+/* zelbgp_regex_free for a caller that holds the write lock, which is released. */
+void aclRegexOptzHandleFree(zelRegex *expression);
+/* Position of the highest bit, 0 for none. */
+int aclRegexOptzGetClientIndex(uint32_t clientBit);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }
