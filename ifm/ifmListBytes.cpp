@@ -50,17 +50,43 @@ uint32_t wordAt(const uint8_t *list, size_t index, const End &end) {
     return index + 1 == end.words ? word & end.lastMask : word;
 }
 
-// Whether two words from `index` on are 0; most are.
-bool isPairZero(const uint8_t *list, size_t index) {
-    uint64_t pair;
-    std::memcpy(&pair, list + index * 4, sizeof pair);
-    return pair == 0;
+// Whether `Words` words from `index` on are 0; most are.
+template <size_t Words>
+bool areZero(const uint8_t *list, size_t index) {
+    uint64_t parts[Words / 2], any = 0;
+    std::memcpy(parts, list + index * 4, sizeof parts);
+    for (const uint64_t part : parts) any |= part;
+    return any == 0;
+}
+
+// The first word from `index` on that is not 0, `end` without one.
+size_t nextSet(const uint8_t *list, size_t index, size_t end) {
+    while (index + 16 <= end && areZero<16>(list, index)) index += 16;
+    if (index + 8 <= end && areZero<8>(list, index)) index += 8;
+    if (index + 4 <= end && areZero<4>(list, index)) index += 4;
+    while (index + 2 <= end && areZero<2>(list, index)) index += 2;
+    while (index < end && wire::load<uint32_t>(list + index * 4) == 0) ++index;
+    return index;
 }
 
 int keepPlain(uint8_t *list) {
     const size_t last = everything.words - 1;
     wire::store<uint32_t>(list + last * 4, wordAt(list, last, everything));
     return IFM_IFLIST_BYTES;
+}
+
+// Writes the compressed form of `count` entries over the map it was made of.
+int replace(uint8_t *list, uint8_t *form, size_t count, const End &end) {
+    CompressedList::Mark::set(form, mark);
+    CompressedList::Count::set(form, static_cast<uint16_t>(count));
+    // What is not an entry's word is 0 already, but for what lies behind the end.
+    for (size_t i = 0; i < count; ++i)
+        std::memset(list + EntryIndex::get(form + CompressedList::entries + i * entrySize) * 4, 0, 4);
+    std::memset(list + (end.words - 1) * 4, 0, IFM_IFLIST_BYTES - (end.words - 1) * 4);
+    const auto used = static_cast<size_t>(sizeOf(count));
+    std::memcpy(list, form, used);
+    CompressedList::Seal::set(list, mark);
+    return static_cast<int>(used);
 }
 
 int compress(void *list, const End &end) {
@@ -71,11 +97,7 @@ int compress(void *list, const End &end) {
     auto *bytes = static_cast<uint8_t *>(list);
     uint8_t form[IFM_IFLIST_BYTES];
     size_t count = 0;
-    for (size_t index = 0; index < end.words; ++index) {
-        if (index + 1 < end.words && isPairZero(bytes, index)) {
-            ++index;
-            continue;
-        }
+    for (size_t index = 0; (index = nextSet(bytes, index, end.words)) < end.words; ++index) {
         const uint32_t word = wordAt(bytes, index, end);
         if (word == 0) continue;
         if (count == CompressedList::mostEntries) return keepPlain(bytes);
@@ -83,13 +105,7 @@ int compress(void *list, const End &end) {
         EntryIndex::set(entry, static_cast<uint16_t>(index));
         EntryWord::set(entry, word);
     }
-    const auto used = static_cast<size_t>(sizeOf(count));
-    CompressedList::Mark::set(form, mark);
-    CompressedList::Count::set(form, static_cast<uint16_t>(count));
-    std::memcpy(bytes, form, used);
-    std::memset(bytes + used, 0, IFM_IFLIST_BYTES - used);
-    CompressedList::Seal::set(bytes, mark);
-    return static_cast<int>(used);
+    return replace(bytes, form, count, end);
 }
 
 int readCompressed(const uint8_t *list, uint32_t *map) {

@@ -68,7 +68,7 @@ void append(std::uint8_t *batch, std::uint32_t operation, std::uint8_t *record, 
     std::uint8_t *at = batch + BatchMessage::records + routes * (operationSize + recordSize(family));
     OperationWord::set(at, operation);
     compressLists(record + tailOffset(family), operation);
-    std::memcpy(at + operationSize, record, recordSize(family));
+    mrtm_fast_copy(at + operationSize, record, recordSize(family));
     BatchMessage::Routes::set(batch, routes + 1);
     checkFlags(record, family);
 }
