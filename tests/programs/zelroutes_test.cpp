@@ -110,7 +110,7 @@ TEST_F(ZelroutesOfSeveralVrfs, spreadThemOverAQueueListIntoATableEachAlsoAfterTh
     ASSERT_TRUE(eventually(30, allIsThereNow));
     EXPECT_EQ(counter(ZEL_RTM_COUNT_TABLES), 5u * 2);
     EXPECT_EQ(lookUpAll(), "8 8 8 8 8 none");
-    EXPECT_EQ(queuesUsed(), 3);
+    EXPECT_TRUE(eventually(10, [] { return queuesUsed() == 3; }));
     const auto rtm = zelGetTaskKeyFromServiceAndInst(ZEL_RTM_SERVICE, 0);
     kill(zelProcIdByKey(static_cast<std::uint32_t>(rtm)), SIGKILL);
     ASSERT_TRUE(manager.says("RTM(76/0) is ready", 2));
