@@ -2,6 +2,7 @@
 // stop more, since the answer comes back directly.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -69,6 +70,13 @@ public:
         setenv("ZEL_IPC_ADDR", dotted(own_).c_str(), 1);
         here_.emplace(Child::start("link", {dotted(peer)}));
     }
+    // Ends in order, so that the next one does not find a link that seems up.
+    ~Peer() {
+        here_->signal(SIGTERM);
+        here_->wait();
+    }
+    Peer(const Peer &) = delete;
+    Peer &operator=(const Peer &) = delete;
 
 private:
     const std::uint32_t own_;
