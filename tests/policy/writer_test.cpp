@@ -243,8 +243,11 @@ TEST(PolicyWriter, EditsOfAnyKind) {
 TEST(PolicyWriter, APlainCheckTakesNoLock) {
     zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
     setAccessList(manager, "a", 7);
-    const Change change(*manager);
-    EXPECT_EQ(std::async(std::launch::async, [] { return countOf("a"); }).get(), 7);
+    {
+        const Change change(*manager);
+        EXPECT_EQ(std::async(std::launch::async, [] { return countOf("a"); }).get(), 7);
+    }
+    zelAclMgrClose(manager);
 }
 
 // Whatever somebody wrote into the segment, audits and checks end; and links of names that form no tree are made anew.
@@ -253,7 +256,6 @@ TEST(PolicyWriter, AnAuditBelievesNothing) {
     for (std::uint32_t i = 0; i < listCount; ++i) put(*manager, listName(i).c_str(), 5, static_cast<int>(i));
     Random random = seeded();
     zelAclMgrAuditReport report;
-    const Change change(*manager);
     zelRadix &tree = manager->tables->trees[static_cast<std::size_t>(wordKind)];
     tree.rtt_slabs[0][tree.rtt_root].rtn_left = tree.rtt_root;
     EXPECT_NE(aclmgr::audit(*manager->root, report), 0u);
@@ -269,6 +271,7 @@ TEST(PolicyWriter, AnAuditBelievesNothing) {
         whole.restore();
     }
     EXPECT_EQ(aclmgr::audit(*manager->root, report), 0u);
+    zelAclMgrClose(manager);
 }
 
 // ---- A writer that dies ---------------------------------------------------------------------------------------------

@@ -29,6 +29,9 @@ void *operator new(size_t bytes) {
     if (block == nullptr) abort();
     return block;
 }
+void *operator new(size_t bytes, const std::nothrow_t &) noexcept {
+    return operator new(bytes);
+}
 void operator delete(void *block) noexcept {
     free(block);
 }
