@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tests/resmgr/audit.h"
+#include "tests/resmgr/ledger.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
 #include "zel/platform.h"
@@ -18,7 +19,6 @@ namespace zel::test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-constexpr uint32_t switches = 2;
 
 struct Node {
     zelResClient *clients[ZEL_RES_CLIENTS] = {};
@@ -27,21 +27,6 @@ struct Node {
     std::deque<Bytes> arrived[ZEL_RES_LINKS];
     uint32_t ofSwitch = 0;
     bool isAlive = false;
-};
-
-// Who was given what. An index belongs to one key at a time, whoever holds it.
-struct Ledger {
-    std::map<uint32_t, int32_t> held[switches];  // by key
-    std::map<uint32_t, uint32_t> wanted[switches];
-
-    void give(uint32_t of, uint32_t number, int32_t index) {
-        ASSERT_NE(index, -1);
-        for (const auto &side : held)
-            for (const auto &[key, value] : side) {
-                ASSERT_EQ(key == number, value == index) << "index " << value << " of " << key << ", now " << number;
-            }
-        held[of][number] = index;
-    }
 };
 
 class World;
@@ -278,6 +263,103 @@ TEST_P(TwoSwitches, NeverGiveAnIndexToTwoKeys) {
 
 INSTANTIATE_TEST_SUITE_P(Faults, TwoSwitches,
                          testing::Values(Faults{0, 500}, Faults{0, 60}, Faults{0.05, 500}, Faults{0.2, 60}));
+
+// ---- What is refused ------------------------------------------------------------------------------------------------
+
+Bytes lastSent;
+int keep(const void *bytes, uint32_t length) {
+    const auto *from = static_cast<const uint8_t *>(bytes);
+    lastSent.assign(from, from + length);
+    return 0;
+}
+
+// A standby that has an entry from its primary.
+class Refusal : public testing::Test {
+protected:
+    Refusal() {
+        resMgmtLibRegisterClient(client, 175, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                 0, 0, 0);
+        resMgmtLibSetTransport(keep, nullptr);
+        createDatabase(0, 99, ZEL_RES_PEER_AWARE);
+        const uint32_t number = 7;
+        const zelResKey key = keyOf(number);
+        int32_t index;
+        resMgmtApiAddObject(client, database, &key, nullptr, 0, &index);
+        object = lastSent;
+        resMgmtLibRequestAllData(ZEL_RES_LINK_HA);
+        wanted = lastSent;
+        zelPlatformSetPrimaryRpm(0);
+    }
+    ~Refusal() override {
+        zelPlatformSetPrimaryRpm(1);
+        resMgmtLibTerminate();
+    }
+    static int take(const Bytes &message, int link = ZEL_RES_LINK_HA) {
+        return resMgmtLibRecvSync(message.data(), static_cast<uint32_t>(message.size()), link);
+    }
+    Bytes object, wanted;
+};
+
+TEST_F(Refusal, MalformedMessagesAreCountedAndChangeNothing) {
+    EXPECT_EQ(take(object), 0);
+    uint32_t refused = 0;
+    const auto refuses = [&](Bytes message, std::size_t at, int value) {
+        if (at < message.size()) message[at] = static_cast<uint8_t>(value);
+        EXPECT_EQ(take(message), -1) << at;
+        EXPECT_EQ(gResMgrTcb.refused, ++refused) << at;
+    };
+    // Magic, version, subcommand, database, client, length, index beyond the range, status, flags, length of the key,
+    // and a byte of the key itself, which the digest belongs to.
+    for (const std::size_t at : {0, 5, 8, 9, 11, 17, 20, 41, 42}) refuses(object, at, 77);
+    refuses(object, 21, ZEL_RES_STALE);
+    for (const int subcommand : {0, 1, 4, 6, 7, 8, 9}) refuses(object, 7, subcommand);
+    refuses(object, 16, 255);
+    refuses(wanted, 7, ZEL_RES_SYNC_ALL_END);
+    refuses({}, 0, 0);
+    EXPECT_EQ(resMgmtLibRecvSync(nullptr, 16, ZEL_RES_LINK_HA), -1);
+    EXPECT_EQ(resMgmtLibRecvSync(object.data(), 16, ZEL_RES_LINKS), -1);
+    for (std::size_t length = 0; length < object.size(); ++length) {
+        Bytes cut(object.begin(), object.begin() + static_cast<std::ptrdiff_t>(length));
+        EXPECT_EQ(take(cut), -1);
+        if (length < 12) continue;
+        cut[11] = static_cast<uint8_t>(length);
+        EXPECT_EQ(take(cut), -1);
+    }
+    gRmLibDebug = 1;
+    testing::internal::CaptureStdout();
+    object[7] = 99;
+    take(object, ZEL_RES_LINK_KXL);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "resMgmtLibRecvSync(): Invalid KXL Sync subcmd 99.\r\n");
+    gRmLibDebug = 0;
+    EXPECT_EQ(audit(), "");
+    EXPECT_EQ(gaResMgmtDb[database]->entryCount, 1u);
+    EXPECT_EQ(entryOf(7)->objectIndex, 0);
+}
+
+TEST_F(Refusal, MessagesForAnotherRoleAreUntimely) {
+    EXPECT_EQ(take(wanted), -1);  // a standby has nothing to copy
+    EXPECT_EQ(take(object, ZEL_RES_LINK_KXL), -1);
+    zelPlatformSetPrimaryRpm(1);
+    EXPECT_EQ(take(object), -1);
+    EXPECT_EQ(take(object, ZEL_RES_LINK_KXL), -1);  // the KXL primary is told nothing
+    EXPECT_EQ(gResMgrTcb.untimely, 4u);
+    EXPECT_EQ(take(wanted), 0);
+}
+
+// A standby whose first copy was cut short does not know which indexes are free.
+TEST_F(Refusal, AnIncompleteCopyHandsOutNothing) {
+    wanted[20] = ZEL_RES_SYNC_PRESENT;
+    wanted[8] = database;
+    EXPECT_EQ(take(wanted), 0);
+    EXPECT_NE(gaResMgmtDb[database]->stateFlags & ZEL_RES_DB_INCOMPLETE, 0u);
+    int32_t index;
+    EXPECT_EQ(resMgmtLibGetFreeObjectIndex(gaResMgmtDb[database], nullptr, &index), -1);
+    EXPECT_EQ(take(object), 0);
+    wanted[7] = ZEL_RES_SYNC_ALL_END;
+    wanted[15] = static_cast<uint8_t>(object[15] + 1);
+    EXPECT_EQ(take(wanted), 0);
+    EXPECT_NE(gaResMgmtDb[database]->stateFlags & ZEL_RES_DB_INCOMPLETE, 0u);  // the numbers do not follow
+}
 
 }  // namespace
 }  // namespace zel::test
