@@ -18,6 +18,14 @@ void takeRequest(const zelResSync &message, zelResEntry *entry) {
         queueRequest(message.client->clientId, message.db, entry, nullptr, 0, flags, isNew);
 }
 
+// Somebody wants the entry, and it has an index unless it waits.
+bool isSound(const zelResSync &message) {
+    constexpr unsigned holders = unsigned{ZEL_RES_SYNC_KXL_HELD} | ZEL_RES_PEER_HELD | ZEL_RES_DELETING;
+    const bool isWanted = message.units > 0 || (message.flags & holders) != 0;
+    const bool mayLackIndex = (message.flags & (ZEL_RES_WAITING | ZEL_RES_DELETING)) != 0;
+    return isWanted && (message.index != -1 || mayLackIndex);
+}
+
 zelResDbParams readParams(const std::uint8_t *message) {
     zelResDbParams params = {};
     params.databaseId = SyncHeader::Database::get(message);
@@ -63,8 +71,7 @@ int takeObject(const zelResSync &message) {
         if (zelResEntry *entry = find(message)) discard(db, entry);
         return ZEL_RES_OK;
     }
-    const bool mayLackIndex = (message.flags & (ZEL_RES_WAITING | ZEL_RES_DELETING)) != 0;
-    if ((message.index == -1 && !mayLackIndex) || isTakenByHand(db, message.index)) return refuse();
+    if (!isSound(message) || isTakenByHand(db, message.index)) return refuse();
     zelResEntry *entry = findOrFile(message);
     if (!entry) return ZEL_RES_ERROR;
     entry->word1 = message.key.word1;
