@@ -5,22 +5,11 @@
 // takes all its bytes in a message of fixed layout; what it saves is the work of whoever reads it.
 #include <cstring>
 
-#include "base/wire.h"
-#include "zel/ifm.h"
+#include "ifm/list_bytes.h"
 
 namespace zel::ifm {
 namespace {
 
-constexpr uint16_t mark = 0x4c43;
-constexpr size_t entrySize = 6;
-
-struct CompressedList {
-    using Mark = wire::Field<uint16_t, 0>;
-    using Count = wire::Field<uint16_t, 2>;
-    static constexpr size_t entries = 4;
-    using Seal = wire::Field<uint16_t, IFM_IFLIST_BYTES - 2>;
-    static constexpr size_t mostEntries = (Seal::offset - entries) / entrySize;
-};
 using EntryIndex = wire::Field<uint16_t, 0>;
 using EntryWord = wire::Field<uint32_t, 2>;
 
@@ -37,12 +26,8 @@ constexpr End portsAndLags = endAt(IFM_IFLIST_LAG_END);
 static_assert(everything.words == IFM_IFLIST_MAP_WORDS && everything.words * 4 == IFM_IFLIST_BYTES);
 static_assert((everything.lastMask & 0xffff) == 0, "the mark at the end stands where no position is");
 
-bool isCompressed(const void *list) {
-    return CompressedList::Mark::get(list) == mark && CompressedList::Seal::get(list) == mark;
-}
-
 int sizeOf(size_t count) {
-    return static_cast<int>(CompressedList::entries + count * entrySize);
+    return static_cast<int>(CompressedList::entries + count * listEntrySize);
 }
 
 uint32_t wordAt(const uint8_t *list, size_t index, const End &end) {
@@ -77,15 +62,15 @@ int keepPlain(uint8_t *list) {
 
 // Writes the compressed form of `count` entries over the map it was made of.
 int replace(uint8_t *list, uint8_t *form, size_t count, const End &end) {
-    CompressedList::Mark::set(form, mark);
+    CompressedList::Mark::set(form, listMark);
     CompressedList::Count::set(form, static_cast<uint16_t>(count));
     // What is not an entry's word is 0 already, but for what lies behind the end.
     for (size_t i = 0; i < count; ++i)
-        std::memset(list + EntryIndex::get(form + CompressedList::entries + i * entrySize) * 4, 0, 4);
+        std::memset(list + EntryIndex::get(form + CompressedList::entries + i * listEntrySize) * 4, 0, 4);
     std::memset(list + (end.words - 1) * 4, 0, IFM_IFLIST_BYTES - (end.words - 1) * 4);
     const auto used = static_cast<size_t>(sizeOf(count));
     std::memcpy(list, form, used);
-    CompressedList::Seal::set(list, mark);
+    CompressedList::Seal::set(list, listMark);
     return static_cast<int>(used);
 }
 
@@ -101,7 +86,7 @@ int compress(void *list, const End &end) {
         const uint32_t word = wordAt(bytes, index, end);
         if (word == 0) continue;
         if (count == CompressedList::mostEntries) return keepPlain(bytes);
-        uint8_t *entry = form + CompressedList::entries + count++ * entrySize;
+        uint8_t *entry = form + CompressedList::entries + count++ * listEntrySize;
         EntryIndex::set(entry, static_cast<uint16_t>(index));
         EntryWord::set(entry, word);
     }
@@ -114,7 +99,7 @@ int readCompressed(const uint8_t *list, uint32_t *map) {
     std::memset(map, 0, IFM_IFLIST_BYTES);
     size_t next = 0;
     for (size_t i = 0; i < count; ++i) {
-        const uint8_t *entry = list + CompressedList::entries + i * entrySize;
+        const uint8_t *entry = list + CompressedList::entries + i * listEntrySize;
         const size_t index = EntryIndex::get(entry);
         if (index < next || index >= IFM_IFLIST_MAP_WORDS) return IFM_ERR_FORMAT;
         map[index] = EntryWord::get(entry);

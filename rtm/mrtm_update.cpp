@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "base/assertion.h"
+#include "ifm/list_bytes.h"
 #include "ipc/swp_queue.h"
 #include "rtm/mrtm_message.h"
 #include "zel/kernel.h"
@@ -21,7 +22,7 @@ std::uint8_t *makeBatch(std::uint32_t queue, std::uint32_t handle, int family, c
     if (!asserted(ipc, "ipc", sourceName)) return nullptr;
     auto *batch = static_cast<std::uint8_t *>(rtm::allocateFor(queue, BatchMessage::capacity, sourceName));
     if (!batch) return nullptr;
-    std::memset(batch, 0, BatchMessage::head);
+    std::memset(batch + IpcHeader::size, 0, BatchMessage::head - IpcHeader::size);
     buildIpcHeader(batch, updateType(family), BatchMessage::head, *ipc);
     BatchMessage::Handle::set(batch, handle);
     BatchMessage::FamilyIndex::set(batch, static_cast<std::uint8_t>(family));
@@ -39,9 +40,10 @@ bool mayAppend(int family, const std::uint8_t *batch) {
 void compressLists(std::uint8_t *tail, std::uint32_t operation) {
     const std::uint32_t kind = RecordTail::ListKind::get(tail);
     std::uint8_t *lists = tail + RecordTail::lists;
+    // Most come compressed from an earlier call.
     if (kind == ZEL_MRTM_LISTS_OF_ALL) {
-        ifmCompressIFList(lists);
-        ifmCompressIFList(lists + IFM_IFLIST_BYTES);
+        if (!ifm::isCompressed(lists)) ifmCompressIFList(lists);
+        if (!ifm::isCompressed(lists + IFM_IFLIST_BYTES)) ifmCompressIFList(lists + IFM_IFLIST_BYTES);
     } else if (kind == ZEL_MRTM_LIST_OF_PORTS) {
         ifmCompressPhyLagIFList(lists);
     } else {
