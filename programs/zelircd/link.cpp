@@ -50,10 +50,10 @@ Link::Messages Link::takeHello(std::uint32_t epoch) {
     return {{ZEL_IRC_HELLO, ZEL_IRC_HELLO_NAME}, 2};
 }
 
-// The peer hears us. That is enough when we know who it is; else we ask.
+// The peer hears us. When it has not said who it is, the next tick's hello asks: an answer to answers would have no
+// end.
 Link::Messages Link::proveUp() {
-    if (isUp_) return nothing;
-    if (peerEpoch_ == 0 || !isNamed_) return say(ZEL_IRC_HELLO);
+    if (isUp_ || !isNamed_) return nothing;
     isUp_ = true;
     return say(ZEL_IRC_UP);
 }

@@ -262,7 +262,7 @@ TEST(Link, comesUpFromAnyStateAndGoesDownInSilence) {
             if (Side &side = sides[left % 2]; !side.arriving.empty()) deliver(side, 0, isLost);
     };
     for (Side &side : sides) restart(side);
-    for (int round = isFullRun() ? 100'000 : 3000; round > 0; --round) {
+    for (int round = isFullRun() ? 300'000 : 30'000; round > 0; --round) {
         for (auto steps = random() % 20; steps > 0; --steps) {
             Side &side = sides[random() % 2];
             if (random() % 16 == 0) restart(side);
