@@ -198,20 +198,26 @@ AclColumns putColumns(Places &places, const ColumnEntries &entries, const Column
     return {begin, static_cast<std::uint32_t>(at.blocks), {order[0], order[1], order[2], order[3]}};
 }
 
+// Calls `visit` with each field of a record and the member of the entry that it holds.
+template <class Entry, class Visit>
+void eachField(Entry &entry, Visit visit) {
+    visit(IpRecord::Action(), entry.action);
+    visit(IpRecord::Source(), entry.source);
+    visit(IpRecord::SourceWildcard(), entry.sourceWildcard);
+    visit(IpRecord::Destination(), entry.destination);
+    visit(IpRecord::DestinationWildcard(), entry.destinationWildcard);
+    visit(IpRecord::Protocol(), entry.protocol);
+    visit(IpRecord::Kind(), entry.kind);
+    visit(IpRecord::SourceOperator(), entry.sourceOperator);
+    visit(IpRecord::DestinationOperator(), entry.destinationOperator);
+    visit(IpRecord::SourcePort(), entry.sourcePort);
+    visit(IpRecord::SourcePortEnd(), entry.sourcePortEnd);
+    visit(IpRecord::DestinationPort(), entry.destinationPort);
+    visit(IpRecord::DestinationPortEnd(), entry.destinationPortEnd);
+}
+
 void putRecord(std::uint8_t *record, const zelAclIpEntry &entry) {
-    IpRecord::Action::set(record, entry.action);
-    IpRecord::Source::set(record, entry.source);
-    IpRecord::SourceWildcard::set(record, entry.sourceWildcard);
-    IpRecord::Destination::set(record, entry.destination);
-    IpRecord::DestinationWildcard::set(record, entry.destinationWildcard);
-    IpRecord::Protocol::set(record, entry.protocol);
-    IpRecord::Kind::set(record, entry.kind);
-    IpRecord::SourceOperator::set(record, entry.sourceOperator);
-    IpRecord::DestinationOperator::set(record, entry.destinationOperator);
-    IpRecord::SourcePort::set(record, entry.sourcePort);
-    IpRecord::SourcePortEnd::set(record, entry.sourcePortEnd);
-    IpRecord::DestinationPort::set(record, entry.destinationPort);
-    IpRecord::DestinationPortEnd::set(record, entry.destinationPortEnd);
+    eachField(entry, [&](auto field, auto value) { field.set(record, value); });
 }
 
 void putRecord(std::uint8_t *record, const zelAclIpv6Entry &entry) {
@@ -240,19 +246,7 @@ AclChain putChain(Places &places, const std::vector<Entry> &entries) {
 // ---- Reading --------------------------------------------------------------------------------------------------------
 
 void getRecord(const std::uint8_t *record, zelAclIpEntry *entry) {
-    entry->action = IpRecord::Action::get(record);
-    entry->kind = IpRecord::Kind::get(record);
-    entry->protocol = IpRecord::Protocol::get(record);
-    entry->sourceOperator = IpRecord::SourceOperator::get(record);
-    entry->destinationOperator = IpRecord::DestinationOperator::get(record);
-    entry->source = IpRecord::Source::get(record);
-    entry->sourceWildcard = IpRecord::SourceWildcard::get(record);
-    entry->destination = IpRecord::Destination::get(record);
-    entry->destinationWildcard = IpRecord::DestinationWildcard::get(record);
-    entry->sourcePort = IpRecord::SourcePort::get(record);
-    entry->sourcePortEnd = IpRecord::SourcePortEnd::get(record);
-    entry->destinationPort = IpRecord::DestinationPort::get(record);
-    entry->destinationPortEnd = IpRecord::DestinationPortEnd::get(record);
+    eachField(*entry, [&](auto field, auto &value) { value = field.get(record); });
 }
 
 void getRecord(const std::uint8_t *record, zelAclIpv6Entry *entry) {
