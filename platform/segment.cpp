@@ -16,6 +16,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <bit>
 #include <utility>
@@ -47,10 +48,14 @@ constexpr std::size_t onPages(std::size_t bytes) {
     return (bytes + pageBytes - 1) / pageBytes * pageBytes;
 }
 
+// Behind the header, each section from a page of its own; the last entry is the end.
+constexpr auto sectionOffsets = [] {
+    std::array<std::size_t, sectionBytes.size() + 1> offsets{pageBytes};
+    for (std::size_t i = 0; i < sectionBytes.size(); ++i) offsets[i + 1] = offsets[i] + onPages(sectionBytes[i]);
+    return offsets;
+}();
 constexpr std::size_t sectionOffset(Section section) {
-    std::size_t offset = pageBytes;
-    for (std::size_t i = 0; i < static_cast<std::size_t>(section); ++i) offset += onPages(sectionBytes[i]);
-    return offset;
+    return sectionOffsets[static_cast<std::size_t>(section)];
 }
 
 constexpr std::size_t sysBytes = sectionOffset(Section::count);
