@@ -3,6 +3,7 @@
 #include "aclmgr/attribute_lists.h"
 #include "aclmgr/draft.h"
 #include "aclmgr/prefix_image.h"
+#include "aclmgr/route_map_image.h"
 
 namespace zel::aclmgr {
 namespace {
@@ -15,7 +16,7 @@ constexpr KindRow rows[] = {
     {Kind::prefix6, 0x39000020, 0x39000022, 0x3900006a, &prefix6Operations},
     {Kind::asPath, 0x39000011, 0x39000013, 0x3900006c, &aspOperations},
     {Kind::community, 0x39000016, 0x39000018, 0x3900006b, &commOperations},
-    {Kind::routeMap, 0x39000006, 0x39000007, 0x39000069, nullptr},
+    {Kind::routeMap, 0x39000006, 0x39000007, 0x39000069, &mapOperations},
 };
 
 }  // namespace

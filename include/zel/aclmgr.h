@@ -156,6 +156,18 @@ uint32_t zelAclMgrAddPrefixEntry(zelAclMgr *manager, const char *name, int famil
 int zelAclMgrGetPrefixEntries(zelAclMgr *manager, const char *name, int family, zelAclPrefixEntry *entries,
                               int capacity);
 
+/* ---- Route maps. Codes: 0x39000009 for a sequence number that two entries have; 0x3900002b for an entry that asks for
+ * the route by prefix lists and by access lists; 0x3900002f for a clause without names, with one that is too long, or
+ * of no kind; else as for prefix lists, 0x39000007 and 0x39000069. The lists that clauses name need not exist. */
+
+/* Makes the map that of these entries, creating it when there is none. */
+uint32_t zelAclMgrSetMapList(zelAclMgr *manager, const char *name, const zelAclMapEntry *entries, uint32_t count);
+/* Adds one entry, creating the map when there is none. */
+uint32_t zelAclMgrAddMapEntry(zelAclMgr *manager, const char *name, const zelAclMapEntry *entry);
+/* Copies the first `capacity` entries; how many there are, -1: no such map. Their clauses and names are good until the
+ * map changes. */
+int zelAclMgrGetMapEntries(zelAclMgr *manager, const char *name, zelAclMapEntry *entries, int capacity);
+
 /* ---- Lists of any kind. Codes: the kind's own for a list that does not exist, 0x3900002A for a sequence number that
  * does not, 0x3900001C for want of memory, 0x3900002F for a kind that there is not, or no name. */
 

@@ -327,6 +327,53 @@ void aclRegexOptzHandleFree(zelRegex *expression);
 /* Position of the highest bit, 0 for none. */
 int aclRegexOptzGetClientIndex(uint32_t clientBit);
 
+/* ==== Route maps ==================================================================================================
+ *
+ * A map is a row of sequences. The first one of which every clause matches decides, by its action; a clause matches
+ * when one of the lists it names permits, and a sequence without clauses matches every route. Lists that do not exist
+ * answer as their checks do: a community list that does not exist matches nothing, any other matches. Lists are those
+ * of the first set of tables.
+ *
+ * Access lists see the route's address as the source and its mask as the destination, or the next hop and a mask of all
+ * ones; of IPv6 entries the source alone counts. */
+
+typedef struct {
+    int family; /* 1 or 2; else clauses about the address match nothing */
+    uint8_t address[16];
+    uint8_t length;
+    int nextHopFamily; /* likewise, for clauses about the next hop */
+    uint8_t nextHop[16];
+    const char *pathText; /* the AS path as text, for a route that has no attribute */
+    const void *path;     /* the AS path as attribute, or null */
+    int pathLength;
+    const uint32_t *communities; /* in host order */
+    int communityCount;
+} zelPolicyRoute;
+
+/* Numbers of sequences that permitted, ascending, each once. The caller provides room and serialises; begins with a
+ * count of 0. */
+typedef struct {
+    uint32_t *sequences;
+    uint32_t capacity;
+    uint32_t count;
+} zelRmapPermittedSeqList;
+
+/* The map of that name, or null. The caller holds the read lock. */
+zelRouteMap *ipRouteMapFind(const char *name);
+/* The verdict of a map about a route: 0 for no map, or an empty one; 1 when no sequence matches. When a sequence
+ * permits its number goes into `permitted`, unless that is null or full. */
+uint32_t ipRoutemapCheckWithHandleV4_V6(const zelRouteMap *map, const zelPolicyRoute *route,
+                                        zelRmapPermittedSeqList *permitted);
+/* The number of the sequence that decides about the route, 0 when none does. */
+uint32_t ipRoutemapSequence(const zelRouteMap *map, const zelPolicyRoute *route);
+
+/* 0 when the number is in the list now, -1: there is no room, or no list. */
+int rmapAddEntSeqToPermittedSeqList(zelRmapPermittedSeqList *list, uint32_t sequence);
+/* 1 when the number is in the list, else 0. */
+int rmapEntSeqInPermittedSeqList(const zelRmapPermittedSeqList *list, uint32_t sequence);
+/* 1 when the number is less than the greatest in the list, else 0, also when the list is empty. */
+int rmapEntSeqLessThanLastPermittedSeq(const zelRmapPermittedSeqList *list, uint32_t sequence);
+
 #pragma GCC visibility pop
 #ifdef __cplusplus
 }

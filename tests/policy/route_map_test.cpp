@@ -1,0 +1,329 @@
+// Route maps: verdicts and permitted sequences against a plain reading of the entries, with the lists that clauses name
+// left to their own checks; what each clause asks of a list; images that hold anything.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <set>
+#include <string>
+
+#include "base/wire.h"
+#include "policy/tables.h"
+#include "tests/support/random.h"
+#include "zel/aclmgr.h"
+#include "zel/policy.h"
+
+namespace zel::policy {
+namespace {
+
+using Names = std::vector<const char *>;
+struct Clause {
+    zelAclMatch match;
+    Names names;
+};
+struct Sequence {
+    uint32_t number;
+    uint8_t action;
+    std::vector<Clause> clauses;
+};
+
+zelPolicyRoute routeOf(uint32_t address, uint8_t length, uint32_t nextHop = 0) {
+    zelPolicyRoute route{};
+    route.family = route.nextHopFamily = ZEL_POLICY_IPV4;
+    route.length = length;
+    wire::store(route.address, address);
+    wire::store(route.nextHop, nextHop);
+    route.pathText = "";
+    return route;
+}
+
+class RouteMap : public testing::Test {
+protected:
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    ~RouteMap() override {
+        zelAclMgrAuditReport report;
+        EXPECT_EQ(zelAclMgrAudit(manager, &report), 0u);
+        zelAclMgrClose(manager);
+    }
+
+    uint32_t set(const std::vector<Sequence> &sequences, const char *name = "map") {
+        std::vector<std::vector<zelAclClause>> clauses;
+        std::vector<zelAclMapEntry> entries;
+        for (const Sequence &sequence : sequences) {
+            auto &made = clauses.emplace_back();
+            for (const Clause &clause : sequence.clauses)
+                made.push_back({clause.match, static_cast<uint32_t>(clause.names.size()), clause.names.data()});
+            entries.push_back(
+                {sequence.number, sequence.action, static_cast<uint32_t>(made.size()), clauses.back().data()});
+        }
+        return zelAclMgrSetMapList(manager, name, entries.data(), static_cast<uint32_t>(entries.size()));
+    }
+    uint32_t check(const zelPolicyRoute &route) {
+        return ipRoutemapCheckWithHandleV4_V6(ipRouteMapFind("map"), &route, nullptr);
+    }
+    bool matches(zelAclMatch match, const char *list, const zelPolicyRoute &route) {
+        EXPECT_EQ(set({{10, 0, {{match, {list}}}}}), 0u);
+        return check(route) == 0;
+    }
+
+    void setPrefixes(const char *name, uint32_t address, uint8_t bits, uint8_t le, uint8_t action = 0) {
+        zelAclPrefixEntry entry{};
+        entry.sequence = 5;
+        entry.action = action;
+        entry.le = le;
+        wire::store(entry.address, address);
+        wire::store(entry.mask, bits == 0 ? 0 : UINT32_MAX << (32 - bits));
+        ASSERT_EQ(zelAclMgrSetPrefixList(manager, name, ZEL_POLICY_IPV4, &entry, 1), 0u);
+    }
+    void setAccess(const char *name, uint32_t source, uint32_t sourceWildcard, uint32_t destination = 0,
+                   uint32_t destinationWildcard = UINT32_MAX) {
+        zelAclIpEntry entry{};
+        entry.sequence = 5;
+        entry.source = source;
+        entry.sourceWildcard = sourceWildcard;
+        entry.destination = destination;
+        entry.destinationWildcard = destinationWildcard;
+        ASSERT_EQ(zelAclMgrSetIpList(manager, name, &entry, 1), 0u);
+    }
+    void setPath(const char *name, const char *pattern) {
+        const zelAclAspEntry entry{5, 0, pattern};
+        ASSERT_EQ(zelAclMgrSetAspList(manager, name, &entry, 1), 0u);
+    }
+    void setCommunity(const char *name, uint32_t value) {
+        const zelAclCommEntry entry{5, 0, 1, 0, 0, 0, 1, &value, nullptr};
+        ASSERT_EQ(zelAclMgrSetCommList(manager, name, &entry, 1), 0u);
+    }
+};
+
+TEST_F(RouteMap, FirstSequenceDecides) {
+    const zelPolicyRoute route = routeOf(0x0a000000, 8);
+    EXPECT_EQ(ipRoutemapCheckWithHandleV4_V6(nullptr, &route, nullptr), 0u);
+    ASSERT_EQ(set({}), 0u);
+    EXPECT_EQ(check(route), 0u);
+    setPrefixes("ten", 0x0a000000, 8, 0);
+    setPrefixes("eleven", 0x0b000000, 8, 0);
+    const Clause ten{ZEL_ACLMGR_MATCH_PREFIX, {"ten"}}, eleven{ZEL_ACLMGR_MATCH_PREFIX, {"eleven"}},
+        either{ZEL_ACLMGR_MATCH_PREFIX, {"eleven", "ten"}};
+    ASSERT_EQ(set({{10, 0, {ten, eleven}}, {20, 7, {either, ten}}, {30, 0, {}}}), 0u);
+    uint32_t numbers[2] = {};
+    zelRmapPermittedSeqList permitted{numbers, 2, 0};
+    const zelRouteMap *map = ipRouteMapFind("map");
+    EXPECT_EQ(ipRoutemapCheckWithHandleV4_V6(map, &route, &permitted), 7u);
+    EXPECT_EQ(ipRoutemapSequence(map, &route), 20u);
+    EXPECT_EQ(permitted.count, 0u);
+    const zelPolicyRoute other = routeOf(0x0b000000, 8);
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(ipRoutemapCheckWithHandleV4_V6(map, &other, &permitted), 0u);
+    EXPECT_EQ(permitted.count * 100 + numbers[0], 130u);
+    ASSERT_EQ(set({{10, 0, {eleven}}}), 0u);
+    EXPECT_EQ(check(route), 1u);
+    EXPECT_EQ(ipRoutemapSequence(map, &route), 0u);
+    EXPECT_EQ(ipRoutemapCheckWithHandleV4_V6(map, nullptr, nullptr), 1u);
+}
+
+TEST_F(RouteMap, WhatClausesAsk) {
+    zelPolicyRoute route = routeOf(0x0a010000, 16, 0xc0000201);
+    setAccess("network and mask", 0x0a010000, 0, 0xffff0000, 0);
+    setAccess("host", 0xc0000201, 0, UINT32_MAX, 0);
+    EXPECT_TRUE(matches(ZEL_ACLMGR_MATCH_ADDRESS, "network and mask", route));
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_ADDRESS, "host", route));
+    EXPECT_TRUE(matches(ZEL_ACLMGR_MATCH_NEXT_HOP, "host", route));
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_NEXT_HOP, "network and mask", route));
+    route.length = 33;
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_ADDRESS, "network and mask", route));
+    route.nextHopFamily = 0;
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_NEXT_HOP, "host", route));
+
+    setPath("through 100", "_100_");
+    route.pathText = "7 100 9";
+    EXPECT_TRUE(matches(ZEL_ACLMGR_MATCH_ASPATH, "through 100", route));
+    route.pathText = "7 1100 9";
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_ASPATH, "through 100", route));
+    const uint8_t path[] = {2, 1, 0, 0, 0, 100};  // goes before the text
+    route.path = path;
+    route.pathLength = sizeof path;
+    EXPECT_TRUE(matches(ZEL_ACLMGR_MATCH_ASPATH, "through 100", route));
+
+    const uint32_t values[] = {0x00640001, 0x00640002};
+    setCommunity("100:1", values[0]);
+    route.communities = values;
+    route.communityCount = 2;
+    EXPECT_TRUE(matches(ZEL_ACLMGR_MATCH_COMMUNITY, "100:1", route));
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_COMMUNITY_EXACT, "100:1", route));
+    route.communityCount = 1;
+    EXPECT_TRUE(matches(ZEL_ACLMGR_MATCH_COMMUNITY_EXACT, "100:1", route));
+
+    for (const zelAclMatch match : {ZEL_ACLMGR_MATCH_PREFIX, ZEL_ACLMGR_MATCH_ASPATH})
+        EXPECT_TRUE(matches(match, "none", route));
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_COMMUNITY, "none", route));
+
+    // IPv6: the source alone counts.
+    zelAclIpv6Entry entry{};
+    entry.sequence = 5;
+    entry.source[0] = entry.sourceMask[0] = entry.destination[0] = entry.destinationMask[0] = 0xff;
+    entry.source[0] = 0x20;
+    ASSERT_EQ(zelAclMgrSetIpv6List(manager, "six", &entry, 1), 0u);
+    route.family = ZEL_POLICY_IPV6;
+    route.address[0] = 0x20;
+    EXPECT_TRUE(matches(ZEL_ACLMGR_MATCH_ADDRESS, "six", route));
+    route.address[0] = 0x21;
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_ADDRESS, "six", route));
+    route.family = 3;
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_ADDRESS, "six", route));
+    EXPECT_FALSE(matches(ZEL_ACLMGR_MATCH_PREFIX, "none", route));
+}
+
+TEST_F(RouteMap, EntriesComeBackAndRefusalsChangeNothing) {
+    const std::string longest(140, 'n'), longer(141, 'n');
+    const Clause prefix{ZEL_ACLMGR_MATCH_PREFIX, {"a", longest.c_str()}}, access{ZEL_ACLMGR_MATCH_ADDRESS, {"b"}};
+    ASSERT_EQ(set({{20, 1, {prefix, {ZEL_ACLMGR_MATCH_NEXT_HOP, {"c"}}}}, {10, 0, {}}}), 0u);
+    const char *const name = "d";
+    const zelAclClause path{ZEL_ACLMGR_MATCH_ASPATH, 1, &name};
+    const zelAclMapEntry more{0, 7, 1, &path};
+    ASSERT_EQ(zelAclMgrAddMapEntry(manager, "map", &more), 0u);
+    EXPECT_EQ(set({{5, 0, {prefix, access}}}), 0x3900002bu);
+    EXPECT_EQ(set({{5, 0, {prefix}}, {5, 0, {}}}), 0x39000009u);
+    EXPECT_EQ(set({{5, 0, {{ZEL_ACLMGR_MATCH_PREFIX, {}}}}}), 0x3900002fu);
+    EXPECT_EQ(set({{5, 0, {{ZEL_ACLMGR_MATCH_PREFIX, {longer.c_str()}}}}}), 0x3900002fu);
+    EXPECT_EQ(set({{5, 0, {{static_cast<zelAclMatch>(7), {"a"}}}}}), 0x3900002fu);
+    EXPECT_EQ(set({}, longer.c_str()), 0x39000069u);
+    zelAclMapEntry entries[4];
+    ASSERT_EQ(zelAclMgrGetMapEntries(manager, "map", entries, 4), 3);
+    EXPECT_EQ(entries[0].sequence * 1000 + entries[1].sequence, 10020u);
+    EXPECT_EQ(entries[2].sequence * 10 + entries[2].action, 257u);
+    ASSERT_EQ(entries[1].count, 2u);
+    EXPECT_EQ(entries[1].clauses[0].names[1], longest);
+    EXPECT_EQ(entries[1].clauses[1].match, ZEL_ACLMGR_MATCH_NEXT_HOP);
+    EXPECT_STREQ(entries[2].clauses[0].names[0], "d");
+    EXPECT_EQ(zelAclMgrGetMapEntries(manager, "none", entries, 4), -1);
+    EXPECT_EQ(zelAclMgrRemoveEntry(manager, ZEL_ACLMGR_ROUTE_MAP, "map", 20), 0u);
+    EXPECT_EQ(zelAclMgrGetMapEntries(manager, "map", nullptr, 0), 2);
+}
+
+TEST(RouteMapSequences, AscendWithoutRepeats) {
+    uint32_t numbers[4];
+    zelRmapPermittedSeqList list{numbers, 4, 0};
+    EXPECT_FALSE(rmapEntSeqLessThanLastPermittedSeq(&list, 0));
+    for (const uint32_t number : {30u, 10u, 20u, 10u, 30u, 40u})
+        EXPECT_EQ(rmapAddEntSeqToPermittedSeqList(&list, number), 0);
+    EXPECT_EQ(rmapAddEntSeqToPermittedSeqList(&list, 20), 0);
+    EXPECT_EQ(rmapAddEntSeqToPermittedSeqList(&list, 15), -1);
+    EXPECT_EQ(std::vector(numbers, numbers + list.count), (std::vector<uint32_t>{10, 20, 30, 40}));
+    EXPECT_TRUE(rmapEntSeqInPermittedSeqList(&list, 20) && !rmapEntSeqInPermittedSeqList(&list, 25));
+    EXPECT_TRUE(rmapEntSeqLessThanLastPermittedSeq(&list, 39) && !rmapEntSeqLessThanLastPermittedSeq(&list, 40));
+    EXPECT_EQ(rmapAddEntSeqToPermittedSeqList(nullptr, 1), -1);
+}
+
+// ---- Random maps, whole and damaged ---------------------------------------------------------------------------------
+
+class RandomRouteMap : public RouteMap {
+protected:
+    static constexpr const char *names[] = {"0", "1", "2", "none"};
+    test::Random random = test::seeded();
+
+    void setLists() {
+        for (uint32_t i = 0; i < 3; ++i) {
+            setPrefixes(names[i], i << 30, static_cast<uint8_t>(i), 32, static_cast<uint8_t>(random() % 2));
+            setAccess(names[i], i << 29, 0x1fffffff);
+            setPath(names[i], i == 0 ? "^$" : i == 1 ? "_1$" : "_2_");
+            setCommunity(names[i], i);
+        }
+    }
+    std::vector<Sequence> randomMap() {
+        std::vector<Sequence> map(1 + random() % 6);
+        uint32_t number = 0;
+        for (Sequence &sequence : map) {
+            sequence.number = number += 1 + random() % 10;
+            sequence.action = random() % 2;
+            for (uint32_t clauses = random() % 4; clauses > 0; --clauses) {
+                const auto match = static_cast<zelAclMatch>(2 + random() % 5);
+                Clause &clause = sequence.clauses.emplace_back(
+                    Clause{match == ZEL_ACLMGR_MATCH_ADDRESS && number % 2 ? ZEL_ACLMGR_MATCH_PREFIX : match, {}});
+                for (uint32_t count = 1 + random() % 3; count > 0; --count) clause.names.push_back(names[random() % 4]);
+            }
+        }
+        return map;
+    }
+    zelPolicyRoute randomRoute() {
+        static constexpr const char *paths[] = {"", "1", "2 1", "1 2 3"};
+        static constexpr uint32_t communities[] = {0, 1, 2};
+        zelPolicyRoute route = routeOf(random(), static_cast<uint8_t>(random() % 33), random());
+        route.pathText = paths[random() % 4];
+        route.communities = communities + random() % 2;
+        route.communityCount = static_cast<int>(random() % 3);
+        return route;
+    }
+    static bool permits(zelAclMatch match, const char *name, const zelPolicyRoute &route) {
+        const auto address = wire::load<uint32_t>(route.address), nextHop = wire::load<uint32_t>(route.nextHop);
+        const uint32_t mask = route.length ? UINT32_MAX << (32 - route.length) : 0;
+        switch (match) {
+            case ZEL_ACLMGR_MATCH_PREFIX:
+                return prefixListCheck(name, address, mask) == 0;
+            case ZEL_ACLMGR_MATCH_ADDRESS:
+                return ipAccessListCheck(name, address, mask) == 0;
+            case ZEL_ACLMGR_MATCH_NEXT_HOP:
+                return ipAccessListCheck(name, nextHop, UINT32_MAX) == 0;
+            case ZEL_ACLMGR_MATCH_ASPATH:
+                return bgp_as_path_match(bgpAspListFind(name), route.pathText, nullptr) == 0;
+            case ZEL_ACLMGR_MATCH_COMMUNITY:
+                return bgp_commlist_match(name, route.communities, route.communityCount) == 0;
+            default:
+                return bgp_comm_match_exact(name, route.communities, route.communityCount) == 0;
+        }
+    }
+    static const Sequence *oracle(const std::vector<Sequence> &map, const zelPolicyRoute &route) {
+        for (const Sequence &sequence : map) {
+            bool all = true;
+            for (const Clause &clause : sequence.clauses) {
+                bool any = false;
+                for (const char *name : clause.names) any |= permits(clause.match, name, route);
+                all &= any;
+            }
+            if (all) return &sequence;
+        }
+        return nullptr;
+    }
+};
+
+TEST_F(RandomRouteMap, DecideAsTheirEntriesSay) {
+    for (int round = 0; round < (test::isFullRun() ? 5'000 : 500); ++round) {
+        if (round % 50 == 0) {
+            ASSERT_NO_FATAL_FAILURE(setLists());
+        }
+        const std::vector<Sequence> map = randomMap();
+        ASSERT_EQ(set(map), 0u);
+        uint32_t numbers[6];
+        zelRmapPermittedSeqList permitted{numbers, 6, 0};
+        std::set<uint32_t> expected;
+        for (int i = 0; i < 200; ++i) {
+            const zelPolicyRoute route = randomRoute();
+            const Sequence *decides = oracle(map, route);
+            if (decides && decides->action == 0) expected.insert(decides->number);
+            ASSERT_EQ(ipRoutemapCheckWithHandleV4_V6(ipRouteMapFind("map"), &route, &permitted),
+                      decides ? decides->action : 1u);
+        }
+        ASSERT_EQ(std::set<uint32_t>(numbers, numbers + permitted.count), expected);
+        ASSERT_EQ(permitted.count, expected.size());
+    }
+}
+
+TEST_F(RandomRouteMap, ChecksOfDamagedImagesEnd) {
+    ASSERT_NO_FATAL_FAILURE(setLists());
+    for (int round = 0; round < 100; ++round) {
+        ASSERT_EQ(set(randomMap()), 0u);
+        const Bytes image = imageOf(ipRouteMapFind("map"), Kind::routeMap);
+        const std::vector<uint8_t> whole(image.begin, image.begin + image.bytes);
+        auto *bytes = const_cast<uint8_t *>(image.begin);
+        for (int variant = 0; variant < 50; ++variant) {
+            for (uint32_t damage = 0; damage <= random() % 6; ++damage)
+                bytes[12 + random() % (image.bytes - 12)] ^=
+                    static_cast<uint8_t>(random() % 3 ? 1u << random() % 8 : random());
+            for (int i = 0; i < 4; ++i) check(randomRoute());
+            zelAclMapEntry entries[8];
+            zelAclMgrGetMapEntries(manager, "map", entries, 8);
+            memcpy(bytes, whole.data(), whole.size());
+        }
+    }
+}
+
+}  // namespace
+}  // namespace zel::policy
