@@ -202,7 +202,7 @@ public:
     void check() {
         const double lossBefore = std::exchange(loss, 0.0);
         deliverAll();
-        gain();
+        if (lossBefore > 0) gain();
         deliverAll();
         loss = lossBefore;
         std::set<uint32_t> all;
@@ -273,6 +273,31 @@ int keep(const void *bytes, uint32_t length) {
     return 0;
 }
 
+// Whoever dies in the callback that gives an index to its owner: the standby knows it, and that it may have to be given
+// again.
+TEST(Order, TheStandbyIsToldBeforeTheOwner) {
+    static int role;
+    static Bytes known;
+    role = ZEL_RES_KXL_SECONDARY;
+    resMgmtLibRegisterClient(
+        client, 175, 0, nullptr, nullptr, nullptr,
+        [](zelResDb *, zelResEntry *, const void *, uint32_t) { known = lastSent; }, nullptr, [] { return role; },
+        nullptr, nullptr, 0, 0, 0);
+    resMgmtLibSetTransport(keep, nullptr);
+    createDatabase(50, 59, ZEL_RES_PEER_AWARE);
+    const uint32_t number = 1;
+    const zelResKey key = keyOf(number);
+    int32_t index;
+    EXPECT_EQ(resMgmtApiAddObject(client, database, &key, nullptr, 0, &index), -3);
+    role = 1;
+    resMgmtLibProcessPendingRequests(gaResMgmtDb[database]);
+    ASSERT_GT(known.size(), 24u);
+    EXPECT_EQ(known[19], 50);
+    EXPECT_EQ(known[21] & ZEL_RES_SYNC_PENDING, ZEL_RES_SYNC_PENDING);
+    EXPECT_EQ(lastSent[21] & ZEL_RES_SYNC_PENDING, 0);
+    resMgmtLibTerminate();
+}
+
 // A standby that has an entry from its primary.
 class Refusal : public testing::Test {
 protected:
@@ -310,7 +335,7 @@ TEST_F(Refusal, MalformedMessagesAreCountedAndChangeNothing) {
     };
     // Magic, version, subcommand, database, client, length, index beyond the range, status, flags, length of the key,
     // and a byte of the key itself, which the digest belongs to.
-    for (const std::size_t at : {0, 5, 8, 9, 11, 17, 20, 41, 42}) refuses(object, at, 77);
+    for (const std::size_t at : {0u, 5u, 8u, 9u, 11u, 17u, 20u, 41u, 42u}) refuses(object, at, 77);
     refuses(object, 21, ZEL_RES_STALE);
     for (const int subcommand : {0, 1, 4, 6, 7, 8, 9}) refuses(object, 7, subcommand);
     refuses(object, 16, 255);
