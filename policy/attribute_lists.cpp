@@ -17,15 +17,20 @@ constexpr std::uint32_t noSuchList = 0x39000001;
 
 // ---- AS paths -------------------------------------------------------------------------------------------------------
 
-int checkPath(const zelAspList *list, Subject &path) {
-    std::uint32_t count = 0;
+// The first entry that matches, or null; `count` is how many there are.
+const AspEntry *firstMatch(const zelAspList *list, Subject &path, std::uint32_t &count) {
     const auto *entries = entriesOf<AspEntry>(imageOf(list, Kind::asPath), count);
-    if (count == 0) return permit;
     for (const AspEntry *entry = entries; entry < entries + count; ++entry) {
         zelRegex *expression = expressionAt(entry->expression);
-        if (expression && path.matches(*expression)) return entry->action == 0 ? permit : deny;
+        if (expression && path.matches(*expression)) return entry;
     }
-    return deny;
+    return nullptr;
+}
+
+int checkPath(const zelAspList *list, Subject &path) {
+    std::uint32_t count = 0;
+    const AspEntry *entry = firstMatch(list, path, count);
+    return count == 0 || (entry && entry->action == 0) ? permit : deny;
 }
 
 // ---- Communities ----------------------------------------------------------------------------------------------------
@@ -110,24 +115,29 @@ bool hasNoOther(const Communities &route, const Required &required) {
     return true;
 }
 
-int checkCommunities(const zelCommList *list, const std::uint32_t *values, int count, bool exactly) {
-    std::uint32_t entryCount = 0;
-    const Bytes image = imageOf(list, Kind::community);
-    const auto *entries = entriesOf<CommEntry>(image, entryCount);
-    if (entryCount == 0) return permit;
-    Communities route(values, values && count > 0 ? static_cast<std::size_t>(count) : 0);
-    for (const CommEntry *entry = entries; entry < entries + entryCount; ++entry) {
-        bool matches = false;
-        if (entry->kind == CommEntry::expanded) {
-            zelRegex *expression = expressionAt(entry->expression);
-            matches = expression && route.matches(*expression);
-        } else {
-            const Required required = requiredBy(image, *entry);
-            matches = hasAll(route, required) && (!exactly || hasNoOther(route, required));
-        }
-        if (matches) return entry->action;
+bool matches(const Bytes &image, const CommEntry &entry, Communities &route, bool exactly) {
+    if (entry.kind == CommEntry::expanded) {
+        zelRegex *expression = expressionAt(entry.expression);
+        return expression && route.matches(*expression);
     }
-    return deny;
+    const Required required = requiredBy(image, entry);
+    return hasAll(route, required) && (!exactly || hasNoOther(route, required));
+}
+
+const CommEntry *firstMatch(const zelCommList *list, const std::uint32_t *values, int valueCount, bool exactly,
+                            std::uint32_t &count) {
+    const Bytes image = imageOf(list, Kind::community);
+    const auto *entries = entriesOf<CommEntry>(image, count);
+    Communities route(values, values && valueCount > 0 ? static_cast<std::size_t>(valueCount) : 0);
+    for (const CommEntry *entry = entries; entry < entries + count; ++entry)
+        if (matches(image, *entry, route, exactly)) return entry;
+    return nullptr;
+}
+
+int checkCommunities(const zelCommList *list, const std::uint32_t *values, int valueCount, bool exactly) {
+    std::uint32_t count = 0;
+    const CommEntry *entry = firstMatch(list, values, valueCount, exactly, count);
+    return count == 0 ? permit : entry ? entry->action : deny;
 }
 
 std::uint32_t checkNamed(const char *name, const std::uint32_t *values, int count, bool exactly) {
@@ -160,6 +170,20 @@ int bgp_as_path_match(const zelAspList *list, const char *pathText, const void *
     if (!list || !pathText) return permit;
     Subject path(pathText);
     return checkPath(list, path);
+}
+
+uint32_t bgpAspListEntry(const zelAspList *list, const char *pathText) {
+    if (!pathText) return 0;
+    Subject path(pathText);
+    uint32_t count = 0;
+    const AspEntry *entry = firstMatch(list, path, count);
+    return entry ? entry->sequence : 0;
+}
+
+uint32_t bgpCommListEntry(const zelCommList *list, const uint32_t *communities, int count) {
+    uint32_t entries = 0;
+    const CommEntry *entry = firstMatch(list, communities, count, false, entries);
+    return entry ? entry->sequence : 0;
 }
 
 zelCommList *bgpCommListFind(const char *name) {

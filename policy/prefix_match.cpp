@@ -53,17 +53,26 @@ public:
         : bytes_(image), image_(inside<PrefixImage>(image, 0)), key_(address), length_(length) {}
 
     std::uint32_t verdict() {
-        if (image_ == nullptr || readOnce(image_->width) != Width) return deny;
-        Candidate candidate;
-        if (const PrefixEntry *entry = firstInChain(readOnce(image_->chain))) candidate.offer(*entry);
-        const PrefixNode *node = length_ <= 8 * Width ? longest() : nullptr;
-        if (node == nullptr && candidate.hits == nullptr) return readOnce(image_->header.entries) != 0 ? deny : 0;
-        for (; node != nullptr; node = above(*node))
-            if (!isMarked(*node)) offerConditions(candidate, node->entry);
+        const Candidate candidate = best();
+        if (candidate.hits == nullptr && image_ != nullptr && readOnce(image_->header.entries) == 0) return 0;
         return candidate.decide();
+    }
+    // The sequence number of the entry that decides, 0 when none does; counts no hit.
+    std::uint32_t sequence() {
+        const Candidate candidate = best();
+        return candidate.hits != nullptr ? candidate.sequence : 0;
     }
 
 private:
+    Candidate best() {
+        Candidate candidate;
+        if (image_ == nullptr || readOnce(image_->width) != Width) return candidate;
+        if (const PrefixEntry *entry = firstInChain(readOnce(image_->chain))) candidate.offer(*entry);
+        for (const PrefixNode *node = length_ <= 8 * Width ? longest() : nullptr; node != nullptr; node = above(*node))
+            if (!isMarked(*node)) offerConditions(candidate, node->entry);
+        return candidate;
+    }
+
     // A record with the address and mask behind it.
     template <class T>
     const T *recordAt(Offset at) const {
@@ -169,6 +178,12 @@ std::uint32_t checkList(const ListNode *list, Kind kind, Key<Width> address, std
     return image ? Match<Width>(image, address, length).verdict() : deny;
 }
 
+template <std::uint32_t Width>
+std::uint32_t decidingEntry(const ListNode *list, Kind kind, Key<Width> address, std::uint32_t length) {
+    const Bytes image = imageOf(list, kind);
+    return image ? Match<Width>(image, address, length).sequence() : 0;
+}
+
 }  // namespace
 
 template <std::uint32_t Width>
@@ -190,6 +205,13 @@ std::uint32_t checkPrefix(const ListNode *list, const std::uint8_t *address, std
     if (address != nullptr && family == ZEL_POLICY_IPV4) return checkPrefix(list, Key<4>(address), length);
     if (address != nullptr && family == ZEL_POLICY_IPV6) return checkPrefix(list, Key<16>(address), length);
     return hasEntries(list) ? deny : 0;
+}
+
+std::uint32_t entryOfPrefix(const ListNode *list, const std::uint8_t *address, std::uint32_t length, int family) {
+    if (address == nullptr) return 0;
+    return family == ZEL_POLICY_IPV4   ? decidingEntry(list, Kind::prefix4, Key<4>(address), length)
+           : family == ZEL_POLICY_IPV6 ? decidingEntry(list, Kind::prefix6, Key<16>(address), length)
+                                       : 0;
 }
 
 }  // namespace zel::policy

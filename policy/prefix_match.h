@@ -26,6 +26,9 @@ std::uint32_t checkPrefix(const ListNode *list, Key<16> address, std::uint32_t l
 // The same for an address of either family in network order. A null address, or another family, matches no entry.
 std::uint32_t checkPrefix(const ListNode *list, const std::uint8_t *address, std::uint32_t length, int family);
 
+// The sequence number of the entry that decides, 0 when none does; counts no hit.
+std::uint32_t entryOfPrefix(const ListNode *list, const std::uint8_t *address, std::uint32_t length, int family);
+
 // The verdict of an image of that width of addresses.
 template <std::uint32_t Width>
 std::uint32_t checkPrefix(const Bytes &image, Key<Width> address, std::uint32_t length);

@@ -35,16 +35,32 @@ const AclImage *listOf(const Bytes &image, AclChain AclImage::*chain) {
     return list != nullptr && readOnce((list->*chain).head) != 0 ? list : nullptr;
 }
 
+// The first record that matches, or null; how many stand before it.
 template <class Record, class Match>
-std::uint32_t walk(const Bytes &image, const AclChain &chain, Match matches) {
-    std::size_t steps = image.bytes / Record::size;
-    for (std::uint32_t next = readOnce(chain.head); next != 0 && steps != 0; --steps) {
-        const void *record = inside(image, next, Record::size);
-        if (record == nullptr) break;
-        if (matches(static_cast<const std::uint8_t *>(record))) return Record::Action::get(record);
+const std::uint8_t *firstMatch(const Bytes &image, const AclChain &chain, Match matches, std::size_t &before) {
+    const std::size_t room = image.bytes / Record::size;
+    std::uint32_t next = readOnce(chain.head);
+    for (before = 0; next != 0 && before < room; ++before) {
+        const auto *record = static_cast<const std::uint8_t *>(inside(image, next, Record::size));
+        if (record == nullptr || matches(record)) return record;
         next = Record::Next::get(record);
     }
-    return deny;
+    return nullptr;
+}
+
+template <class Record, class Match>
+std::uint32_t walk(const Bytes &image, const AclChain &chain, Match matches) {
+    std::size_t before;
+    const std::uint8_t *record = firstMatch<Record>(image, chain, matches, before);
+    return record != nullptr ? Record::Action::get(record) : deny;
+}
+
+template <class Record, class Match>
+std::uint32_t sequenceOfMatch(const Bytes &image, const AclChain &chain, Match matches) {
+    std::size_t before;
+    if (firstMatch<Record>(image, chain, matches, before) == nullptr) return 0;
+    const auto *sequences = inside<std::uint32_t>(image, readOnce(chain.sequences), before + 1);
+    return sequences != nullptr ? sequences[before] : 0;
 }
 
 bool equalUnder(std::uint32_t wildcard, std::uint32_t address, std::uint32_t entry) {
@@ -185,6 +201,29 @@ std::uint32_t checkSource6(const Bytes &image, const std::uint8_t *source) {
                             [&](const std::uint8_t *record) { return matchesSource6(record, address); });
 }
 
+std::uint32_t entryIp(const Bytes &image, std::uint32_t source, std::uint32_t destination) {
+    const AclImage *list = listOf(image, &AclImage::ip);
+    if (list == nullptr) return 0;
+    return sequenceOfMatch<IpRecord>(
+        image, list->ip, [&](const std::uint8_t *record) { return matchesIp(record, source, destination); });
+}
+
+std::uint32_t entryUdp(const Bytes &image, const Datagram &datagram) {
+    const AclImage *list = listOf(image, &AclImage::ip);
+    if (list == nullptr) return 0;
+    return sequenceOfMatch<IpRecord>(image, list->ip,
+                                     [&](const std::uint8_t *record) { return matchesUdp(record, datagram); });
+}
+
+std::uint32_t entry6(const Bytes &image, const std::uint8_t *source) {
+    const AclImage *list = listOf(image, &AclImage::ipv6);
+    if (list == nullptr) return 0;
+    const Address6 address(source);
+    return sequenceOfMatch<Ipv6Record>(image, list->ipv6, [&](const std::uint8_t *record) {
+        return matchesSource6(record, address) && matchesDestination6(record, address);
+    });
+}
+
 }  // namespace zel::policy
 
 using namespace zel::policy;
@@ -204,4 +243,17 @@ uint32_t aclV6FilterCheck(const uint8_t *source, const uint8_t *, const zelIpAcl
 
 uint32_t aclV6FilterCheckOnlySrc(const uint8_t *source, const uint8_t *, const zelIpAcl *list) {
     return checkSource6(imageOf(list, Kind::ipAcl), source);
+}
+
+uint32_t ipAccessListEntry(const zelIpAcl *list, uint32_t source, uint32_t destination) {
+    return entryIp(imageOf(list, Kind::ipAcl), source, destination);
+}
+
+uint32_t ipUdpAccessListEntry(const zelIpAcl *list, uint32_t source, uint32_t destination, uint16_t sourcePort,
+                              uint16_t destinationPort) {
+    return entryUdp(imageOf(list, Kind::ipAcl), {source, destination, sourcePort, destinationPort});
+}
+
+uint32_t aclV6AccessListEntry(const zelIpAcl *list, const uint8_t *source) {
+    return entry6(imageOf(list, Kind::ipAcl), source);
 }

@@ -160,3 +160,7 @@ uint8_t acl_mask2plen(const uint8_t mask[16]) {
 int prefixListCmpEntInfo(int isDefault, uint8_t length, uint8_t prefixLength, uint8_t ge, uint8_t le, uint32_t width) {
     return acceptsLength(isDefault != 0, length, prefixLength, ge, le, 8 * width);
 }
+
+uint32_t prefixListEntry(const zelPrefixList *list, const uint8_t *address, uint8_t length, int family) {
+    return entryOfPrefix(list, address, length, family);
+}

@@ -119,6 +119,20 @@ uint32_t m_ipUdpAccessListCheckExt(const char *name, uint32_t source, uint32_t u
 /* Whether forms with m_ and Ext use the second set of tables: 0, they do not. */
 int isAclSupportedOnRp2(void);
 
+/* ==== Which entry decides ==========================================================================================
+ *
+ * The sequence number of the entry that decides what the check of the same list would answer, 0 when none does; for
+ * whoever has to explain a verdict. No hit is counted, and long lists are walked: these are slower than the checks. The
+ * caller holds the read lock. */
+
+uint32_t ipAccessListEntry(const zelIpAcl *list, uint32_t source, uint32_t destination);
+uint32_t ipUdpAccessListEntry(const zelIpAcl *list, uint32_t source, uint32_t destination, uint16_t sourcePort,
+                              uint16_t destinationPort);
+uint32_t aclV6AccessListEntry(const zelIpAcl *list, const uint8_t *source);
+uint32_t prefixListEntry(const zelPrefixList *list, const uint8_t *address, uint8_t length, int family);
+uint32_t bgpAspListEntry(const zelAspList *list, const char *pathText);
+uint32_t bgpCommListEntry(const zelCommList *list, const uint32_t *communities, int count);
+
 /* ==== The lock of the tables ======================================================================================
  *
  * All of them take or release shared lock 0, with the results and errors of ZEL_ShmReadLock and its companions
