@@ -20,6 +20,8 @@ constexpr timespec signalPoll{0, 20'000'000};
 constexpr unsigned messageTypeWord = 12;
 
 std::atomic<bool> stopping = false;
+bool takesHangups = false;
+std::atomic<bool> hungUp = false;
 std::atomic<bool> hasEnded = false;
 std::atomic<std::uint32_t> wakeKey = 0;
 
@@ -51,8 +53,9 @@ void wake() {
 // Waits for the body's end, and passes on what signals ask for meanwhile.
 void superviseBody(const sigset_t &signals) {
     while (!hasEnded.load(std::memory_order_acquire)) {
-        if (sigtimedwait(&signals, nullptr, &signalPoll) < 0) continue;
-        stopping = true;
+        const int signal = sigtimedwait(&signals, nullptr, &signalPoll);
+        if (signal < 0) continue;
+        (signal == SIGHUP ? hungUp : stopping) = true;
         wake();
     }
 }
@@ -65,6 +68,7 @@ int runProgram(const char *taskName, int argc, char **argv, Body body) {
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
+    if (takesHangups) sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     zelPlatformInstallCrashHandler();
     if (vx2bsdLibInit() != 0 || vx2bsd_start(1, 1, 0, 0) != ZEL_OK || zelTraceInit() != ZEL_OK) {
@@ -83,6 +87,14 @@ int runProgram(const char *taskName, int argc, char **argv, Body body) {
 
 bool isStopping() {
     return stopping;
+}
+
+void takeHangups() {
+    takesHangups = true;
+}
+
+bool wasHungUp() {
+    return hungUp.exchange(false);
 }
 
 void wakeOnStop(std::uint32_t key) {

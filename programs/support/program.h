@@ -20,7 +20,11 @@ int runProgram(const char *taskName, int argc, char **argv, Body body);
 
 // Whether a signal asked the program to end.
 bool isStopping();
-// From now on such a signal also sends the endpoint `key` a bare header of type wakeType to its request queue, so that
+// Before runProgram: SIGHUP does not end the program, but is for the body to see.
+void takeHangups();
+// Whether there was one since the last such question.
+bool wasHungUp();
+// From now on these signals also send the endpoint `key` a bare header of type wakeType to its request queue, so that
 // a task that waits there comes round.
 void wakeOnStop(std::uint32_t key);
 constexpr std::uint32_t wakeType = 0x32FF;

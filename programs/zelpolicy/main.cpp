@@ -1,0 +1,198 @@
+// zelpolicy: asks policy lists from the command line, those of a running CPU or of a configuration file.
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+
+#include "bulk.h"
+#include "programs/support/policy_apply.h"
+#include "programs/support/policy_text.h"
+#include "questions.h"
+#include "zel/platform.h"
+
+namespace {
+
+using nlohmann::ordered_json;
+using zelpolicy::Words;
+
+constexpr const char *help =
+    R"(usage: zelpolicy [OPTION]... QUESTION
+
+Asks policy lists: those that the manager of this CPU keeps in shared memory, or with --config those of a file. The
+verdict is that of the checks of the library, made in place. Ends with status 0 for permit, 1 for deny, 2 for trouble.
+
+  acl NAME SOURCE [DESTINATION]            an IPv4 or IPv6 access list
+  udp NAME SOURCE PORT DESTINATION PORT    an access list, about a UDP datagram
+  prefix NAME ADDRESS/LENGTH               a prefix list
+  aspath NAME [AS-NUMBER...]               an AS-path list
+  community NAME [HIGH:LOW...]             a community list
+  routemap NAME ADDRESS/LENGTH [next-hop ADDRESS] [path TEXT] [communities TEXT]
+  list                                     all lists, in the syntax of a file
+  bulk TABLE KIND NAME [KIND NAME]...      every route of a table through lists: prefix, acl, aspath, community, routemap
+
+  -c, --config FILE    ask the lists of this file
+  -e, --explain        say which entry decides, and why
+      --hits           list: with what the entries of prefix lists decided so far
+      --json           answer in JSON
+  -h, --help           this text
+)";
+
+struct Options {
+    std::string config;
+    bool explains = false, hits = false, json = false;
+};
+
+enum LongOnly { optionHits = 256, optionJson };
+constexpr option longOptions[] = {
+    {"config", required_argument, nullptr, 'c'}, {"explain", no_argument, nullptr, 'e'},
+    {"hits", no_argument, nullptr, optionHits},  {"json", no_argument, nullptr, optionJson},
+    {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0},
+};
+
+constexpr int permits = 0, denies = 1, trouble = 2;
+
+int refuse(const std::string &why) {
+    fprintf(stderr, "zelpolicy: %s\n", why.c_str());
+    return trouble;
+}
+
+// Tables of this process alone, made from a file and gone with it.
+class PrivateTables {
+public:
+    bool fill(const std::string &file) {
+        zelPlatformSetShmPrefix(("zelpolicy-" + std::to_string(getpid())).c_str());
+        isMade_ = true;
+        std::ifstream in(file, std::ios::binary);
+        const std::string text{std::istreambuf_iterator<char>(in), {}};
+        if (!in) return perror(file.c_str()), false;
+        zel::programs::PolicyConfig config;
+        const auto problems = zel::programs::readPolicyConfig(text, config);
+        for (const auto &problem : problems)
+            fprintf(stderr, "%s:%u:%u: %s\n", file.c_str(), problem.line, problem.column, problem.text.c_str());
+        zelAclMgr *manager = problems.empty() ? zelAclMgrOpen(ZEL_ACLMGR_PRIMARY) : nullptr;
+        if (manager == nullptr) return false;
+        const auto failures = zel::programs::applyPolicyConfig(manager, config).failures;
+        for (const std::string &failure : failures) fprintf(stderr, "zelpolicy: %s\n", failure.c_str());
+        zelAclMgrClose(manager);
+        return failures.empty();
+    }
+    ~PrivateTables() {
+        if (isMade_) zelPlatformUnlinkSegments();
+    }
+
+private:
+    bool isMade_ = false;
+};
+
+void print(const Options &options, const std::string &question, const zelpolicy::Answer &answer) {
+    const char *verdict = answer.verdict == 0 ? "permit" : "deny";
+    if (options.json) {
+        ordered_json json{
+            {"question", question}, {"list", answer.list}, {"verdict", verdict}, {"code", answer.verdict}};
+        if (options.explains) {
+            json["sequence"] = answer.sequence;
+            json["entry"] = answer.entry;
+            json["why"] = answer.why;
+        }
+        printf("%s\n", json.dump(2).c_str());
+        return;
+    }
+    printf("%s\n", verdict);
+    if (!options.explains) return;
+    if (answer.sequence != 0) printf("  seq %u %s\n", answer.sequence, answer.entry.c_str());
+    printf("  %s\n", answer.why.c_str());
+}
+
+ordered_json jsonOf(const zelpolicy::BulkResult &result) {
+    ordered_json json{{"routes", result.routes},
+                      {"unreadable", result.unreadable},
+                      {"permittedByAll", result.permittedByAll},
+                      {"seconds", result.seconds}};
+    for (const auto &list : result.lists) {
+        ordered_json entries = ordered_json::array();
+        for (const auto &entry : list.entries)
+            entries.push_back({{"sequence", entry.sequence}, {"entry", entry.text}, {"routes", entry.routes}});
+        json["lists"].push_back({{"kind", list.list.kind},
+                                 {"name", list.list.name},
+                                 {"permitted", list.permitted},
+                                 {"denied", list.denied},
+                                 {"entries", entries}});
+    }
+    return json;
+}
+
+void print(const zelpolicy::BulkResult &result) {
+    for (const auto &list : result.lists) {
+        printf("%s %s: %lu permitted, %lu denied\n", list.list.kind.c_str(), list.list.name.c_str(), list.permitted,
+               list.denied);
+        for (const auto &entry : list.entries)
+            printf("%10lu  %s %s\n", entry.routes,
+                   entry.sequence == 0 ? "no entry" : ("seq " + std::to_string(entry.sequence)).c_str(),
+                   entry.text.c_str());
+    }
+    printf("%lu routes, %lu permitted by all, %.3f s of checks\n", result.routes, result.permittedByAll,
+           result.seconds);
+    if (result.unreadable != 0) printf("%lu lines are no routes\n", result.unreadable);
+}
+
+int bulk(const Options &options, const Words &words, const zel::programs::PolicyConfig &lists) {
+    if (words.size() < 3 || words.size() % 2 == 0) return refuse("bulk TABLE KIND NAME [KIND NAME]...");
+    std::vector<zelpolicy::BulkList> asked;
+    for (std::size_t i = 1; i < words.size(); i += 2) asked.push_back({words[i], words[i + 1]});
+    zelpolicy::BulkResult result;
+    std::string error;
+    if (!zelpolicy::runBulk(words[0], asked, lists, result, error)) return refuse(error);
+    if (options.json)
+        printf("%s\n", jsonOf(result).dump(2).c_str());
+    else
+        print(result);
+    return permits;
+}
+
+int ask(const Options &options, const std::string &question, const Words &words) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    if (manager == nullptr) return perror("zelpolicy: the policy tables cannot be had"), trouble;
+    const auto lists = zel::programs::readPolicyTables(manager);
+    zelAclMgrClose(manager);
+    if (question == "list") return printf("%s", zel::programs::textOf(lists, options.hits).c_str()), permits;
+    if (question == "bulk") return bulk(options, words, lists);
+    zelpolicy::Answer answer;
+    std::string error;
+    if (!zelpolicy::answer(question, words, lists, answer, error)) return refuse(error);
+    print(options, question, answer);
+    return answer.verdict == 0 ? permits : denies;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    for (int option; (option = getopt_long(argc, argv, "+c:eh", longOptions, nullptr)) != -1;) switch (option) {
+            case 'c':
+                options.config = optarg;
+                break;
+            case 'e':
+                options.explains = true;
+                break;
+            case optionHits:
+                options.hits = true;
+                break;
+            case optionJson:
+                options.json = true;
+                break;
+            case 'h':
+                fputs(help, stdout);
+                return permits;
+            default:
+                return trouble;
+        }
+    if (optind == argc) return fputs(help, stderr), trouble;
+    PrivateTables tables;
+    if (!options.config.empty() && !tables.fill(options.config)) return trouble;
+    if (options.config.empty() && zelPlatformHasSegments() == 0) return refuse("no manager has run on this CPU");
+    return ask(options, argv[optind], Words(argv + optind + 1, argv + argc));
+}
