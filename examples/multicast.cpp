@@ -40,7 +40,9 @@ static int manager(Word, Word, Word, Word, Word, Word, Word, Word, Word, Word) {
         zelMrtmRegistration registration;
         if (length < 0) break;
         if (zelMrtmIsQueued(zelIpcHdrGet32(message, 12))) {
-            if (zelSwpReceiverAccept(receiver, message, length) == ZEL_SWP_MATCHED) showBatch(message, length);
+            if (zelSwpReceiverCheck(receiver, message, length) != ZEL_SWP_MATCHED) continue;
+            showBatch(message, length);
+            zelSwpReceiverAnswer(receiver, message);  // acknowledged when it has been dealt with
         } else if (zelMrtmParseRegistration(message, length, &registration) == 0) {
             printf("%s registers as client type %u\n", registration.name, registration.clientType);
             zelIpcReply(key, message, zelMrtmAnswerRegistration(message, 7, ZEL_RTM_STATUS_OK));

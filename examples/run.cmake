@@ -1,9 +1,13 @@
-# Runs an example and holds it to its word: exit 0, and the text of the file EXPECTED. Shared memory that it makes goes
-# under a name of its own, and away with it.
+# Runs an example and holds it to its word: exit 0, and the text of the file EXPECTED. It runs on a CPU of its own: an
+# address for its endpoints, and a name for its shared memory, which goes away with it.
 cmake_policy(SET CMP0007 NEW)
 list(REMOVE_ITEM RUN "")
 string(RANDOM LENGTH 12 prefix)
 set(ENV{ZEL_SHM_PREFIX} example-${prefix})
+foreach(part one two)
+  string(RANDOM LENGTH 2 ALPHABET 123456789 ${part})
+endforeach()
+set(ENV{ZEL_IPC_ADDR} 127.255.${one}.${two})
 execute_process(COMMAND ${RUN} OUTPUT_VARIABLE printed RESULT_VARIABLE status)
 file(GLOB segments /dev/shm/example-${prefix}-*)
 if(segments)
