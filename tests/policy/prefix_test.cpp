@@ -86,10 +86,6 @@ struct List {
         return result;
     }
     zelRadix *tree() { return &reinterpret_cast<PrefixImage *>(block.data())->tree; }
-    void mark(std::string_view prefix) {
-        const Query at = query(prefix);
-        zelRadixGetExact(tree(), at.address.data(), at.length)->rtn->rtn_flags = ZEL_RADIX_DELETED;
-    }
 };
 
 // ---- Oracles --------------------------------------------------------------------------------------------------------
@@ -345,9 +341,7 @@ TEST(PrefixList, LowestSequenceWinsWhereverItStands) {
     }
     const List last(ZEL_POLICY_IPV4, {entry(65535, 0, "10.0.0.0/8")});
     EXPECT_EQ(last.check("10.0.0.0/8"), 0u);
-}
-
-TEST(PrefixList, EqualSequencesKeepTheFirst) {
+    // Equal ones keep the first.
     Entry holes = entry(5, 3, "10.0.0.0/32");
     memcpy(holes.mask, "\xff\x00\xff\x00", 4);
     const std::vector<Entry> tied = {entry(5, 4, "10.0.0.0/8", 0, 32), entry(5, 2, "10.1.0.0/16", 0, 32),
@@ -370,17 +364,6 @@ TEST(PrefixList, EntriesOutsideTheTree) {
     EXPECT_EQ(list.check("10.1.7.0/24"), 0u);
     EXPECT_EQ(list.check("10.9.9.9/32"), 1u);
     EXPECT_EQ(list.hits(), (std::map<int, uint32_t>{{1, 0}, {5, 0}, {10, 1}, {20, 2}}));
-}
-
-TEST(PrefixList, MarkedPrefixesHideOrAreSkipped) {
-    List list(ZEL_POLICY_IPV4, {entry(5, 0, "10.0.0.0/8", 0, 32), entry(10, 7, "10.1.0.0/16", 0, 32),
-                                entry(15, 5, "10.1.1.0/24", 0, 32)});
-    list.mark("10.1.0.0/16");
-    EXPECT_EQ(list.check("10.1.1.0/24"), 0u);
-    EXPECT_EQ(list.check("10.1.2.0/24"), 1u);
-    list.mark("10.0.0.0/8");
-    EXPECT_EQ(list.check("10.1.1.0/24"), 5u);
-    EXPECT_EQ(list.check("10.2.0.0/16"), 1u);
 }
 
 // ---- The calls ------------------------------------------------------------------------------------------------------

@@ -1,5 +1,5 @@
-// Route maps: verdicts and permitted sequences against a plain reading of the entries, with the lists that clauses name
-// left to their own checks; what each clause asks of a list; images that hold anything.
+// Route maps: verdicts and permitted sequences against a plain reading of the entries; what each clause asks of a list;
+// images that hold anything.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -66,10 +66,10 @@ protected:
         return check(route) == 0;
     }
 
-    void setPrefixes(const char *name, uint32_t address, uint8_t bits, uint8_t le, uint8_t action = 0) {
+    void setPrefixes(const char *name, uint32_t address, uint8_t bits, uint8_t le = 0, uint8_t ge = 0) {
         zelAclPrefixEntry entry{};
         entry.sequence = 5;
-        entry.action = action;
+        entry.ge = ge;
         entry.le = le;
         wire::store(entry.address, address);
         wire::store(entry.mask, bits == 0 ? 0 : UINT32_MAX << (32 - bits));
@@ -100,8 +100,8 @@ TEST_F(RouteMap, FirstSequenceDecides) {
     EXPECT_EQ(ipRoutemapCheckWithHandleV4_V6(nullptr, &route, nullptr), 0u);
     ASSERT_EQ(set({}), 0u);
     EXPECT_EQ(check(route), 0u);
-    setPrefixes("ten", 0x0a000000, 8, 0);
-    setPrefixes("eleven", 0x0b000000, 8, 0);
+    setPrefixes("ten", 0x0a000000, 8);
+    setPrefixes("eleven", 0x0b000000, 8);
     const Clause ten{ZEL_ACLMGR_MATCH_PREFIX, {"ten"}}, eleven{ZEL_ACLMGR_MATCH_PREFIX, {"eleven"}},
         either{ZEL_ACLMGR_MATCH_PREFIX, {"eleven", "ten"}};
     ASSERT_EQ(set({{10, 0, {ten, eleven}}, {20, 7, {either, ten}}, {30, 0, {}}}), 0u);
@@ -215,18 +215,14 @@ TEST(RouteMapSequences, AscendWithoutRepeats) {
 
 // ---- Random maps, whole and damaged ---------------------------------------------------------------------------------
 
+// The list of a number permits whatever has at least that many bits.
 class RandomRouteMap : public RouteMap {
 protected:
-    static constexpr const char *names[] = {"0", "1", "2", "none"};
+    static constexpr const char *names[] = {"0", "8", "16", "24", "32"};
     test::Random random = test::seeded();
 
-    void setLists() {
-        for (uint32_t i = 0; i < 3; ++i) {
-            setPrefixes(names[i], i << 30, static_cast<uint8_t>(i), 32, static_cast<uint8_t>(random() % 2));
-            setAccess(names[i], i << 29, 0x1fffffff);
-            setPath(names[i], i == 0 ? "^$" : i == 1 ? "_1$" : "_2_");
-            setCommunity(names[i], i);
-        }
+    RandomRouteMap() {
+        for (const char *name : names) setPrefixes(name, 0, 0, 32, static_cast<uint8_t>(atoi(name)));
     }
     std::vector<Sequence> randomMap() {
         std::vector<Sequence> map(1 + random() % 6);
@@ -235,47 +231,21 @@ protected:
             sequence.number = number += 1 + random() % 10;
             sequence.action = random() % 2;
             for (uint32_t clauses = random() % 4; clauses > 0; --clauses) {
-                const auto match = static_cast<zelAclMatch>(2 + random() % 5);
-                Clause &clause = sequence.clauses.emplace_back(
-                    Clause{match == ZEL_ACLMGR_MATCH_ADDRESS && number % 2 ? ZEL_ACLMGR_MATCH_PREFIX : match, {}});
-                for (uint32_t count = 1 + random() % 3; count > 0; --count) clause.names.push_back(names[random() % 4]);
+                Clause &clause = sequence.clauses.emplace_back(Clause{ZEL_ACLMGR_MATCH_PREFIX, {}});
+                for (uint32_t count = 1 + random() % 3; count > 0; --count)
+                    clause.names.push_back(names[1 + random() % 4]);
             }
         }
         return map;
     }
-    zelPolicyRoute randomRoute() {
-        static constexpr const char *paths[] = {"", "1", "2 1", "1 2 3"};
-        static constexpr uint32_t communities[] = {0, 1, 2};
-        zelPolicyRoute route = routeOf(random(), static_cast<uint8_t>(random() % 33), random());
-        route.pathText = paths[random() % 4];
-        route.communities = communities + random() % 2;
-        route.communityCount = static_cast<int>(random() % 3);
-        return route;
-    }
-    static bool permits(zelAclMatch match, const char *name, const zelPolicyRoute &route) {
-        const auto address = wire::load<uint32_t>(route.address), nextHop = wire::load<uint32_t>(route.nextHop);
-        const uint32_t mask = route.length ? UINT32_MAX << (32 - route.length) : 0;
-        switch (match) {
-            case ZEL_ACLMGR_MATCH_PREFIX:
-                return prefixListCheck(name, address, mask) == 0;
-            case ZEL_ACLMGR_MATCH_ADDRESS:
-                return ipAccessListCheck(name, address, mask) == 0;
-            case ZEL_ACLMGR_MATCH_NEXT_HOP:
-                return ipAccessListCheck(name, nextHop, UINT32_MAX) == 0;
-            case ZEL_ACLMGR_MATCH_ASPATH:
-                return bgp_as_path_match(bgpAspListFind(name), route.pathText, nullptr) == 0;
-            case ZEL_ACLMGR_MATCH_COMMUNITY:
-                return bgp_commlist_match(name, route.communities, route.communityCount) == 0;
-            default:
-                return bgp_comm_match_exact(name, route.communities, route.communityCount) == 0;
-        }
-    }
+    zelPolicyRoute randomRoute() { return routeOf(random(), static_cast<uint8_t>(random() % 33)); }
+
     static const Sequence *oracle(const std::vector<Sequence> &map, const zelPolicyRoute &route) {
         for (const Sequence &sequence : map) {
             bool all = true;
             for (const Clause &clause : sequence.clauses) {
                 bool any = false;
-                for (const char *name : clause.names) any |= permits(clause.match, name, route);
+                for (const char *name : clause.names) any |= route.length >= atoi(name);
                 all &= any;
             }
             if (all) return &sequence;
@@ -286,9 +256,6 @@ protected:
 
 TEST_F(RandomRouteMap, DecideAsTheirEntriesSay) {
     for (int round = 0; round < (test::isFullRun() ? 5'000 : 500); ++round) {
-        if (round % 50 == 0) {
-            ASSERT_NO_FATAL_FAILURE(setLists());
-        }
         const std::vector<Sequence> map = randomMap();
         ASSERT_EQ(set(map), 0u);
         uint32_t numbers[6];
@@ -307,7 +274,6 @@ TEST_F(RandomRouteMap, DecideAsTheirEntriesSay) {
 }
 
 TEST_F(RandomRouteMap, ChecksOfDamagedImagesEnd) {
-    ASSERT_NO_FATAL_FAILURE(setLists());
     for (int round = 0; round < 100; ++round) {
         ASSERT_EQ(set(randomMap()), 0u);
         const Bytes image = imageOf(ipRouteMapFind("map"), Kind::routeMap);
