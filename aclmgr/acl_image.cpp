@@ -32,6 +32,7 @@ using WordOrder = std::array<std::uint8_t, 4>;
 // Chains of fewer entries are walked faster than searched.
 constexpr std::size_t columnsFrom = 4;
 constexpr std::size_t cacheLine = 64;
+constexpr std::uint8_t deny = 1;
 
 // ---- Compiling ------------------------------------------------------------------------------------------------------
 
@@ -195,6 +196,7 @@ AclColumns putColumns(Places &places, const ColumnEntries &entries, const Column
     for (std::size_t i = 0; i < entries.size(); ++i) putEntry(columns, at, i, entries[i], order);
     for (std::size_t i = entries.size(); i < at.blocks * platform::columnLanes; ++i)
         put(columns + at.values(0), i, std::uint32_t{1});  // under a mask of 0: no entry
+    put(columns + at.actions(), at.blocks * platform::columnLanes, deny);
     return {begin, static_cast<std::uint32_t>(at.blocks), {order[0], order[1], order[2], order[3]}};
 }
 

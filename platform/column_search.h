@@ -8,7 +8,7 @@
 //
 //     for each word   masks (32 bits an entry), values (32 bits an entry)
 //     for a flow      for each port lows and spans (16 bits an entry each), for each word a bit an entry: turned around
-//     actions         8 bits an entry, which no search reads
+//     actions         8 bits an entry, and 8 for when none passes; no search reads them
 //
 // The caller has seen that all bytes of the columns may be read; nothing else about them is believed. Lanes of the last
 // block that hold no entry ask of their first word what no word gives: mask 0 and value 1.
@@ -39,7 +39,7 @@ struct ColumnLayout {
     constexpr std::size_t spans(std::size_t port) const { return lows(port) + portColumn(); }
     constexpr std::size_t turned(std::size_t word) const { return lows(2) + word * blocks * columnLanes / 8; }
     constexpr std::size_t actions() const { return isFlow ? turned(words) : masks(words); }
-    constexpr std::size_t bytes() const { return actions() + blocks * columnLanes; }
+    constexpr std::size_t bytes() const { return actions() + blocks * columnLanes + 1; }
 };
 
 // The first entry that passes everything it asks, blocks * columnLanes when none does.

@@ -140,11 +140,9 @@ struct Columns {
         blocks = count;
     }
     explicit operator bool() const { return begin != nullptr; }
-    // The action of the first entry that a search finds.
+    // The action of the first entry that a search finds, or the one that stands for none.
     std::uint32_t verdict(platform::ColumnSearch search, const platform::ColumnQuery &query) const {
-        const std::size_t entry = search(begin, blocks, query);
-        return entry < blocks * platform::columnLanes ? begin[ColumnLayout{words, isFlow, blocks}.actions() + entry]
-                                                      : deny;
+        return begin[ColumnLayout{words, isFlow, blocks}.actions() + search(begin, blocks, query)];
     }
 };
 
