@@ -211,8 +211,12 @@ public:
         if (recovers_)
             for (auto &list : heap().freeLists) list.store(0);
         const bool isWhole = walkBlocks([this](BlockHeader &block, std::uint64_t bytes) { visit(block, bytes); });
-        report = {used_.blocks, used_.bytes, lost_.blocks + free_.blocks - known.blocks,
-                  lost_.bytes + free_.bytes - known.bytes, inUse_.size() - used_.blocks};
+        report = {used_.blocks,
+                  used_.bytes,
+                  lost_.blocks + free_.blocks - known.blocks,
+                  lost_.bytes + free_.bytes - known.bytes,
+                  inUse_.size() - used_.blocks,
+                  others_.blocks};
         return isWhole && known.blocks <= free_.blocks;
     }
 
@@ -222,6 +226,7 @@ private:
         const bool isOwned = isHandedOut && block.nextFree.load() == owner_, isUsed = isOwned && isInUse(&block + 1);
         if (isUsed) used_.add(bytes);
         if (isOwned && !isUsed) lost_.add(bytes);
+        if (isHandedOut && !isOwned) others_.add(bytes);
         if (!isHandedOut) free_.add(bytes);
         if (recovers_ && (isOwned ? !isUsed : !isHandedOut)) putOnList(block);
     }
@@ -235,7 +240,7 @@ private:
     const std::span<const void *const> inUse_;
     const bool recovers_;
     std::size_t next_ = 0;
-    Sum used_, lost_, free_;
+    Sum used_, lost_, free_, others_;
 };
 
 }  // namespace

@@ -249,6 +249,7 @@ typedef struct {
     uint64_t lostBlocks; /* handed out under the tag but not in use, or nobody's and in no list of free blocks */
     uint64_t lostBytes;
     uint64_t strays; /* said to be in use, and no block of that tag */
+    uint64_t others; /* handed out under other tags */
 } zelPolicyHeapReport;
 
 /* Compares the heap with what the owner `tag` uses of it: the `count` blocks `inUse`, in ascending order. Counts what

@@ -325,6 +325,13 @@ ListWords words() {
     return {wordOf("kept"), wordOf("old"), wordOf("new"), wordOf("newer")};
 }
 
+// Blocks of the heap that were handed out under no tag that is known.
+std::uint64_t blocksOfOthers() {
+    zelPolicyHeapReport report;
+    EXPECT_EQ(zelPolicyHeapSweep(aclmgr::source, nullptr, 0, 0, &report), 0);
+    return report.others;
+}
+
 // The state of the segment were the writer to die now: each list is the one before or after its change, and a repair
 // leaves no fault and no list changed. Puts the segment back. Whether there was something to repair.
 bool hasToBeRepaired(policy::Root &root, const Memory &memory) {
@@ -337,6 +344,7 @@ bool hasToBeRepaired(policy::Root &root, const Memory &memory) {
     const bool hasFaults = aclmgr::audit(root, report) != 0;
     aclmgr::repair(root);
     EXPECT_EQ(aclmgr::audit(root, report), 0u);
+    EXPECT_EQ(blocksOfOthers(), 0u);
     EXPECT_EQ(words(), found);
     memory.restore();
     return hasFaults;
