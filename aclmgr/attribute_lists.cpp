@@ -47,13 +47,12 @@ bool hasWholeLinks(const Bytes &image) {
     return isWhole && areWhole;
 }
 
-// The record may go with its last reference, so the list's share goes first.
 void dropLinks(const Bytes &image) {
     forEachLink(image, [](Link link) {
         zelRegex *expression = expressionAt(link);
         if (!expression) return;
         expression->listReferences.fetch_sub(1);
-        zelbgp_regex_free(expression);
+        zelbgp_regex_collect(expression);
     });
 }
 
@@ -192,7 +191,7 @@ std::uint32_t addComm(CommDraft &draft, const zelAclCommEntry &entry) {
 }  // namespace
 
 bool HeldExpressions::take(const char *pattern) {
-    zelRegex *expression = zelbgp_regcomp(pattern);
+    zelRegex *expression = zelbgp_regex_for_list(pattern);
     if (expression) held_.push_back(expression);
     return expression != nullptr;
 }
@@ -204,7 +203,7 @@ Link HeldExpressions::give() {
 }
 
 void HeldExpressions::release() {
-    for (; given_ < held_.size(); ++given_) zelbgp_regex_free(held_[given_]);
+    for (; given_ < held_.size(); ++given_) zelbgp_regex_collect(held_[given_]);
     held_.clear();
     given_ = 0;
 }
@@ -258,14 +257,10 @@ void CommDraft::write(Image *image) const {
     }
 }
 
-// References that lists do not have are those of other callers, or of writers that died in between: these stay.
 void repairExpressions(policy::Root &root, const std::vector<Bytes> &images) {
     for (const Count &count : countReferences(root, images)) {
-        zelRegex &expression = *count.expression;
-        const std::uint32_t others = expression.references.load() - expression.listReferences.load();
-        expression.listReferences.store(count.references);
-        expression.references.store(count.references + others + 1);
-        zelbgp_regex_free(&expression);
+        count.expression->listReferences.store(count.references);
+        zelbgp_regex_collect(count.expression);
     }
     zelPolicyHeapReport report{};
     const auto blocks = blocksOf(countReferences(root, images));
@@ -275,8 +270,8 @@ void repairExpressions(policy::Root &root, const std::vector<Bytes> &images) {
 void auditExpressions(policy::Root &root, const std::vector<Bytes> &images, zelAclMgrAuditReport &report) {
     const auto counts = countReferences(root, images);
     for (const Count &count : counts) {
-        const std::uint32_t all = count.expression->references.load(), lists = count.expression->listReferences.load();
-        if (lists != count.references || all < lists) ++report.wrongReferences;
+        const bool isKept = zelbgp_regex_references(count.expression) + count.expression->waitsForDeletion.load() != 0;
+        if (!isKept || count.expression->listReferences.load() != count.references) ++report.wrongReferences;
     }
     report.expressions = static_cast<std::uint32_t>(counts.size());
     zelPolicyHeapReport heap{};

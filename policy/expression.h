@@ -5,9 +5,9 @@
 // by the record's slot. A slot is used again when its expression is gone; the number, which is not, tells the two
 // apart.
 //
-// Records are made, linked and unlinked under the write side of ZEL_SHM_LOCK_POLICY, each by one store. A writer that
-// is killed between two of them leaves at worst an expression with a reference too many; the lists' share of the
-// references is counted apart, so that whoever repairs the tables can count it again.
+// Records are made, linked and unlinked under the write side of ZEL_SHM_LOCK_POLICY, each by one store. The lists'
+// references are counted apart, so that whoever repairs the tables behind a writer that was killed can count them
+// again; one that a list is about to have is no reference yet, since nobody else deletes while the lock is held.
 #pragma once
 
 #include <atomic>
@@ -22,8 +22,8 @@ struct zelRegex {
     std::uint32_t magic;
     std::uint32_t number;
     std::uint32_t slot;
-    std::atomic<std::uint32_t> references;
-    std::atomic<std::uint32_t> listReferences;    // those of lists, counted in `references` too
+    std::atomic<std::uint32_t> references;        // of those who compiled it
+    std::atomic<std::uint32_t> listReferences;    // of lists
     std::atomic<std::uint32_t> waitsForDeletion;  // without references, but results of it may be cached
     std::atomic<std::uint32_t> clients;           // bits of the processes that hold results of it
     std::atomic<std::uint32_t> cachedIndex[32];   // by client: where its results stand in that process's cache

@@ -76,12 +76,15 @@ zelRegex *makeExpression(Root &tables, const char *pattern, std::size_t length) 
     if (!expression) return nullptr;
     expression->number = tables.expressions.lastNumber.fetch_add(1) + 1;
     expression->slot = slot;
-    expression->references.store(1);
     expression->length = static_cast<std::uint32_t>(length);
     memcpy(expression->pattern, pattern, length);
     expression->magic = zelRegex::validMagic;
     expression->next.store(tables.expressions.live.load());
     return expression;
+}
+
+bool isReferred(const zelRegex &expression) {
+    return (expression.references.load() | expression.listReferences.load()) != 0;
 }
 
 void removeExpression(Root &tables, zelRegex &expression) {
@@ -265,12 +268,11 @@ bool Subject::matches(zelRegex &expression) {
 
 // ---- Expressions ----------------------------------------------------------------------------------------------------
 
-zelRegex *zelbgp_regcomp(const char *pattern) {
+zelRegex *zelbgp_regex_for_list(const char *pattern) {
     Root *tables = root();
     if (!pattern || !tables) return nullptr;
     const std::size_t length = strnlen(pattern, longestPattern + 1);
     if (zelRegex *shared = findExpression(*tables, pattern, length)) {
-        shared->references.fetch_add(1);
         shared->waitsForDeletion.store(0);
         return shared;
     }
@@ -285,14 +287,25 @@ zelRegex *zelbgp_regcomp(const char *pattern) {
     return expression;
 }
 
-void zelbgp_regex_free(zelRegex *expression) {
+void zelbgp_regex_collect(zelRegex *expression) {
     Root *tables = root();
-    if (!expression || !tables || !expressionAt(linkTo(expression))) return;
-    if (expression->references.load() == 0 || expression->references.fetch_sub(1) > 1) return;
+    if (!expression || !tables || !expressionAt(linkTo(expression)) || isReferred(*expression)) return;
     if (expression->clients.load() == 0 && tables->expressions.clients.load() == 0)
         removeExpression(*tables, *expression);
     else
         expression->waitsForDeletion.store(1);
+}
+
+zelRegex *zelbgp_regcomp(const char *pattern) {
+    zelRegex *expression = zelbgp_regex_for_list(pattern);
+    if (expression) expression->references.fetch_add(1);
+    return expression;
+}
+
+void zelbgp_regex_free(zelRegex *expression) {
+    if (!expression || !root() || !expressionAt(linkTo(expression)) || expression->references.load() == 0) return;
+    expression->references.fetch_sub(1);
+    zelbgp_regex_collect(expression);
 }
 
 int zelbgp_regexec(zelRegex *expression, const char *text, const void *attribute, int length, uint32_t type,
@@ -319,7 +332,7 @@ const char *zelbgp_regex_pattern(const zelRegex *expression) {
 }
 
 uint32_t zelbgp_regex_references(const zelRegex *expression) {
-    return expression ? expression->references.load() : 0;
+    return expression ? expression->references.load() + expression->listReferences.load() : 0;
 }
 
 void aclRegexSetTextHook(zelAttributeTextFn make, zelFreeFn release) {
@@ -442,7 +455,7 @@ zelRegex *aclRegexOptzHandleComp(const char *pattern) {
 }
 
 void aclRegexOptzHandleFree(zelRegex *expression) {
-    if (expression && expression->references.load() == 1) aclRegexOptzCacheDelete(expression);
+    if (expression && zelbgp_regex_references(expression) == 1) aclRegexOptzCacheDelete(expression);
     zelbgp_regex_free(expression);
     ZEL_ShmWriteUnLock(ZEL_SHM_LOCK_POLICY);
 }

@@ -213,7 +213,7 @@ typedef struct {
     uint32_t brokenTrees;     /* of names, with links that are not those of a tree, or do not lead back */
     uint32_t brokenLists;     /* that are not what their tree says, or whose image is not what they say */
     uint32_t lostNodes;       /* neither of a list nor spare */
-    uint32_t wrongReferences; /* of expressions: counts that are not those of the lists */
+    uint32_t wrongReferences; /* of expressions: counts that are not those of the lists, or none and yet there */
     uint64_t lostBlocks;      /* that nothing leads to, and their bytes */
     uint64_t lostBytes;
     uint64_t strays; /* blocks in use that the heap does not know as such */

@@ -272,6 +272,10 @@ int aclPatternCheck(const char *pattern, char *error, size_t errorBytes);
 /* Drops one reference. The last one deletes the expression, at once or, when processes cache results, once they have
  * given up theirs. The caller holds the write lock. */
 void zelbgp_regex_free(zelRegex *expression);
+/* For the writer of lists, whose references are counted apart: the same expression without one more; and its end, when
+ * nothing refers to it. The caller holds the write lock, from before the first to behind the second. */
+zelRegex *zelbgp_regex_for_list(const char *pattern);
+void zelbgp_regex_collect(zelRegex *expression);
 /* 0 when the expression matches, -1 without an expression, else another value. It is matched with `text`, or with the
  * text of the attribute when that is null. With an attribute the type is 1 (AS path), 2 (communities) or 2048; any
  * other answers 0. `useCache` lets the result come from the cache, if that is open and enabled, or go there. The caller
