@@ -33,6 +33,12 @@ int checkPath(const zelAspList *list, Subject &path) {
     return count == 0 || (entry && entry->action == 0) ? permit : deny;
 }
 
+std::uint32_t entryOf(const zelAspList *list, Subject &path) {
+    std::uint32_t count = 0;
+    const AspEntry *entry = firstMatch(list, path, count);
+    return entry ? entry->sequence : 0;
+}
+
 // ---- Communities ----------------------------------------------------------------------------------------------------
 
 // The communities of a route: host-order words, and the attribute they are for expressions.
@@ -172,12 +178,16 @@ int bgp_as_path_match(const zelAspList *list, const char *pathText, const void *
     return checkPath(list, path);
 }
 
-uint32_t bgpAspListEntry(const zelAspList *list, const char *pathText) {
+uint32_t bgpAspListTextEntry(const zelAspList *list, const char *pathText) {
     if (!pathText) return 0;
     Subject path(pathText);
-    uint32_t count = 0;
-    const AspEntry *entry = firstMatch(list, path, count);
-    return entry ? entry->sequence : 0;
+    return entryOf(list, path);
+}
+
+uint32_t bgpAspListEntry(const zelAspList *list, const void *pathAttribute, int length) {
+    if (!pathAttribute || length <= 0) return 0;
+    Subject path(pathAttribute, static_cast<size_t>(length), asPathType, true);
+    return entryOf(list, path);
 }
 
 uint32_t bgpCommListEntry(const zelCommList *list, const uint32_t *communities, int count) {

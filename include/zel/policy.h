@@ -130,7 +130,9 @@ uint32_t ipUdpAccessListEntry(const zelIpAcl *list, uint32_t source, uint32_t de
                               uint16_t destinationPort);
 uint32_t aclV6AccessListEntry(const zelIpAcl *list, const uint8_t *source);
 uint32_t prefixListEntry(const zelPrefixList *list, const uint8_t *address, uint8_t length, int family);
-uint32_t bgpAspListEntry(const zelAspList *list, const char *pathText);
+/* By the text of the path, or by its attribute. */
+uint32_t bgpAspListTextEntry(const zelAspList *list, const char *pathText);
+uint32_t bgpAspListEntry(const zelAspList *list, const void *pathAttribute, int length);
 uint32_t bgpCommListEntry(const zelCommList *list, const uint32_t *communities, int count);
 
 /* ==== The lock of the tables ======================================================================================

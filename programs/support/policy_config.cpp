@@ -3,8 +3,11 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <optional>
 
 namespace zel::programs {
@@ -592,6 +595,13 @@ std::vector<ConfigProblem> readPolicyConfig(std::string_view text, PolicyConfig 
         text.remove_prefix(std::min(end + 1, text.size()));
     }
     return problems;
+}
+
+std::vector<ConfigProblem> readPolicyFile(const std::string &file, PolicyConfig &config) {
+    std::ifstream in(file, std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(in), {}};
+    if (!in) return {{0, 0, strerror(errno)}};
+    return readPolicyConfig(text, config);
 }
 
 }  // namespace zel::programs

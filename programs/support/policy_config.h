@@ -75,6 +75,9 @@ struct ConfigProblem {
 // Reads a whole configuration. With problems, the lines that have none are in `config` all the same.
 std::vector<ConfigProblem> readPolicyConfig(std::string_view text, PolicyConfig &config);
 
+// The same for a file; one that cannot be read is a problem of line 0.
+std::vector<ConfigProblem> readPolicyFile(const std::string &file, PolicyConfig &config);
+
 // The text of a code, without the marks around it.
 std::string textOfCode(std::uint32_t code, const std::string &name = {});
 

@@ -109,7 +109,38 @@ void writeMaps(std::string &out, const Lists<MapEntry> &maps) {
         }
 }
 
+template <class Entry, class Write>
+std::string find(const Lists<Entry> &lists, const std::string &name, std::uint32_t sequence, const Write &write) {
+    const auto list = lists.find(name);
+    if (list == lists.end()) return "";
+    for (const Entry &entry : list->second)
+        if (entry.sequence == sequence) return write(entry);
+    return "";
+}
+
 }  // namespace
+
+std::string textOfEntry(const PolicyConfig &lists, const std::string &kind, const std::string &name,
+                        std::uint32_t sequence) {
+    const auto text = [](const auto &entry) { return textOf(entry); };
+    const auto prefix = [](int family) { return [family](const auto &entry) { return textOf(entry, family); }; };
+    std::string entry = "no entry";
+    if (sequence != 0)
+        entry = kind == "acl"         ? find(lists.ip, name, sequence, text)
+                : kind == "acl6"      ? find(lists.ipv6, name, sequence, text)
+                : kind == "prefix"    ? find(lists.prefix, name, sequence, prefix(ZEL_POLICY_IPV4))
+                : kind == "prefix6"   ? find(lists.prefix6, name, sequence, prefix(ZEL_POLICY_IPV6))
+                : kind == "aspath"    ? find(lists.paths, name, sequence, text)
+                : kind == "community" ? find(lists.communities, name, sequence, text)
+                                      : find(lists.maps, name, sequence, text);
+    return kind + (sequence != 0 ? " seq " + std::to_string(sequence) : "") + ' ' + entry;
+}
+
+std::string textOf(const MapEntry &entry) {
+    std::string text = actionOf(entry.action);
+    for (const MapEntry::Clause &clause : entry.clauses) text += "; " + textOf(clause);
+    return text;
+}
 
 std::string textOf(const zelAclIpEntry &entry) {
     const std::string source = rangeOf(entry.source, entry.sourceWildcard);

@@ -1,8 +1,6 @@
 #include "service.h"
 
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 
 #include "programs/support/policy_apply.h"
 #include "programs/support/program.h"
@@ -13,12 +11,6 @@ namespace {
 
 // Expressions that nobody refers to any more are looked for this often.
 constexpr int cleanUpSeconds = 5;
-
-bool readFile(const std::string &file, std::string &text) {
-    std::ifstream in(file, std::ios::binary);
-    text.assign(std::istreambuf_iterator<char>(in), {});
-    return in.good() || in.eof();
-}
 
 bool report(const std::string &file, const std::vector<zel::programs::ConfigProblem> &problems) {
     for (const auto &problem : problems)
@@ -37,29 +29,25 @@ bool apply(zelAclMgr *manager, const zel::programs::PolicyConfig &config) {
 }  // namespace
 
 bool loadFile(const std::string &file, zelAclMgr *manager) {
-    std::string text;
-    if (!readFile(file, text)) {
-        perror(file.c_str());
-        return false;
-    }
     zel::programs::PolicyConfig config;
-    if (!report(file, zel::programs::readPolicyConfig(text, config))) return false;
+    if (!report(file, zel::programs::readPolicyFile(file, config))) return false;
     return manager == nullptr || apply(manager, config);
 }
 
 Service::Service(std::uint32_t key, const Options &options)
-    : key_(key), options_(options), manager_(zelAclMgrOpen(ZEL_ACLMGR_PRIMARY)) {}
+    : key_(key), options_(options), manager_(zelAclMgrOpen(ZEL_ACLMGR_PRIMARY)) {
+    if (manager_ == nullptr)
+        perror("zelaclmgrd: the policy tables cannot be had");
+    else
+        isLoaded_ = loadFile(options_.file, manager_);
+}
 
 Service::~Service() {
     if (manager_ != nullptr) zelAclMgrClose(manager_);
 }
 
 int Service::run() {
-    if (manager_ == nullptr) {
-        perror("zelaclmgrd: the policy tables cannot be had");
-        return 1;
-    }
-    if (!loadFile(options_.file, manager_)) return 1;
+    if (!isLoaded_) return 1;
     std::uint8_t message[ZEL_IPC_HDR_LEN];
     while (!zel::programs::isStopping()) {
         zelIpcRecv(key_ | ZEL_IPC_QUEUE_REQUEST, message, sizeof message, cleanUpSeconds, 0, 0);

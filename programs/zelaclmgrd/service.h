@@ -18,18 +18,20 @@ bool loadFile(const std::string &file, zelAclMgr *manager);
 
 class Service {
 public:
+    // Loads the file: whoever starts when this service is ready finds the lists.
     Service(std::uint32_t key, const Options &options);
     ~Service();
     Service(const Service &) = delete;
     Service &operator=(const Service &) = delete;
 
-    // Loads the file, and again on every SIGHUP, until a signal ends the program.
+    // Loads the file again on every SIGHUP, until a signal ends the program.
     int run();
 
 private:
     std::uint32_t key_;
     Options options_;
     zelAclMgr *manager_;
+    bool isLoaded_ = false;
 };
 
 }  // namespace zelaclmgrd

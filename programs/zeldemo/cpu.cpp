@@ -95,15 +95,22 @@ Cpu::~Cpu() {
     rmdir(directory_.c_str());
 }
 
-bool Cpu::start(const std::vector<std::string> &services, const std::string &table, bool respawns) {
+bool Cpu::start(const std::vector<std::string> &services, const std::string &table, const std::string &policy,
+                bool respawns) {
     if (directory_.empty()) return false;
     services_ = services;
     std::vector<std::string> words = {ownDirectory() + "zeltmed", "--spawn", "RTM zelrtmd"};
+    std::string filter;
+    if (!policy.empty()) {
+        words.insert(words.end(), {"--spawn", "ACL zelaclmgrd --config " + quoted(absolute(policy))});
+        for (const char *option : {" --prefix-list ", " --as-path-list ", " --community-list "})
+            filter += option + std::string(policyList);
+    }
     int distance = firstDistance;
     for (const std::string &service : services) {
         words.push_back("--spawn");
         words.push_back(service + " zelroutes --table " + quoted(absolute(table)) + " --distance " +
-                        std::to_string(distance) + " --report " + quoted(reportFile(service)));
+                        std::to_string(distance) + filter + " --report " + quoted(reportFile(service)));
         distance += distanceStep;
     }
     if (respawns) words.push_back("--respawn");

@@ -14,6 +14,9 @@ namespace zeldemo {
 // the environment names them. Before the library is first used.
 void isolate();
 
+// The lists of a policy file by which sources go: of each kind the one of this name.
+constexpr char policyList[] = "edge";
+
 // "name value" lines of a source's report.
 using Report = std::map<std::string, double>;
 
@@ -24,8 +27,10 @@ public:
     Cpu(const Cpu &) = delete;
     Cpu &operator=(const Cpu &) = delete;
 
-    // Starts the task manager, the route table manager, and one source for each of `services`.
-    bool start(const std::vector<std::string> &services, const std::string &table, bool respawns);
+    // Starts the task manager, the route table manager, with `policy` the manager of policy lists, and one source for
+    // each of `services`, which pushes what the lists `policyList` permit.
+    bool start(const std::vector<std::string> &services, const std::string &table, const std::string &policy,
+               bool respawns);
     // Whether the task manager runs; reaps it when it has ended.
     bool isRunning();
     // The process of the route table manager, 0 while there is none.

@@ -10,6 +10,8 @@
 #include "comparison.h"
 #include "cpu.h"
 #include "programs/support/attributes.h"
+#include "programs/support/policy_filter.h"
+#include "programs/support/policy_text.h"
 #include "programs/support/program.h"
 #include "programs/support/table_file.h"
 #include "progress.h"
@@ -25,7 +27,8 @@ using zel::programs::isStopping;
 using zel::programs::monotonicSeconds;
 using zel::programs::TableFile;
 
-constexpr int ownService = 87;  // TEST_TSK
+constexpr int ownService = 87;     // TEST_TSK
+constexpr int policyService = 57;  // ACL
 constexpr int pollTicks = 2;
 constexpr double secondsWithoutProgress = 120;
 constexpr std::size_t addressesAsked = 12;
@@ -48,6 +51,7 @@ private:
     double secondsOfSources();
     bool open();
     bool awaitManager(pid_t otherThan);
+    bool filter();
     bool awaitRoutes();
     bool killManager(Progress &progress);
     void ask(const Expected &expected);
@@ -59,6 +63,7 @@ private:
     const Options &options_;
     Cpu cpu_;
     TableFile table_;
+    std::size_t rowsRead_ = 0;
     zelIpcAddr address_{};
     std::uint32_t handle_ = 0;
     double recovery_ = 0;
@@ -157,6 +162,29 @@ bool Demo::awaitRoutes() {
     return true;
 }
 
+// ---- Policy ---------------------------------------------------------------------------------------------------------
+
+// Says how many routes each entry took, and leaves in our table what the sources push: the same lists say so.
+bool Demo::filter() {
+    const double deadline = monotonicSeconds() + secondsWithoutProgress;
+    zelTmeTaskEntry entry{};
+    while (zelTmeGetTaskEntry(policyService, 0, &entry) != 0 || entry.state != ZEL_TME_HERE) {
+        if (isStopping() || !cpu_.isRunning() || monotonicSeconds() > deadline) return false;
+        taskDelay(pollTicks);
+    }
+    zel::programs::PolicyConfig lists;
+    if (!zel::programs::readPolicyFile(options_.policy, lists).empty()) return false;
+    const auto counts = filterTable(table_, {policyList, policyList, policyList});
+    printf("\nRoutes that the lists took, entry by entry:\n");
+    for (const char *kind : {"prefix", "prefix6", "aspath", "community"})
+        for (const auto &[decided, routes] : counts)
+            if (decided.first == kind)
+                printf("  %10s  %s\n", grouped(routes).c_str(),
+                       textOfEntry(lists, kind, policyList, decided.second).c_str());
+    printf("%s of %s rows are permitted.\n\n", grouped(table_.rows.size()).c_str(), grouped(rowsRead_).c_str());
+    return true;
+}
+
 // ---- Questions ------------------------------------------------------------------------------------------------------
 
 void Demo::askFor(const std::string &address) {
@@ -220,7 +248,8 @@ void Demo::sumUp(const Expected &expected) {
         printf("  %-20s %14s\n", name, grouped(static_cast<std::uint64_t>(value)).c_str());
     };
     printf("\nSummary:\n");
-    line("rows read", static_cast<double>(table_.rows.size()));
+    line("rows read", static_cast<double>(rowsRead_));
+    if (!options_.policy.empty()) line("rows permitted", static_cast<double>(table_.rows.size()));
     line("distinct prefixes", static_cast<double>(expected.prefixes()));
     if (options_.peers > 1) line("sources", options_.peers);
     line("batches", sum["batches"]);
@@ -229,22 +258,28 @@ void Demo::sumUp(const Expected &expected) {
     line("drops", static_cast<double>(counters[ZEL_RTM_COUNT_DROPPED_BY_HOST]));
     if (options_.kills) line("recoveries", sum["recoveries"]);
     printf("  %-20s %14.3f\n", "seconds", secondsOfSources());
+    if (!options_.policy.empty())
+        printf("  %-20s %14.3f\n", "seconds of policy", sum["filter-seconds"] / options_.peers);
     if (table_.pathsCut > 0) line("AS paths cut", static_cast<double>(table_.pathsCut));
     if (table_.communitiesCut > 0) line("communities left out", static_cast<double>(table_.communitiesCut));
 }
 
 int Demo::run() {
     if (!read()) return 1;
-    const Expected expected(table_);
-    printf("%s rows, %s distinct prefixes.\n", grouped(table_.rows.size()).c_str(),
-           grouped(expected.prefixes()).c_str());
-    printf("Starting a task manager, a route table manager and %u %s ...\n", options_.peers,
+    rowsRead_ = table_.rows.size();
+    printf("%s rows, %s distinct prefixes.\n", grouped(rowsRead_).c_str(),
+           grouped(Expected(table_).prefixes()).c_str());
+    printf("Starting a task manager, a route table manager%s and %u %s ...\n",
+           options_.policy.empty() ? "" : ", a manager of policy lists", options_.peers,
            options_.peers == 1 ? "source" : "sources");
     const std::vector<std::string> services(sourceServices.begin(), sourceServices.begin() + options_.peers);
-    if (!cpu_.start(services, options_.table, options_.kills)) return fail("the programs cannot be started");
+    if (!cpu_.start(services, options_.table, options_.policy, options_.kills))
+        return fail("the programs cannot be started");
     if (!open() || !awaitManager(0)) return fail("the route table manager did not come up");
     if (zelRtmRegisterNonRtProtoClient(ownService, ZEL_RTM_IPV4_UNICAST, "demo", &handle_, &address_) != 0)
         return fail("the route table manager did not take us as a client");
+    if (!options_.policy.empty() && !filter()) return fail("the policy lists did not come up");
+    const Expected expected(table_);
     if (!awaitRoutes()) return fail("the routes did not arrive");
     ask(expected);
     const bool isSame = compare(expected);

@@ -8,6 +8,7 @@ namespace zeldemo {
 
 struct Options {
     std::string table = "data/rib4_full_2015-10.txt.xz";
+    std::string policy;  // file of lists; none: everything is pushed
     unsigned peers = 1;
     bool kills = false;
     std::vector<std::string> addresses;

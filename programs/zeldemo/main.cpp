@@ -19,18 +19,19 @@ ones), compares its table with the file, and sums up. Ends with status 0 when ev
 behind.
 
   -t, --table FILE   another table: prefix|next hop|AS path|communities per line; .xz is unpacked
+      --policy FILE  the sources push only what the lists "edge" of this file permit, kept by the manager of policy
+                     lists in shared memory: a prefix list, an AS-path list and a community list
   -p, --peers N      up to 4 sources at once, each with the whole table: BGP, OSPF, ISIS and RIP (a service has one
                      instance, so there are no more keys for sources)
   -k, --kill         kill the route table manager half-way and watch everybody recover
   -h, --help         this text
 )";
 
+enum LongOnly { optionPolicy = 256 };
 constexpr option longOptions[] = {
-    {"table", required_argument, nullptr, 't'},
-    {"peers", required_argument, nullptr, 'p'},
-    {"kill", no_argument, nullptr, 'k'},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
+    {"table", required_argument, nullptr, 't'}, {"policy", required_argument, nullptr, optionPolicy},
+    {"peers", required_argument, nullptr, 'p'}, {"kill", no_argument, nullptr, 'k'},
+    {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
 };
 
 zeldemo::Options options;
@@ -44,6 +45,9 @@ void parseOptions(int argc, char **argv) {
     for (int option; (option = getopt_long(argc, argv, "t:p:kh", longOptions, nullptr)) != -1;) switch (option) {
             case 't':
                 options.table = optarg;
+                break;
+            case optionPolicy:
+                options.policy = optarg;
                 break;
             case 'p':
                 if (!zel::programs::readNumber(optarg, 1u, zeldemo::mostPeers, options.peers))

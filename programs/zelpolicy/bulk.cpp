@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 
+#include "programs/support/policy_route.h"
 #include "programs/support/policy_text.h"
 #include "programs/support/program.h"
 #include "programs/support/table_file.h"
@@ -17,45 +18,11 @@ using zel::programs::PolicyConfig;
 using zel::programs::Row;
 using zel::programs::TableFile;
 
-constexpr std::uint16_t pathType = 1, communitiesType = 2;
-constexpr std::size_t headSize = 4;
-
 std::uint32_t wordOf(const std::uint8_t *bytes) {
     std::uint32_t word;
     memcpy(&word, bytes, sizeof word);
     return ntohl(word);
 }
-
-// A route of the table as checks take it; the attributes stay in the table.
-class Route {
-public:
-    Route(const TableFile &table, const Row &row) {
-        route.family = route.nextHopFamily = row.family == ZEL_RTM_IPV6_UNICAST ? ZEL_POLICY_IPV6 : ZEL_POLICY_IPV4;
-        memcpy(route.address, row.prefix, sizeof route.address);
-        route.length = row.bits;
-        memcpy(route.nextHop, row.nextHop, sizeof route.nextHop);
-        const std::uint8_t *at = table.store.data() + row.attributes, *end = at + row.attributesLength;
-        while (static_cast<std::size_t>(end - at) >= headSize) {
-            const unsigned type = at[0] << 8 | at[1], length = at[2] << 8 | at[3];
-            take(type, at + headSize, length);
-            at += headSize + length;
-        }
-        route.communities = communities_.data();
-        route.communityCount = static_cast<int>(communities_.size());
-    }
-    zelPolicyRoute route{};
-
-private:
-    void take(unsigned type, const std::uint8_t *value, unsigned length) {
-        if (type == pathType) {
-            route.path = value;
-            route.pathLength = static_cast<int>(length);
-        } else if (type == communitiesType) {
-            for (unsigned i = 0; i + 4 <= length; i += 4) communities_.push_back(wordOf(value + i));
-        }
-    }
-    std::vector<std::uint32_t> communities_;
-};
 
 // One list, as it is asked: the verdict, and which entry gave it.
 class Asked {
@@ -109,10 +76,7 @@ public:
         return static_cast<std::uint32_t>(bgpAccessASPMatch(list_, route.path, route.pathLength));
     }
     std::uint32_t decides(const zelPolicyRoute &route) override {
-        if (route.path == nullptr) return 0;
-        std::vector<char> text(static_cast<std::size_t>(route.pathLength) * 4 + 1);
-        aclAttributeText(pathType, route.path, static_cast<std::size_t>(route.pathLength), text.data(), text.size());
-        return bgpAspListEntry(list_, text.data());
+        return bgpAspListEntry(list_, route.path, route.pathLength);
     }
 
 private:
@@ -208,19 +172,20 @@ bool runBulk(const std::string &file, const std::vector<BulkList> &lists, const 
     }
     std::vector<std::map<std::uint32_t, unsigned long>> decided(lists.size());
     result.unreadable = table.unreadable;
+    zel::programs::PolicyRoute route;
     aclReadLock();
     for (const Row &row : table.rows) {
         if (row.isWithdrawal) continue;
-        const Route route(table, row);
+        route.take(table, row);
         ++result.routes;
         bool isPermitted = true;
         const double before = zel::programs::monotonicSeconds();
         std::vector<std::uint32_t> verdicts;
-        for (const auto &list : asked) verdicts.push_back(list->verdict(route.route));
+        for (const auto &list : asked) verdicts.push_back(list->verdict(route.route()));
         result.seconds += zel::programs::monotonicSeconds() - before;
         for (std::size_t i = 0; i < asked.size(); ++i) {
             ++(verdicts[i] == 0 ? result.lists[i].permitted : result.lists[i].denied);
-            ++decided[i][asked[i]->decides(route.route)];
+            ++decided[i][asked[i]->decides(route.route())];
             isPermitted = isPermitted && verdicts[i] == 0;
         }
         result.permittedByAll += isPermitted ? 1 : 0;

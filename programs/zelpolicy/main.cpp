@@ -4,8 +4,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "bulk.h"
@@ -66,11 +64,8 @@ public:
     bool fill(const std::string &file) {
         zelPlatformSetShmPrefix(("zelpolicy-" + std::to_string(getpid())).c_str());
         isMade_ = true;
-        std::ifstream in(file, std::ios::binary);
-        const std::string text{std::istreambuf_iterator<char>(in), {}};
-        if (!in) return perror(file.c_str()), false;
         zel::programs::PolicyConfig config;
-        const auto problems = zel::programs::readPolicyConfig(text, config);
+        const auto problems = zel::programs::readPolicyFile(file, config);
         for (const auto &problem : problems)
             fprintf(stderr, "%s:%u:%u: %s\n", file.c_str(), problem.line, problem.column, problem.text.c_str());
         zelAclMgr *manager = problems.empty() ? zelAclMgrOpen(ZEL_ACLMGR_PRIMARY) : nullptr;

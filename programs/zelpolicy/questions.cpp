@@ -123,7 +123,7 @@ bool answerPath(const Words &words, const PolicyConfig &lists, Answer &answer, s
     const ReadLock lock;
     const zelAspList *list = bgpAspListFind(words[0].c_str());
     answer.verdict = static_cast<std::uint32_t>(bgp_as_path_match(list, path.c_str(), nullptr));
-    answer.sequence = bgpAspListEntry(list, path.c_str());
+    answer.sequence = bgpAspListTextEntry(list, path.c_str());
     explain(answer, lists.paths, [](const auto &entry) { return textOf(entry); });
     return true;
 }
@@ -178,11 +178,7 @@ bool answerMap(const Words &words, const PolicyConfig &lists, Answer &answer, st
     const zelRouteMap *map = ipRouteMapFind(words[0].c_str());
     answer.verdict = ipRoutemapCheckWithHandleV4_V6(map, &route, nullptr);
     answer.sequence = ipRoutemapSequence(map, &route);
-    explain(answer, lists.maps, [](const auto &entry) {
-        std::string text = entry.action == 0 ? "permit" : "deny";
-        for (const auto &clause : entry.clauses) text += "; " + textOf(clause);
-        return text;
-    });
+    explain(answer, lists.maps, [](const auto &entry) { return textOf(entry); });
     if (answer.sequence != 0) answer.why = "the first sequence of which every clause matches";
     return true;
 }

@@ -26,6 +26,8 @@ there until it is ended. IDENTITY is the eight arguments that the task manager p
       --window N        messages in flight (default: the queue's)
       --vrfs N          push all routes into each of the VRFs 0 to N - 1 (default 1)
       --queues N        spread the VRFs over a list of N queues, at most one for each VRF
+      --prefix-list NAME, --as-path-list NAME, --community-list NAME
+                        push only what these lists of this CPU permit
       --quit            end when everything is acknowledged
   -h, --help            this text
 )";
@@ -37,6 +39,9 @@ enum LongOnly {
     optionWindow,
     optionVrfs,
     optionQueues,
+    optionPrefixList,
+    optionPathList,
+    optionCommunityList,
     optionQuit
 };
 constexpr option longOptions[] = {
@@ -48,6 +53,9 @@ constexpr option longOptions[] = {
     {"window", required_argument, nullptr, optionWindow},
     {"vrfs", required_argument, nullptr, optionVrfs},
     {"queues", required_argument, nullptr, optionQueues},
+    {"prefix-list", required_argument, nullptr, optionPrefixList},
+    {"as-path-list", required_argument, nullptr, optionPathList},
+    {"community-list", required_argument, nullptr, optionCommunityList},
     {"quit", no_argument, nullptr, optionQuit},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
@@ -80,6 +88,15 @@ bool parseOptions(int argc, char **argv, zelroutes::Options &options) {
                 break;
             case optionQueues:
                 isValid = readNumber<std::uint32_t>(optarg, 1, 64, options.queues);
+                break;
+            case optionPrefixList:
+                options.filter.prefixes = optarg;
+                break;
+            case optionPathList:
+                options.filter.paths = optarg;
+                break;
+            case optionCommunityList:
+                options.filter.communities = optarg;
                 break;
             case optionQuit:
                 options.quits = true;

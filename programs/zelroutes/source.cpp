@@ -4,6 +4,7 @@
 
 #include "programs/support/program.h"
 #include "zel/kernel.h"
+#include "zel/policy.h"
 
 namespace zelroutes {
 namespace {
@@ -22,6 +23,8 @@ constexpr std::uint8_t retransmissions = 5;
 constexpr int retryTicks = 25;
 constexpr int waitSeconds = 1;
 constexpr std::uint32_t traceModule = 51;  // RTM
+// The cache of results: our bit, and room for the AS paths of a table of the Internet.
+constexpr std::uint32_t cacheClient = 1, cachedPaths = 100'000, cachedExpressions = 60;
 
 // Set by the queue's callback, which runs in the timer task or under a call of ours: the code that ended the stream.
 std::atomic<int> streamEnded = 0;
@@ -77,7 +80,21 @@ bool Source::load() {
         printf("zelroutes: %lu communities of %lu routes do not fit beside the AS path and are left out\n",
                table_.communitiesCut, table_.routesCut);
     if (table_.pathsCut > 0) printf("zelroutes: %lu AS paths are too long and are cut\n", table_.pathsCut);
+    if (!options_.filter.isEmpty()) filter();
     return true;
+}
+
+// Results of expressions are kept by AS path: most routes share theirs with others.
+void Source::filter() {
+    const std::size_t rows = table_.rows.size();
+    const double begin = zel::programs::monotonicSeconds();
+    aclRegexOptzInit(cacheClient, 1, cachedPaths, cachedExpressions);
+    decided_ = filterTable(table_, options_.filter);
+    aclRegexOptzClose();
+    filterSeconds_ = zel::programs::monotonicSeconds() - begin;
+    printf("zelroutes: policy permits %zu of %zu routes (%.3f s)\n", table_.rows.size(), rows, filterSeconds_);
+    for (const auto &[entry, routes] : decided_)
+        printf("zelroutes: %s entry %u took %lu routes\n", entry.first.c_str(), entry.second, routes);
 }
 
 // The look-up of the manager's address inside may wait for the manager to come up.
@@ -281,6 +298,9 @@ void Source::report() {
         table_.rows.size(), static_cast<unsigned long long>(status.enqueued),
         static_cast<unsigned long long>(status.sent + status.retransmitted),
         static_cast<unsigned long long>(status.retransmitted), queueFull_, recoveries_, seconds_);
+    if (!options_.filter.isEmpty()) fprintf(file, "filter-seconds %.3f\n", filterSeconds_);
+    for (const auto &[entry, routes] : decided_)
+        fprintf(file, "%s:%u %lu\n", entry.first.c_str(), entry.second, routes);
     fclose(file);
     rename(partial.c_str(), options_.report.c_str());
 }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "programs/support/policy_filter.h"
 #include "programs/support/table_file.h"
 #include "zel/ipc.h"
 #include "zel/rtm.h"
@@ -26,7 +27,8 @@ struct Options {
     std::uint32_t window = 0;  // 0: the queue's default
     std::uint32_t vrfs = 1;
     std::uint32_t queues = 0;  // of a queue list; 0: one queue without a list
-    bool quits = false;        // ends when everything is acknowledged
+    zel::programs::PolicyFilter filter;
+    bool quits = false;  // ends when everything is acknowledged
 };
 
 class Source {
@@ -49,6 +51,7 @@ private:
     };
 
     bool load();
+    void filter();
     bool makeQueues();
     int makeList();
     void removeQueues();
@@ -76,6 +79,8 @@ private:
     Options options_;
     zelIpcAddr address_{};
     zel::programs::TableFile table_;
+    zel::programs::PolicyCounts decided_;
+    double filterSeconds_ = 0;
     zelRtmRoute route_{};
     std::vector<std::uint32_t> queues_;
     zelSwpQList *list_ = nullptr;  // of these queues, if there is one

@@ -46,6 +46,14 @@ TEST(Demo, carriesACompleteTableAndAnswersFromIt) {
     EXPECT_EQ(summary(output, "drops"), "0");
 }
 
+TEST(Demo, pushesWhatThePolicyPermits) {
+    const std::string output =
+        demonstrate({fullTable(), "--policy", ZEL_DATA_DIR "/policy.conf"},
+                    {"the same as the file", "1  prefix seq 5 permit 0.0.0.0/0", "aspath seq 15 deny _(6449"});
+    EXPECT_EQ(summary(output, "rows read"), "577,737");
+    EXPECT_NE(summary(output, "rows permitted"), summary(output, "rows read"));
+}
+
 TEST(Demo, recoversFromAKilledManagerWithSeveralSources) {
     const std::string output = demonstrate({fullTable(), "--kill", "--peers", "2"},
                                            {"Killing the route table manager", "the same as the file"});
