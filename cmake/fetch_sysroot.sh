@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# fetch_sysroot.sh ARCHITECTURE DIRECTORY : unpacks the libraries that a foreign build links (libcrypto, GoogleTest) into
+# fetch_sysroot.sh ARCHITECTURE DIRECTORY : unpacks what a foreign build needs (libcrypto, GoogleTest, JSON) into
 # DIRECTORY. A package state of its own keeps the host's package manager out of it: the architecture is not enabled there.
 set -euo pipefail
 architecture=$1
@@ -16,7 +16,7 @@ options=(-qq -o "APT::Architecture=$architecture" -o "APT::Architectures=$archit
 
 # A mirror may lack one index for a while; the download says whether the others suffice.
 apt-get "${options[@]}" update || echo "$0: some package lists are missing" >&2
-(cd "$state/debs" && apt-get "${options[@]}" download libssl-dev libssl3 libgtest-dev libgmock-dev)
+(cd "$state/debs" && apt-get "${options[@]}" download libssl-dev libssl3 libgtest-dev libgmock-dev nlohmann-json3-dev)
 for package in "$state"/debs/*.deb; do
     dpkg-deb -x "$package" "$root"
 done
