@@ -125,10 +125,10 @@ std::uint32_t maskOf(unsigned length) {
 }
 
 void fillMask(std::uint8_t *mask, unsigned length) {
-    for (unsigned i = 0; i < 16; ++i)
-        mask[i] = length >= 8 * (i + 1) ? 0xff
-                  : length <= 8 * i     ? 0
-                                        : static_cast<std::uint8_t>(0xff00u >> (length % 8));
+    for (unsigned i = 0; i < 16; ++i) {
+        const unsigned ones = length <= 8 * i ? 0 : std::min(length - 8 * i, 8u);
+        mask[i] = static_cast<std::uint8_t>(0xff00u >> ones);
+    }
 }
 
 // ADDRESS/LENGTH, bits behind the length cleared.
