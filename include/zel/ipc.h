@@ -661,4 +661,7 @@ void zelSwpQListExpSeqListPrint(const zelSwpExpSeqList *expected);
 }
 #endif
 
+/* The link to the peer route processor is part of this family. */
+#include "zel/irc.h"
+
 #endif

@@ -538,4 +538,7 @@ int rtmIpRedirGetArrayIndex(int kind, uint32_t number);
 }
 #endif
 
+/* The multicast client is part of this family. */
+#include "zel/mrtm.h"
+
 #endif
