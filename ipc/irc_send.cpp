@@ -47,6 +47,7 @@ int tell(int result, int *error) {
 
 // The link is up and the sender's endpoint open: its key, else -1.
 int findSender(const Outgoing &outgoing) {
+    kernel::cancellationPoint();
     if (!irc_isLinkUp()) {
         zelErrorPrintf(linkModule, "zelIrcPeerRpmSend:  Can't send. Link to peer is not up.");
         return refuse(ENOLINK);

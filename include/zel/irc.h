@@ -126,7 +126,7 @@ typedef struct {
 
 /* Publishes the link state. 0, or -1 with errno. */
 int zelIrcSetLinkState(const zelIrcLinkState *state);
-/* Reads it; validMilliseconds is 0. */
+/* Reads it; validMilliseconds is 0. 0, or -1 with errno. */
 int zelIrcGetLinkState(zelIrcLinkState *state);
 /* Adds to one of the counters. */
 void zelIrcCount(int counter, uint32_t times);
