@@ -98,7 +98,7 @@ int zelMrtmResAgtRegisterAsyncRspQ(uint32_t clientType, uint32_t argument, const
 
 int zelMrtmReadRegistrationAnswer(const void *answer, int length, uint32_t *handle) {
     if (!zel::rtm::hasHeader(answer, length, RegistrationMessage::Handle::end)) return 1;
-    if (IpcHeader::Status::get(answer) != 0) return 1;
+    if (!handle || IpcHeader::Status::get(answer) != 0) return 1;
     *handle = RegistrationMessage::Handle::get(answer);
     return 0;
 }

@@ -57,7 +57,7 @@ int zelMrtmKxlSendSpanVlanMsg(uint32_t handle, const zelIpcAddr *ipc, uint32_t q
 
 int mrtmBuildAndSendQueryMsg(const zelMrtmQuery *query, const zelIpcAddr *ipc, void *response) {
     using Layout = QueryMessage;
-    if (!zel::asserted(query, "query", sourceName) || !isKnown(query->family)) return 1;
+    if (!zel::asserted(query, "query", sourceName) || !response || !isKnown(query->family)) return 1;
     auto *message = static_cast<uint8_t *>(response);
     std::memset(message, 0, Layout::answerSize);
     Layout::Handle::set(message, query->handle);
@@ -71,11 +71,12 @@ int mrtmBuildAndSendQueryMsg(const zelMrtmQuery *query, const zelIpcAddr *ipc, v
 }
 
 int mrtmFetchBitmapFromQueryResponse(const void *response, uint32_t *bitmap) {
-    if (IpcHeader::Status::get(response) != 0) return 1;
+    if (!response || !bitmap || IpcHeader::Status::get(response) != 0) return 1;
     return ifmMapFromBytes(zel::rtm::bytesOf(response) + QueryMessage::bitmap, bitmap) == IFM_OK ? 0 : 1;
 }
 
 int zelMrtmGetCounters(const zelIpcAddr *ipc, uint64_t counters[ZEL_MRTM_COUNTERS]) {
+    if (!counters) return 1;
     uint8_t message[zel::rtm::countersSize(ZEL_MRTM_COUNTERS)] = {};
     const int received = sendAndReceive(message, ZEL_MRTM_MSG_COUNTERS, IpcHeader::size, sizeof message, ipc);
     if (received < static_cast<int>(sizeof message) || IpcHeader::Status::get(message) != 0) return 1;
