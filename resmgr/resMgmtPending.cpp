@@ -88,13 +88,21 @@ bool allocateIndex(zelResDb *db, zelResClient *client, zelResEntry *entry) {
     return fileIndex(db, entry, index);
 }
 
+// When the KXL peer asked it hears with its answer, else now.
+void tellOfIndex(zelResDb *db, zelResEntry *entry) {
+    if (entry->isKxlRequest)
+        resMgmtLibHASyncObjEntry(db, entry);
+    else
+        announce(db, entry);
+}
+
 // One request of a client that may allocate; false when the rest has to wait.
 bool process(zelResDb *db, Request *request, zelResClient *client) {
     zelResEntry *entry = request->entry;
     const bool isNew = entry->objectIndex == -1;
     if (isNew && !allocateIndex(db, client, entry)) return false;
     clear(entry, ZEL_RES_WAITING);
-    if (isNew) resMgmtLibHASyncObjEntry(db, entry);
+    if (isNew) tellOfIndex(db, entry);
     request->flags |= visited;
     if (!serve(db, request, client)) return true;
     resMgmtLibHASyncObjEntry(db, entry);

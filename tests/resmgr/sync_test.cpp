@@ -219,7 +219,9 @@ public:
         std::size_t waiting = 0;
         for (const auto &[number, index] : primaryTable) waiting += index == -1;
         EXPECT_EQ(all.size() - waiting, std::min(all.size(), static_cast<std::size_t>(capacity)));
-        for (const auto &[number, index] : tableOf(primary(kxlPrimary ^ 1))) EXPECT_EQ(index, primaryTable[number]);
+        const std::map<uint32_t, int32_t> secondaryTable = tableOf(primary(kxlPrimary ^ 1));
+        for (const auto &[number, index] : secondaryTable) EXPECT_EQ(index, primaryTable[number]);
+        for (const auto &[number, index] : primaryTable) EXPECT_TRUE(index == -1 || secondaryTable.count(number) == 1);
     }
 
     Random &random;
