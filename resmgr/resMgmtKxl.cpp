@@ -123,7 +123,7 @@ void answerDeletion(const zelResSync &message, const zelResEntry *entry) {
 
 void withdraw(zelResDb *db, zelResEntry *entry) {
     const bool wasHandedOut = isHandedOut(entry);
-    resMgmtLibDeleteObjectIndex(db, entry);
+    freeIndexOf(db, entry);
     clear(entry, ZEL_RES_PEER_HELD | ZEL_RES_STALE);
     set(entry, ZEL_RES_WAITING);
     resMgmtLibHASyncObjEntry(db, entry);
@@ -205,7 +205,7 @@ int resMgmtLibProcObjDelRespFromKxlPeer(const zelResSync *message) {
         return ZEL_RES_OK;
     }
     if (isGone) {
-        resMgmtLibDeleteObjectIndex(db, entry);
+        freeIndexOf(db, entry);
         clear(entry, ZEL_RES_PEER_HELD);
     } else {
         moveTo(db, entry, message->index);
@@ -221,7 +221,7 @@ int resMgmtLibClearKxlPeerDependencies(zelResDb *db) {
     if (!db || !isPrimary()) return ZEL_RES_ERROR;
     forEachEntry(db, [db](zelResEntry *entry) {
         clear(entry, ZEL_RES_PEER_HELD | ZEL_RES_DELETING | ZEL_RES_STALE);
-        if (is(entry, ZEL_RES_WAITING)) resMgmtLibDeleteObjectIndex(db, entry);
+        if (is(entry, ZEL_RES_WAITING)) freeIndexOf(db, entry);
         dropHold(db, entry);
     });
     resMgmtLibProcessPendingRequests(db);

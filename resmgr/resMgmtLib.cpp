@@ -111,7 +111,7 @@ bool isRequest(const zelResClient *client, const zelResDb *db, const std::uint8_
 int assignIndex(zelResClient *client, zelResDb *db, zelResEntry *entry, bool isGiven, std::int32_t given) {
     if (isGiven) {
         if (resMgmtLibSetObjectIndex(db, given) != ZEL_RES_OK) return ZEL_RES_NO_INDEX;
-    } else if (rmLibCanLocalAllocateObjIndex(client, db) == 1 && resMgmtLibIsLocalObjIndexAvail(db)) {
+    } else if (rmLibCanLocalAllocateObjIndex(client, db) == 1 && rmLibIsLocalObjIndexAvail(db)) {
         if (resMgmtLibGetFreeObjectIndex(db, client, &given) != ZEL_RES_OK) return ZEL_RES_NO_INDEX;
     } else if (db->params.peerFlags == 0) {
         trace(errors, "%s(): Object will be cleaned up. \r\n", "resMgmtLibProcObjectEntryAdd");
@@ -188,9 +188,16 @@ bool giveIndex(zelResDb *db, zelResEntry *entry, std::int32_t index) {
     return false;
 }
 
+void freeIndexOf(zelResDb *db, zelResEntry *entry) {
+    if (entry->objectIndex == -1) return;
+    IndexTree::remove(db->entriesByIndex, entry->objectIndex);
+    resMgmtLibReleaseObjectIndex(db, entry->objectIndex);
+    entry->objectIndex = -1;
+}
+
 void discard(zelResDb *db, zelResEntry *entry) {
     dropRequests(db, entry, ZEL_RES_PENDING_LOCAL | ZEL_RES_PENDING_REMOTE);
-    resMgmtLibDeleteObjectIndex(db, entry);
+    freeIndexOf(db, entry);
     DigestTree::remove(db->entriesByDigest, entry->digest);
     --db->entryCount;
     release(*db, entry);
@@ -244,7 +251,7 @@ int rmLibCanLocalAllocateObjIndex(zelResClient *client, zelResDb *db) {
     return 0;
 }
 
-int resMgmtLibIsLocalObjIndexAvail(const zelResDb *db) {
+int rmLibIsLocalObjIndexAvail(const zelResDb *db) {
     return db && db->cfgInfo.used_count < db->cfgInfo.capacity;
 }
 
@@ -382,10 +389,10 @@ int resMgmtLibProcObjectEntryDel(zelResClient *client, zelResDb *db, zelResEntry
 }
 
 int resMgmtLibDeleteObjectIndex(zelResDb *db, zelResEntry *entry) {
-    if (!db || !entry) return ZEL_RES_ERROR;
+    if (!db || !entry || entry->kxlUnits > 0 || is(entry, ZEL_RES_PEER_HELD)) return ZEL_RES_ERROR;
     if (entry->objectIndex == -1) return ZEL_RES_OK;
-    IndexTree::remove(db->entriesByIndex, entry->objectIndex);
-    const int result = resMgmtLibReleaseObjectIndex(db, entry->objectIndex);
-    entry->objectIndex = -1;
-    return result;
+    freeIndexOf(db, entry);
+    set(entry, ZEL_RES_WAITING);
+    resMgmtLibHASyncObjEntry(db, entry);
+    return ZEL_RES_OK;
 }

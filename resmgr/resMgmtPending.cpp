@@ -125,6 +125,7 @@ int queueRequest(std::uint32_t clientId, zelResDb *db, zelResEntry *entry, const
         ++db->pendingDuplicates;
         return ZEL_RES_OK;
     }
+    if (cookieLen > UINT32_MAX - sizeof(Request)) return ZEL_RES_NO_MEMORY;
     request = static_cast<Request *>(allocate(*db, ZEL_RES_TAG_PENDING, sizeof(Request) + cookieLen));
     if (!request) return ZEL_RES_NO_MEMORY;
     request->entry = entry;
@@ -179,7 +180,7 @@ int resMgmtLibAddPendingReq(uint32_t clientId, zelResDb *db, zelResEntry *entry,
 }
 
 void resMgmtLibProcessPendingRequests(zelResDb *db) {
-    if (!db || db->isServing || !resMgmtLibIsLocalObjIndexAvail(db)) return;
+    if (!db || db->isServing || !rmLibIsLocalObjIndexAvail(db)) return;
     db->isServing = 1;
     Request *request = asRequest(zelDLLGetFirst(&db->pending));
     while (request) {

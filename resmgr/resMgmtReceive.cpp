@@ -166,7 +166,7 @@ bool isTakenByHand(const zelResDb *db, std::int32_t index) {
 
 void moveTo(zelResDb *db, zelResEntry *entry, std::int32_t index) {
     if (entry->objectIndex == index) return;
-    resMgmtLibDeleteObjectIndex(db, entry);
+    freeIndexOf(db, entry);
     if (zelResEntry *holder = resMgmtLibFindObjectIndex(db, index)) {
         if (isPrimary() && holder->refCount > 0)
             withdraw(db, holder);

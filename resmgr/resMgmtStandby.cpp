@@ -56,6 +56,7 @@ int createAsTold(std::uint32_t clientId, const zelResDbParams &params) {
 int takeConfig(const std::uint8_t *message, std::uint32_t length) {
     if (length != SyncConfig::size || !std::memchr(message + SyncConfig::name, 0, ZEL_RES_NAME_SIZE)) return refuse();
     const zelResDbParams params = readParams(message);
+    if (params.size > 0 && std::int64_t{params.endIndex} - params.startIndex + 1 != params.size) return refuse();
     zelResDb *db = databaseAt(params.databaseId);
     if (!db) return createAsTold(SyncHeader::Client::get(message), params);
     if (db->params.keyLength != params.keyLength || db->params.peerFlags != params.peerFlags) return refuse();
@@ -83,7 +84,7 @@ int takeObject(const zelResSync &message) {
     entry->kxlUnits = entry->isKxlRequest;
     entry->statusFlag = message.flags & (ZEL_RES_STALE - 1);
     if (message.index == -1)
-        resMgmtLibDeleteObjectIndex(db, entry);
+        freeIndexOf(db, entry);
     else
         moveTo(db, entry, message.index);
     takeRequest(message, entry);

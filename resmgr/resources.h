@@ -109,6 +109,8 @@ int fileEntry(zelResDb *db, const std::uint8_t *digest, const zelResKey &key, ze
 bool fileIndex(zelResDb *db, zelResEntry *entry, std::int32_t index);
 // Marks this very index used and gives it to an entry that has none.
 bool giveIndex(zelResDb *db, zelResEntry *entry, std::int32_t index);
+// Gives back the index of an entry, if it has one.
+void freeIndexOf(zelResDb *db, zelResEntry *entry);
 // Takes an entry out with its index and its requests, and frees it.
 void discard(zelResDb *db, zelResEntry *entry);
 // The same, and tells the standby and the KXL secondary.

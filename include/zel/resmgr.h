@@ -82,7 +82,7 @@ typedef void (*zelResPendingFn)(zelResDb *db, zelResEntry *entry, const void *co
  * peer answers ZEL_RES_KXL_SECONDARY until it has the peer's entries. */
 typedef int (*zelResPeerRoleFn)(void);
 /* 5: non-zero when the KXL peer must know the entry; asked once, when the entry is added to a database that has
- * ZEL_RES_DB_MARKS. */
+ * ZEL_RES_DB_MARKS. It does not delete the entry. */
 typedef int (*zelResMarkedFn)(zelResDb *db, const zelResEntry *entry);
 /* 6, and the transport of the process: sends one message, at most ZEL_RES_MAX_SYNC bytes, and returns 0, or -1 when the
  * receiver cannot be reached. Messages arrive in order, or not at all; what was taken and is lost with the sender can
@@ -115,7 +115,8 @@ int resMgmtLibRegisterClient(uint32_t clientId, uint16_t service, uint16_t insta
                              zelFreeFn freeHook, zelResIndexChangedFn indexChanged, zelResPendingFn pendingServed,
                              zelResPendingFn remoteAllocated, zelResPeerRoleFn peerRole, zelResMarkedFn isMarked,
                              zelResSendFn kxlSend, uint32_t word1, uint32_t word2, uint32_t word3);
-/* Releases every client, database, entry and request, without telling anybody, and clears the counters. */
+/* Releases every client, database, entry and request, without telling anybody, clears the counters and forgets the
+ * transport. */
 void resMgmtLibTerminate(void);
 
 /* ==== Databases =================================================================================================== */
@@ -200,11 +201,11 @@ int resMgmtLibInitFreeIndexList(zelResDb *db, int32_t start, int32_t end, int is
 /* 1: this process may allocate; 0: the KXL primary, or the primary route processor does; -1: an argument is missing. */
 int rmLibCanLocalAllocateObjIndex(zelResClient *client, zelResDb *db);
 /* 1 while some index is not taken. */
-int resMgmtLibIsLocalObjIndexAvail(const zelResDb *db);
+int rmLibIsLocalObjIndexAvail(const zelResDb *db);
 
 /* ==== Indexes =====================================================================================================
  *
- * Most callers want entries, below; these calls know nothing of owners.
+ * Most callers want entries, below; these calls know nothing of owners, and tell neither the standby nor the KXL peer.
  */
 
 /* The first free index of the range behind `prev`, -1: of all; -1 when there is none. */
@@ -287,7 +288,8 @@ int resMgmtLibRefObjectEntry(zelResClient *client, zelResDb *db, zelResEntry *en
 /* Takes one reference. With the last one the entry leaves and its index is free, unless the KXL peer holds it; on the
  * secondary that happens when the primary has confirmed. An entry without references is reported by assertion. */
 int resMgmtLibProcObjectEntryDel(zelResClient *client, zelResDb *db, zelResEntry *entry);
-/* Takes its index from an entry that stays. */
+/* Takes its index from an entry that stays, and waits then: a request brings it another one. ZEL_RES_ERROR: the KXL
+ * peer holds the entry, too. */
 int resMgmtLibDeleteObjectIndex(zelResDb *db, zelResEntry *entry);
 
 /* ---- By ids and keys: what a program does with the calls above ---- */

@@ -316,6 +316,22 @@ TEST_F(Resources, AnEntryIsFiledOnceUnderItsDigest) {
     EXPECT_EQ(db()->lastFreed, 0);
 }
 
+TEST_F(Resources, AnEntryThatLosesItsIndexWaitsForAnother) {
+    registerClient(1);
+    createDatabase(0, 9, ZEL_RES_PEER_AWARE);
+    ASSERT_EQ(add(1), 0);
+    entryOf(1)->kxlUnits = 1;
+    EXPECT_EQ(resMgmtLibDeleteObjectIndex(db(), entryOf(1)), -1);
+    entryOf(1)->kxlUnits = 0;
+    EXPECT_EQ(resMgmtLibDeleteObjectIndex(db(), entryOf(1)), 0);
+    EXPECT_EQ(audit(), "");
+    EXPECT_EQ(add(1, nullptr, "c"), -3);
+    served.clear();
+    resMgmtLibProcessPendingRequests(db());
+    ASSERT_EQ(served.size(), 1u);
+    EXPECT_EQ(served[0].index, 1);
+}
+
 TEST_F(Resources, TheRightToAllocateFollowsTheRoles) {
     registerClient(1);
     createDatabase(0, 1, ZEL_RES_PEER_AWARE);
