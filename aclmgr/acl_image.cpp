@@ -262,7 +262,7 @@ void getRecord(const std::uint8_t *record, zelAclIpv6Entry *entry) {
 template <class Record, class Entry>
 bool readChain(const Bytes &image, const AclChain &chain, std::vector<Entry> *entries) {
     entries->clear();
-    const std::size_t count = chain.entries;
+    const std::size_t count = policy::readOnce(chain.entries);
     const auto *sequences = policy::inside<std::uint32_t>(image, chain.sequences, count);
     if (sequences == nullptr) return false;
     std::uint32_t next = chain.head;

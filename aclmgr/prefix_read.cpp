@@ -52,6 +52,7 @@ public:
     bool eachEntry(Visit visit) const {
         if (!isUsable_) return false;
         std::uint32_t left = readOnce(image_->header.entries);
+        if (left > PrefixDraft::lastSequence) return false;
         for (std::uint32_t i = 0; i < prefixes_; ++i)
             if (!visitPrefix(record(i).entry, left, visit)) return false;
         Offset at = readOnce(image_->chain);

@@ -37,7 +37,7 @@ inline constexpr std::uint32_t noExportValue = 0xffffff01, noAdvertiseValue = 0x
 // The entries of an image, and how many; 0 when they do not all lie in it.
 template <class Entry>
 const Entry *entriesOf(const Bytes &image, std::uint32_t &count) {
-    count = image ? image.header()->entries : 0;
+    count = image ? readOnce(image.header()->entries) : 0;
     const Entry *entries = image ? inside<Entry>(image, sizeof(Image), count) : nullptr;
     if (!entries) count = 0;
     return entries;

@@ -93,8 +93,9 @@ constexpr std::uint32_t wellKnownValues[3] = {localAsValue, noAdvertiseValue, no
 
 // What a standard entry asks for. Values that do not lie in the image are asked for in vain: `count` says how many.
 Required requiredBy(const Bytes &image, const CommEntry &entry) {
-    return {inside<Community>(image, entry.values, entry.count),
-            entry.count,
+    const std::uint32_t count = readOnce(entry.count);
+    return {inside<Community>(image, entry.values, count),
+            count,
             {entry.localAs != 0, entry.noAdvertise != 0, entry.noExport != 0}};
 }
 

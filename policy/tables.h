@@ -36,8 +36,8 @@ inline constexpr std::uint32_t nameBits = nameLength * 8;
 // An offset from the begin of the policy segment; 0 is none.
 using Link = std::uint32_t;
 
-// Begins every image.
-struct Image {
+// Begins every image; aligned for all that stands in one.
+struct alignas(std::uint64_t) Image {
     static constexpr std::uint32_t validMagic = 0x7a696d67;
     std::uint32_t magic;
     std::uint32_t bytes;  // of the whole block, this header included
@@ -83,6 +83,12 @@ struct Root {
     Link firstSpare, lastSpare;
 };
 static_assert(sizeof(Root) <= platform::policyRootBytes);
+
+// A pointer or number of the segment, read once: it may change at any moment.
+template <class T>
+T readOnce(const T &value) {
+    return __atomic_load_n(&value, __ATOMIC_ACQUIRE);
+}
 
 // The root, attaching the segment at first use; null while there is none, or none that a writer has prepared. A process
 // that finds none looks again at most once a second.

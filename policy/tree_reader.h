@@ -9,12 +9,6 @@
 
 namespace zel::policy {
 
-// A pointer or number of the segment, read once: it may change at any moment.
-template <class T>
-T readOnce(const T &value) {
-    return __atomic_load_n(&value, __ATOMIC_ACQUIRE);
-}
-
 inline const zelRadixNode *nodeAt(const zelRadix &tree, std::uint32_t number) {
     if (number == 0) return nullptr;
     const auto slabs = reinterpret_cast<std::uintptr_t>(readOnce(tree.rtt_slabs));
