@@ -177,7 +177,7 @@ std::uint32_t checkUdp(const Bytes &image, const Datagram &datagram) {
 
 std::uint32_t check6(const Bytes &image, const std::uint8_t *source) {
     const AclImage *list = listOf(image, &AclImage::ipv6);
-    if (list == nullptr) return permit;
+    if (list == nullptr || source == nullptr) return list == nullptr ? permit : deny;
     const AclColumns &form = list->ipv6Columns;
     if (const Columns<4, false> columns(image, form); columns) {
         platform::ColumnQuery query = {};
@@ -193,7 +193,7 @@ std::uint32_t check6(const Bytes &image, const std::uint8_t *source) {
 
 std::uint32_t checkSource6(const Bytes &image, const std::uint8_t *source) {
     const AclImage *list = listOf(image, &AclImage::ipv6);
-    if (list == nullptr) return permit;
+    if (list == nullptr || source == nullptr) return list == nullptr ? permit : deny;
     const Address6 address(source);
     return walk<Ipv6Record>(image, list->ipv6,
                             [&](const std::uint8_t *record) { return matchesSource6(record, address); });
@@ -227,7 +227,9 @@ std::uint32_t entry6(const Bytes &image, const std::uint8_t *source) {
 using namespace zel::policy;
 
 uint32_t ipFilterCheck(const zelIpPair *pair, const zelIpAcl *list) {
-    return checkIp(imageOf(list, Kind::ipAcl), pair->src, pair->dst);
+    const Bytes image = imageOf(list, Kind::ipAcl);
+    if (pair == nullptr) return listOf(image, &AclImage::ip) == nullptr ? permit : deny;
+    return checkIp(image, pair->src, pair->dst);
 }
 
 uint32_t ipUdpFilterCheck(uint32_t source, uint32_t destination, uint16_t sourcePort, uint16_t destinationPort,

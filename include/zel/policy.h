@@ -78,7 +78,7 @@ zelIpAcl *m_ipAccessListFind(const char *name);
 zelIpAcl *m_aclV6AccessListFind(const char *name);
 
 /* Verdict on an IPv4 packet, by the name of a list, by its handle, and as the others evaluate it. A null name, list or
- * handle permits; `pair` is not null. */
+ * handle permits; no entry matches a null `pair`. */
 uint32_t ipAccessListCheck(const char *name, uint32_t source, uint32_t destination);
 uint32_t ipAccessListCheckWithHandle(const zelIpAcl *list, uint32_t source, uint32_t destination);
 uint32_t ipFilterCheck(const zelIpPair *pair, const zelIpAcl *list);
@@ -97,7 +97,8 @@ uint32_t m_ipUdpAccessListCheck(const char *name, uint32_t source, uint32_t unus
 uint32_t m_ipUdpAccessListCheckWithHandle(const zelIpAcl *list, uint32_t source, uint32_t destination,
                                           uint16_t sourcePort, uint16_t destinationPort);
 
-/* Verdict on an IPv6 packet. `source` is not null. aclV6FilterCheckOnlySrc asks for the entry's source alone. */
+/* Verdict on an IPv6 packet. No entry matches a null `source`. aclV6FilterCheckOnlySrc asks for the entry's source
+ * alone. */
 uint32_t aclV6AccessListCheck(const char *name, const uint8_t source[16], const uint8_t destination[16]);
 uint32_t aclV6AccessListCheckWithHandle(const zelIpAcl *list, const uint8_t source[16], const uint8_t destination[16]);
 uint32_t aclV6FilterCheck(const uint8_t *source, const uint8_t *destination, const zelIpAcl *list);
@@ -179,6 +180,8 @@ const char *aclRetCodeToStr(uint32_t code, ...);
  * Entries whose mask is no prefix are outside that order: only the first of them whose masked address matches counts,
  * whatever the length asked for.
  *
+ * No entry matches a null address or a null mask.
+ *
  * A mask that is no prefix asks for a length that no entry has; so does a length beyond the family's. Another `family`
  * than 1 and 2, or a list of the other one: the list is unknown by name, and denies as a handle unless it is empty. */
 
@@ -226,7 +229,7 @@ uint32_t m_prefixListCheckv4_v6Ext(const char *name, const uint8_t *address, con
 uint32_t m_prefixListCheckWithHandlev4_v6Ext(zelPrefixList *list, const uint8_t *address, const uint8_t *mask,
                                              int family);
 
-/* The length of a mask, 255 when it is no prefix; null is a mask of none. */
+/* The length of a mask, 255 when it is no prefix, or null. */
 uint8_t acl_host_order_mask2plen(uint32_t mask);
 uint8_t acl_mask2plen(const uint8_t mask[16]);
 /* 1 when a condition accepts a prefix of `length` bits, else 0: one with `prefixLength` bits, 255 for a mask that is no
