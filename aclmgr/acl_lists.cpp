@@ -26,32 +26,38 @@ typename Chain<Entry>::Draft read(const ListNode *list) {
 }
 
 template <class Entry>
-std::uint32_t setList(const zelAclMgr &manager, const char *name, const Entry *entries, std::uint32_t count) {
+std::uint32_t edit(const zelAclMgr &manager, const char *name, bool clears, const Entry *entries, std::uint32_t count) {
     Change change(manager);
     auto draft = read<Entry>(change.find(Chain<Entry>::kind, name));
-    draft.clear();
+    if (clears) draft.clear();
     for (std::uint32_t i = 0; i < count; ++i)
         if (const std::uint32_t code = draft.add(entries[i])) return code;
     return change.set(Chain<Entry>::kind, name, draft);
 }
 
 template <class Entry>
-std::uint32_t addEntry(const zelAclMgr &manager, const char *name, const Entry &entry) {
-    Change change(manager);
-    auto draft = read<Entry>(change.find(Chain<Entry>::kind, name));
-    if (const std::uint32_t code = draft.add(entry)) return code;
-    return change.set(Chain<Entry>::kind, name, draft);
+std::uint32_t setList(const zelAclMgr *manager, const char *name, const Entry *entries, std::uint32_t count) {
+    return changing(manager, entries != nullptr || count == 0, rowOf(Chain<Entry>::kind)->noMemory,
+                    [&](const zelAclMgr &given) { return edit(given, name, true, entries, count); });
 }
 
 template <class Entry>
-int getEntries(const zelAclMgr &manager, const char *name, Entry *entries, int capacity) {
-    const Change change(manager);
-    const ListNode *list = change.find(Chain<Entry>::kind, name);
-    const auto draft = read<Entry>(list);
-    if (list == nullptr || (draft.items.empty() && draft.entries() != 0)) return -1;
-    std::copy_n(draft.items.begin(), std::min(draft.items.size(), static_cast<std::size_t>(std::max(capacity, 0))),
-                entries);
-    return static_cast<int>(draft.items.size());
+std::uint32_t addEntry(const zelAclMgr *manager, const char *name, const Entry *entry) {
+    return changing(manager, entry != nullptr, rowOf(Chain<Entry>::kind)->noMemory,
+                    [&](const zelAclMgr &given) { return edit(given, name, false, entry, 1); });
+}
+
+template <class Entry>
+int getEntries(const zelAclMgr *manager, const char *name, Entry *entries, int capacity) {
+    return reading(manager, entries != nullptr || capacity <= 0, [&](const zelAclMgr &given) {
+        const Change change(given);
+        const ListNode *list = change.find(Chain<Entry>::kind, name);
+        const auto draft = read<Entry>(list);
+        if (list == nullptr || (draft.items.empty() && draft.entries() != 0)) return -1;
+        std::copy_n(draft.items.begin(), std::min(draft.items.size(), static_cast<std::size_t>(std::max(capacity, 0))),
+                    entries);
+        return static_cast<int>(draft.items.size());
+    });
 }
 
 template <class Draft>
@@ -69,22 +75,22 @@ const ListOperations ipv6Operations{readDraft<Ipv6Draft>, isWholeAclImage, nullp
 using namespace zel::aclmgr;
 
 uint32_t zelAclMgrSetIpList(zelAclMgr *manager, const char *name, const zelAclIpEntry *entries, uint32_t count) {
-    return setList(*manager, name, entries, count);
+    return setList(manager, name, entries, count);
 }
 uint32_t zelAclMgrSetIpv6List(zelAclMgr *manager, const char *name, const zelAclIpv6Entry *entries, uint32_t count) {
-    return setList(*manager, name, entries, count);
+    return setList(manager, name, entries, count);
 }
 
 uint32_t zelAclMgrAddIpEntry(zelAclMgr *manager, const char *name, const zelAclIpEntry *entry) {
-    return addEntry(*manager, name, *entry);
+    return addEntry(manager, name, entry);
 }
 uint32_t zelAclMgrAddIpv6Entry(zelAclMgr *manager, const char *name, const zelAclIpv6Entry *entry) {
-    return addEntry(*manager, name, *entry);
+    return addEntry(manager, name, entry);
 }
 
 int zelAclMgrGetIpEntries(zelAclMgr *manager, const char *name, zelAclIpEntry *entries, int capacity) {
-    return getEntries(*manager, name, entries, capacity);
+    return getEntries(manager, name, entries, capacity);
 }
 int zelAclMgrGetIpv6Entries(zelAclMgr *manager, const char *name, zelAclIpv6Entry *entries, int capacity) {
-    return getEntries(*manager, name, entries, capacity);
+    return getEntries(manager, name, entries, capacity);
 }

@@ -82,10 +82,12 @@ CommItem itemOf(const zelAclCommEntry &entry) {
     return item;
 }
 
-CommItem itemOf(const CommEntry &entry, const Community *values, const zelRegex *expression) {
+CommItem itemOf(const CommEntry &entry, const Bytes &image, const zelRegex *expression) {
     CommItem item{entry.sequence,         entry.action,        entry.kind, entry.localAs != 0,
                   entry.noAdvertise != 0, entry.noExport != 0, {},         expression ? expression->pattern : nullptr};
-    for (std::uint32_t i = 0; values && i < entry.count; ++i) item.values.push_back(values[i].value());
+    const std::uint32_t count = policy::readOnce(entry.count);
+    const auto *values = policy::inside<Community>(image, entry.values, count);
+    for (std::uint32_t i = 0; values && i < count; ++i) item.values.push_back(values[i].value());
     return item;
 }
 
@@ -97,7 +99,7 @@ std::unique_ptr<Draft> readComm(const Bytes &image) {
         const CommEntry &entry = entries[i];
         const zelRegex *expression = entry.kind == CommEntry::expanded ? expressionAt(entry.expression) : nullptr;
         if (entry.kind == CommEntry::expanded && !expression) continue;
-        draft->items.push_back(itemOf(entry, policy::inside<Community>(image, entry.values, entry.count), expression));
+        draft->items.push_back(itemOf(entry, image, expression));
     }
     return draft;
 }
@@ -160,24 +162,28 @@ std::vector<const void *> blocksOf(const std::vector<Count> &counts) {
 }
 
 template <class DraftType, class Entry>
-std::uint32_t setList(const zelAclMgr &manager, zelAclMgrKind kind, const char *name, const Entry *entries,
+std::uint32_t setList(const zelAclMgr *manager, zelAclMgrKind kind, const char *name, const Entry *entries,
                       std::uint32_t count, std::uint32_t (*add)(DraftType &, const Entry &)) {
-    DraftType draft;
-    for (std::uint32_t i = 0; i < count; ++i)
-        if (const std::uint32_t code = add(draft, entries[i])) return code;
-    Change change(manager);
-    return change.set(kind, name, draft);
+    return changing(manager, entries || count == 0, rowOf(kind)->noMemory, [&](const zelAclMgr &given) {
+        DraftType draft;
+        for (std::uint32_t i = 0; i < count; ++i)
+            if (const std::uint32_t code = add(draft, entries[i])) return code;
+        Change change(given);
+        return change.set(kind, name, draft);
+    });
 }
 
 template <class DraftType, class Entry>
-std::uint32_t addEntry(const zelAclMgr &manager, zelAclMgrKind kind, const char *name, const Entry &entry,
+std::uint32_t addEntry(const zelAclMgr *manager, zelAclMgrKind kind, const char *name, const Entry *entry,
                        std::uint32_t (*add)(DraftType &, const Entry &)) {
-    Change change(manager);
-    const ListNode *list = change.find(kind, name);
-    const auto draft = rowOf(kind)->operations->read(list ? imageOf(*list) : Bytes{});
-    auto &typed = static_cast<DraftType &>(*draft);
-    if (const std::uint32_t code = add(typed, entry)) return code;
-    return change.set(kind, name, typed);
+    return changing(manager, entry, rowOf(kind)->noMemory, [&](const zelAclMgr &given) {
+        Change change(given);
+        const ListNode *list = change.find(kind, name);
+        const auto draft = rowOf(kind)->operations->read(list ? imageOf(*list) : Bytes{});
+        auto &typed = static_cast<DraftType &>(*draft);
+        if (const std::uint32_t code = add(typed, *entry)) return code;
+        return change.set(kind, name, typed);
+    });
 }
 
 std::uint32_t addAsp(AspDraft &draft, const zelAclAspEntry &entry) {
@@ -191,9 +197,11 @@ std::uint32_t addComm(CommDraft &draft, const zelAclCommEntry &entry) {
 }  // namespace
 
 bool HeldExpressions::take(const char *pattern) {
-    zelRegex *expression = zelbgp_regex_for_list(pattern);
-    if (expression) held_.push_back(expression);
-    return expression != nullptr;
+    zelRegex *&expression = held_.emplace_back();  // first, since there may be no room
+    expression = zelbgp_regex_for_list(pattern);
+    if (expression) return true;
+    held_.pop_back();
+    return false;
 }
 
 Link HeldExpressions::give() {
@@ -291,51 +299,51 @@ constinit const ListOperations commOperations{readComm, isWholeComm, dropLinks, 
 using namespace zel::aclmgr;
 
 uint32_t zelAclMgrSetAspList(zelAclMgr *manager, const char *name, const zelAclAspEntry *entries, uint32_t count) {
-    if (!manager || (!entries && count != 0)) return codeValueRange;
-    return setList<AspDraft>(*manager, ZEL_ACLMGR_ASPATH, name, entries, count, addAsp);
+    return setList<AspDraft>(manager, ZEL_ACLMGR_ASPATH, name, entries, count, addAsp);
 }
 
 uint32_t zelAclMgrAddAspEntry(zelAclMgr *manager, const char *name, const zelAclAspEntry *entry) {
-    if (!manager || !entry) return codeValueRange;
-    return addEntry<AspDraft>(*manager, ZEL_ACLMGR_ASPATH, name, *entry, addAsp);
+    return addEntry<AspDraft>(manager, ZEL_ACLMGR_ASPATH, name, entry, addAsp);
 }
 
 int zelAclMgrGetAspEntries(zelAclMgr *manager, const char *name, zelAclAspEntry *entries, int capacity) {
-    if (!manager) return -1;
-    const Change change(*manager);
-    const ListNode *list = change.find(ZEL_ACLMGR_ASPATH, name);
-    if (!list) return -1;
-    const auto draft = readAsp(imageOf(*list));
-    const auto &items = static_cast<AspDraft &>(*draft).items;
-    for (int i = 0; i < capacity && i < static_cast<int>(items.size()); ++i) entries[i] = items[static_cast<size_t>(i)];
-    return static_cast<int>(items.size());
+    return reading(manager, entries || capacity <= 0, [&](const zelAclMgr &given) {
+        const Change change(given);
+        const ListNode *list = change.find(ZEL_ACLMGR_ASPATH, name);
+        if (!list) return -1;
+        const auto draft = readAsp(imageOf(*list));
+        const auto &items = static_cast<AspDraft &>(*draft).items;
+        for (int i = 0; i < capacity && i < static_cast<int>(items.size()); ++i)
+            entries[i] = items[static_cast<size_t>(i)];
+        return static_cast<int>(items.size());
+    });
 }
 
 uint32_t zelAclMgrSetCommList(zelAclMgr *manager, const char *name, const zelAclCommEntry *entries, uint32_t count) {
-    if (!manager || (!entries && count != 0)) return codeValueRange;
-    return setList<CommDraft>(*manager, ZEL_ACLMGR_COMMUNITY, name, entries, count, addComm);
+    return setList<CommDraft>(manager, ZEL_ACLMGR_COMMUNITY, name, entries, count, addComm);
 }
 
 uint32_t zelAclMgrAddCommEntry(zelAclMgr *manager, const char *name, const zelAclCommEntry *entry) {
-    if (!manager || !entry) return codeValueRange;
-    return addEntry<CommDraft>(*manager, ZEL_ACLMGR_COMMUNITY, name, *entry, addComm);
+    return addEntry<CommDraft>(manager, ZEL_ACLMGR_COMMUNITY, name, entry, addComm);
 }
 
 int zelAclMgrGetCommEntries(zelAclMgr *manager, const char *name, zelAclCommEntry *entries, int capacity,
                             uint32_t *values, uint32_t valueCapacity) {
-    if (!manager) return -1;
-    const Change change(*manager);
-    const ListNode *list = change.find(ZEL_ACLMGR_COMMUNITY, name);
-    if (!list) return -1;
-    const auto draft = readComm(imageOf(*list));
-    const auto &items = static_cast<CommDraft &>(*draft).items;
-    uint32_t used = 0;
-    for (int i = 0; i < capacity && i < static_cast<int>(items.size()); ++i) {
-        const CommItem &item = items[static_cast<size_t>(i)];
-        entries[i] = entryOf(item);
-        if (item.values.size() > valueCapacity - used) continue;
-        entries[i].values = values + used;
-        for (const uint32_t value : item.values) values[used++] = value;
-    }
-    return static_cast<int>(items.size());
+    const bool isComplete = (entries || capacity <= 0) && (values || valueCapacity == 0);
+    return reading(manager, isComplete, [&](const zelAclMgr &given) {
+        const Change change(given);
+        const ListNode *list = change.find(ZEL_ACLMGR_COMMUNITY, name);
+        if (!list) return -1;
+        const auto draft = readComm(imageOf(*list));
+        const auto &items = static_cast<CommDraft &>(*draft).items;
+        uint32_t used = 0;
+        for (int i = 0; i < capacity && i < static_cast<int>(items.size()); ++i) {
+            const CommItem &item = items[static_cast<size_t>(i)];
+            entries[i] = entryOf(item);
+            if (item.values.size() > valueCapacity - used) continue;
+            entries[i].values = values + used;
+            for (const uint32_t value : item.values) values[used++] = value;
+        }
+        return static_cast<int>(items.size());
+    });
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <vector>
 
 #include "aclmgr/store.h"
@@ -24,6 +25,27 @@ public:
 inline constexpr std::uint32_t codeNoMemory = 0x3900001c, codeSequenceExists = 0x39000029,
                                codeSequenceMissing = 0x3900002a, codeSequenceRange = 0x3900002d,
                                codeValueRange = 0x3900002f;
+
+// The frame of every public call. Where there is no manager, or something else is null that must not be, the answer is
+// that of a bad value; memory that a container does not get is answered too, since callers in C catch nothing.
+template <class Result, class Work>
+Result answer(const zelAclMgr *manager, bool isComplete, Result badValue, Result noMemory, const Work &work, int line) {
+    if (!isManager(manager, line) || !isComplete) return badValue;
+    try {
+        return work(*manager);
+    } catch (const std::bad_alloc &) {
+        return noMemory;
+    }
+}
+template <class Work>
+std::uint32_t changing(const zelAclMgr *manager, bool isComplete, std::uint32_t noMemory, const Work &work,
+                       int line = __builtin_LINE()) {
+    return answer(manager, isComplete, codeValueRange, noMemory, work, line);
+}
+template <class Work>
+int reading(const zelAclMgr *manager, bool isComplete, const Work &work, int line = __builtin_LINE()) {
+    return answer(manager, isComplete, -1, -1, work, line);
+}
 
 // Most kinds keep their entries in a vector; Entry has a member `sequence`, as wide as sequence numbers of that kind.
 template <class Entry>

@@ -73,28 +73,29 @@ std::uint32_t resequence(const zelAclMgr &manager, zelAclMgrKind kind, const cha
 using namespace zel::aclmgr;
 
 uint32_t zelAclMgrRemoveList(zelAclMgr *manager, zelAclMgrKind kind, const char *name) {
-    if (!isManager(manager)) return codeValueRange;
-    return removeList(*manager, kind, name);
+    return changing(manager, true, codeNoMemory, [&](const zelAclMgr &given) { return removeList(given, kind, name); });
 }
 
 uint32_t zelAclMgrRemoveEntry(zelAclMgr *manager, zelAclMgrKind kind, const char *name, uint32_t sequence) {
-    if (!isManager(manager)) return codeValueRange;
-    return removeEntry(*manager, kind, name, sequence);
+    return changing(manager, true, codeNoMemory,
+                    [&](const zelAclMgr &given) { return removeEntry(given, kind, name, sequence); });
 }
 
 uint32_t zelAclMgrResequence(zelAclMgr *manager, zelAclMgrKind kind, const char *name, uint32_t first, uint32_t step) {
-    if (!isManager(manager)) return codeValueRange;
-    return resequence(*manager, kind, name, first, step);
+    return changing(manager, true, codeNoMemory,
+                    [&](const zelAclMgr &given) { return resequence(given, kind, name, first, step); });
 }
 
 int zelAclMgrGetNames(zelAclMgr *manager, zelAclMgrKind kind, char (*names)[ZEL_POLICY_NAME + 1], int capacity) {
     const KindRow *row = rowOf(kind);
-    if (!isManager(manager) || row == nullptr) return -1;
-    const Change change(*manager);
-    zelRadix *tree = &manager->tables->trees[static_cast<std::size_t>(row->kind)];
-    int count = 0;
-    for (zelRadixEntry *entry = zelRadixGetNext(tree, nullptr); entry != nullptr; entry = zelRadixGetNext(tree, entry))
-        if (count++ < capacity)
-            memcpy(names[count - 1], reinterpret_cast<const ListNode *>(entry)->name, ZEL_POLICY_NAME + 1);
-    return count;
+    const bool isComplete = row != nullptr && (names != nullptr || capacity <= 0);
+    return reading(manager, isComplete, [&](const zelAclMgr &given) {
+        const Change change(given);
+        zelRadix *tree = &given.tables->trees[static_cast<std::size_t>(row->kind)];
+        int count = 0;
+        for (zelRadixEntry *at = zelRadixGetNext(tree, nullptr); at != nullptr; at = zelRadixGetNext(tree, at))
+            if (count++ < capacity)
+                memcpy(names[count - 1], reinterpret_cast<const ListNode *>(at)->name, ZEL_POLICY_NAME + 1);
+        return count;
+    });
 }

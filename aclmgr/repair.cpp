@@ -102,7 +102,12 @@ std::uint32_t audit(policy::Root &root, zelAclMgrAuditReport &report) {
 }  // namespace zel::aclmgr
 
 uint32_t zelAclMgrAudit(zelAclMgr *manager, zelAclMgrAuditReport *report) {
-    if (!zel::aclmgr::isManager(manager)) return 1;
-    const zel::aclmgr::Change change(*manager);
-    return zel::aclmgr::audit(change.root(), *report);
+    zelAclMgrAuditReport own{};
+    if (report == nullptr) report = &own;
+    *report = {};
+    const auto look = [&](const zelAclMgr &given) {
+        const zel::aclmgr::Change change(given);
+        return zel::aclmgr::audit(change.root(), *report);
+    };
+    return zel::aclmgr::answer(manager, true, UINT32_MAX, UINT32_MAX, look, __LINE__);
 }

@@ -155,29 +155,36 @@ const ListOperations mapOperations{readMap, isWholeMap, nullptr, MapDraft::lastS
 using namespace zel::aclmgr;
 
 uint32_t zelAclMgrSetMapList(zelAclMgr *manager, const char *name, const zelAclMapEntry *entries, uint32_t count) {
-    MapDraft draft;
-    for (uint32_t i = 0; i < count; ++i)
-        if (const uint32_t code = draft.take(entries[i])) return code;
-    Change change(*manager);
-    return change.set(ZEL_ACLMGR_ROUTE_MAP, name, draft);
+    return changing(manager, entries != nullptr || count == 0, rowOf(ZEL_ACLMGR_ROUTE_MAP)->noMemory,
+                    [&](const zelAclMgr &given) {
+                        MapDraft draft;
+                        for (uint32_t i = 0; i < count; ++i)
+                            if (const uint32_t code = draft.take(entries[i])) return code;
+                        Change change(given);
+                        return change.set(ZEL_ACLMGR_ROUTE_MAP, name, draft);
+                    });
 }
 
 uint32_t zelAclMgrAddMapEntry(zelAclMgr *manager, const char *name, const zelAclMapEntry *entry) {
-    Change change(*manager);
-    const ListNode *list = change.find(ZEL_ACLMGR_ROUTE_MAP, name);
-    const auto draft = readItems(list != nullptr ? imageOf(*list) : Bytes{});
-    if (const uint32_t code = draft->take(*entry)) return code;
-    return change.set(ZEL_ACLMGR_ROUTE_MAP, name, *draft);
+    return changing(manager, entry != nullptr, rowOf(ZEL_ACLMGR_ROUTE_MAP)->noMemory, [&](const zelAclMgr &given) {
+        Change change(given);
+        const ListNode *list = change.find(ZEL_ACLMGR_ROUTE_MAP, name);
+        const auto draft = readItems(list != nullptr ? imageOf(*list) : Bytes{});
+        if (const uint32_t code = draft->take(*entry)) return code;
+        return change.set(ZEL_ACLMGR_ROUTE_MAP, name, *draft);
+    });
 }
 
 int zelAclMgrGetMapEntries(zelAclMgr *manager, const char *name, zelAclMapEntry *entries, int capacity) {
-    const Change change(*manager);
-    const ListNode *list = change.find(ZEL_ACLMGR_ROUTE_MAP, name);
-    if (list == nullptr) return -1;
-    const Bytes image = imageOf(*list);
-    if (!image || !isWholeMap(image)) return 0;
-    uint32_t count = 0;
-    const zelAclMapEntry *from = zel::policy::mapEntriesOf(image, count);
-    std::copy_n(from, std::min(count, static_cast<uint32_t>(std::max(capacity, 0))), entries);
-    return static_cast<int>(count);
+    return reading(manager, entries != nullptr || capacity <= 0, [&](const zelAclMgr &given) {
+        const Change change(given);
+        const ListNode *list = change.find(ZEL_ACLMGR_ROUTE_MAP, name);
+        if (list == nullptr) return -1;
+        const Bytes image = imageOf(*list);
+        if (!image || !isWholeMap(image)) return 0;
+        uint32_t count = 0;
+        const zelAclMapEntry *from = zel::policy::mapEntriesOf(image, count);
+        std::copy_n(from, std::min(count, static_cast<uint32_t>(std::max(capacity, 0))), entries);
+        return static_cast<int>(count);
+    });
 }

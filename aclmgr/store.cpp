@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "aclmgr/draft.h"
 #include "base/host_check.h"
@@ -43,11 +44,12 @@ Bytes imageAt(Link link) {
 Link makeImage(Kind kind, const ImageBuilder &builder) {
     const std::size_t bytes = builder.bytes();
     if (bytes > UINT32_MAX) return 0;
-    auto *image = static_cast<Image *>(zelMC_MM_calloc(source, __LINE__, 1, bytes));
+    std::unique_ptr<void, void (*)(void *)> block(zelMC_MM_calloc(source, __LINE__, 1, bytes), freeOfTree);
+    auto *image = static_cast<Image *>(block.get());
     if (image == nullptr) return 0;
     *image = {Image::validMagic, static_cast<std::uint32_t>(bytes), kind, builder.entries()};
     builder.write(image);
-    return policy::linkTo(image);
+    return policy::linkTo(block.release());
 }
 
 ListNode *nodeAt(Link link) {
@@ -116,14 +118,20 @@ void dropImage(Link link) {
 
 // ---- Changes --------------------------------------------------------------------------------------------------------
 
-Change::Change(const zelAclMgr &manager) : manager_(manager) {
+WriteLock::WriteLock() {
     hostCheck(ZEL_ShmWriteLock(ZEL_SHM_LOCK_POLICY) == 0, "policy tables: lock");
-    if (zelShmLockWasAbandoned(ZEL_SHM_LOCK_POLICY) == 1) repair(root());
-    prepare(root());
 }
 
-Change::~Change() {
+WriteLock::~WriteLock() {
     hostCheck(ZEL_ShmWriteUnLock(ZEL_SHM_LOCK_POLICY) == 0, "policy tables: unlock");
+}
+
+// Asking the lock clears its mark, so the segment keeps it: a repair that finds no memory is still due.
+Change::Change(const zelAclMgr &manager) : manager_(manager) {
+    if (zelShmLockWasAbandoned(ZEL_SHM_LOCK_POLICY) == 1) root().isRepairDue.store(1);
+    if (root().isRepairDue.load() != 0) repair(root());
+    root().isRepairDue.store(0);
+    prepare(root());
 }
 
 zelRadix &Change::names(Kind kind) const {
@@ -155,9 +163,10 @@ ListNode *Change::makeNode(Kind kind, const char *name) {
 std::uint32_t Change::set(const KindRow *row, const char *name, const ImageBuilder &builder) {
     if (row == nullptr || name == nullptr || *name == 0) return codeValueRange;
     if (strlen(name) > policy::nameLength) return row->nameTooLong;
+    const std::unique_ptr<const ImageBuilder, void (*)(const ImageBuilder *)> leftovers(
+        &builder, [](const ImageBuilder *used) { used->abandon(); });
     const std::uint32_t refusal = builder.prepare();
     const Link image = refusal == 0 && builder.entries() != 0 ? makeImage(row->kind, builder) : 0;
-    builder.abandon();
     if (refusal != 0) return refusal;
     if (builder.entries() != 0 && image == 0) return row->noMemory;
     if (ListNode *list = find(row, name)) {
@@ -196,8 +205,13 @@ zelAclMgr *zelAclMgrOpen(zelAclMgrTables tables) {
     auto *manager = static_cast<zelAclMgr *>(zelMC_calloc(source, __LINE__, 1, sizeof(zelAclMgr)));
     if (manager == nullptr) return nullptr;
     *manager = {root, tables == ZEL_ACLMGR_PRIMARY ? &root->aclNode : &root->acl2CB};
-    const Change change(*manager);
-    return manager;
+    const auto repairAndPrepare = [](const zelAclMgr &opened) {
+        const Change change(opened);
+        return 0;
+    };
+    if (reading(manager, true, repairAndPrepare) == 0) return manager;
+    zelAclMgrClose(manager);
+    return errno = ENOMEM, nullptr;
 }
 
 void zelAclMgrClose(zelAclMgr *manager) {

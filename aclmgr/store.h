@@ -73,12 +73,20 @@ const T *at(Link link, std::size_t bytes = sizeof(T)) {
 // The image of a list, all of its bytes in the heap; empty when the list has no entries.
 Bytes imageOf(const ListNode &list);
 
-// The write lock of the tables, from the moment it is had to the end of the scope. What a writer that died in it left
-// is repaired then. No cancellation point, and it waits: for writers and readers that hold the lock.
+// The write lock, from the moment it is had to the end of the scope.
+class WriteLock {
+public:
+    WriteLock();
+    ~WriteLock();
+    WriteLock(const WriteLock &) = delete;
+    WriteLock &operator=(const WriteLock &) = delete;
+};
+
+// A change of the tables under their write lock. What a writer that died in it left is repaired first. No cancellation
+// point, and it waits: for writers and readers that hold the lock.
 class Change {
 public:
     explicit Change(const zelAclMgr &manager);
-    ~Change();
     Change(const Change &) = delete;
     Change &operator=(const Change &) = delete;
 
@@ -98,6 +106,7 @@ private:
     ListNode *makeNode(Kind kind, const char *name);
 
     platform::NoCancellation guard_;
+    WriteLock lock_;
     const zelAclMgr &manager_;
 };
 

@@ -81,6 +81,7 @@ struct Root {
     ExpressionRoots expressions;
     std::atomic<Link> nodes;  // for writers: the list nodes made last, and the removed ones from the oldest on
     Link firstSpare, lastSpare;
+    std::atomic<std::uint32_t> isRepairDue;  // a writer died in a change, and nobody has put right yet what it left
 };
 static_assert(sizeof(Root) <= platform::policyRootBytes);
 

@@ -215,7 +215,7 @@ std::uint32_t entryUdp(const Bytes &image, const Datagram &datagram) {
 
 std::uint32_t entry6(const Bytes &image, const std::uint8_t *source) {
     const AclImage *list = listOf(image, &AclImage::ipv6);
-    if (list == nullptr) return 0;
+    if (list == nullptr || source == nullptr) return 0;
     const Address6 address(source);
     return sequenceOfMatch<Ipv6Record>(image, list->ipv6, [&](const std::uint8_t *record) {
         return matchesSource6(record, address) && matchesDestination6(record, address);

@@ -8,7 +8,8 @@
  * entries that stay as they are stay too.
  *
  * Results. Calls return 0, or a code that aclRetCodeToStr (zel/policy.h) puts into words; a call that fails has changed
- * nothing.
+ * nothing. Without a manager, entries, or room for as many as it is given the capacity for, a call returns 0x3900002f;
+ * those that count return -1, as they do for want of memory. What is given is copied.
  *
  * Who must serialise. Changes take the write side of the shared lock 0 and give it back: they block while others read,
  * and must not be called by a thread that holds that lock. Any number of processes may write. Whoever takes the lock
@@ -220,7 +221,7 @@ typedef struct {
 } zelAclMgrAuditReport;
 
 /* Looks through the whole segment, under the write lock and after whatever repair was due; believes nothing it reads.
- * How many faults there are: 0, all is well. */
+ * How many faults there are: 0, all is well; UINT32_MAX without a manager, or memory to look. `report` may be null. */
 uint32_t zelAclMgrAudit(zelAclMgr *manager, zelAclMgrAuditReport *report);
 
 #pragma GCC visibility pop

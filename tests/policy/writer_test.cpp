@@ -7,14 +7,17 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "aclmgr/draft.h"
+#include "tests/support/allocations.h"
 #include "tests/support/child.h"
 #include "tests/support/eventually.h"
 #include "tests/support/random.h"
@@ -273,6 +276,90 @@ TEST(PolicyWriter, APlainCheckTakesNoLock) {
         const Change change(*manager);
         EXPECT_EQ(std::async(std::launch::async, [] { return countOf("a"); }).get(), 7);
     }
+    zelAclMgrClose(manager);
+}
+
+TEST(PolicyWriter, WhatIsNotGivenIsRefused) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    for (zelAclMgr *given : {manager, static_cast<zelAclMgr *>(nullptr)}) {
+        for (const std::uint32_t code :
+             {zelAclMgrSetIpList(given, "a", nullptr, 1), zelAclMgrSetIpv6List(given, "a", nullptr, 1),
+              zelAclMgrSetPrefixList(given, "a", 1, nullptr, 1), zelAclMgrSetAspList(given, "a", nullptr, 1),
+              zelAclMgrSetCommList(given, "a", nullptr, 1), zelAclMgrSetMapList(given, "a", nullptr, 1),
+              zelAclMgrAddIpEntry(given, "a", nullptr), zelAclMgrAddIpv6Entry(given, "a", nullptr),
+              zelAclMgrAddPrefixEntry(given, "a", 1, nullptr), zelAclMgrAddAspEntry(given, "a", nullptr),
+              zelAclMgrAddCommEntry(given, "a", nullptr), zelAclMgrAddMapEntry(given, "a", nullptr),
+              zelAclMgrSetIpList(given, nullptr, nullptr, 0), zelAclMgrSetPrefixList(given, nullptr, 1, nullptr, 0),
+              zelAclMgrRemoveList(given, ZEL_ACLMGR_IP, nullptr)})
+            EXPECT_EQ(code, aclmgr::codeValueRange);
+        zelAclMgrSetIpList(given, "a", nullptr, 0);
+        zelAclMgrSetPrefixList(given, "a", 1, nullptr, 0);
+        zelAclMgrSetAspList(given, "a", nullptr, 0);
+        zelAclMgrSetCommList(given, "a", nullptr, 0);
+        zelAclMgrSetMapList(given, "a", nullptr, 0);
+        const int empty = given != nullptr ? 0 : -1;
+        for (const int capacity : {0, 1})
+            for (const int count :
+                 {zelAclMgrGetIpEntries(given, "a", nullptr, capacity),
+                  zelAclMgrGetIpv6Entries(given, "a", nullptr, capacity),
+                  zelAclMgrGetPrefixEntries(given, "a", 1, nullptr, capacity),
+                  zelAclMgrGetAspEntries(given, "a", nullptr, capacity),
+                  zelAclMgrGetCommEntries(given, "a", nullptr, capacity, nullptr, 0),
+                  zelAclMgrGetMapEntries(given, "a", nullptr, capacity),
+                  zelAclMgrGetNames(given, ZEL_ACLMGR_IP, nullptr, capacity) - (given != nullptr && capacity == 0)})
+                EXPECT_EQ(count, capacity == 0 ? empty : -1);
+        EXPECT_EQ(zelAclMgrAudit(given, nullptr), given != nullptr ? 0 : UINT32_MAX);
+    }
+    zelAclMgrClose(manager);
+    zelAclMgrClose(nullptr);
+}
+
+// Each `new` of a call fails in turn: the call says so, changes nothing and loses nothing, and a repair stays due.
+TEST(PolicyWriter, WithoutMemoryNothingChanges) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    const zelAclIpEntry ip[5] = {};
+    zelAclPrefixEntry prefixes[3] = {};
+    prefixes[1].mask[0] = prefixes[2].mask[3] = 0xff;
+    const zelAclAspEntry paths[] = {{1, 0, "_7_"}, {2, 0, "^8"}};
+    const std::uint32_t value = 7;
+    const zelAclCommEntry communities[] = {{1, 0, 1, 0, 0, 0, 1, &value, nullptr}, {2, 0, 2, 0, 0, 0, 0, nullptr, "7"}};
+    const char *name = "a";
+    const zelAclClause clause = {ZEL_ACLMGR_MATCH_PREFIX, 1, &name};
+    const zelAclMapEntry sequence = {1, 0, 1, &clause};
+    const auto repairAndOpen = [&]() -> std::uint32_t {
+        manager->root->isRepairDue = 1;
+        zelAclMgr *other = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+        EXPECT_EQ(manager->root->isRepairDue, other == nullptr ? 1u : 0u);
+        zelAclMgrClose(other);
+        return other != nullptr ? 0 : ENOMEM;
+    };
+    const std::pair<std::uint32_t, std::function<std::uint32_t()>> calls[] = {
+        {0x39000003, [&] { return zelAclMgrSetIpList(manager, "a", ip, 5); }},
+        {0x39000022, [&] { return zelAclMgrSetPrefixList(manager, "a", 1, prefixes, 3); }},
+        {0x39000013, [&] { return zelAclMgrSetAspList(manager, "a", paths, 2); }},
+        {0x39000018, [&] { return zelAclMgrSetCommList(manager, "a", communities, 2); }},
+        {0x39000007, [&] { return zelAclMgrSetMapList(manager, "a", &sequence, 1); }},
+        {0x3900001c, [&] { return zelAclMgrResequence(manager, ZEL_ACLMGR_ASPATH, "a", 5, 5); }},
+        {ENOMEM, repairAndOpen}};
+    zelAclMgrAuditReport report;
+    for (const auto &[noMemory, call] : calls) {
+        int refusals = 0;
+        bool hasFailed = true;
+        for (std::uint64_t nth = 1; hasFailed; ++nth) {
+            failNewAt(nth);
+            const std::uint32_t code = call();
+            hasFailed = failNewAt(0);
+            EXPECT_TRUE(code == 0 || (hasFailed && code == noMemory)) << std::hex << code << " not " << noMemory;
+            refusals += code != 0;
+            ASSERT_EQ(zelAclMgrAudit(manager, &report), 0u);
+        }
+        EXPECT_GT(refusals, 0) << std::hex << noMemory;
+    }
+    EXPECT_EQ(report.lists, 5u);
+    for (int kind = ZEL_ACLMGR_IP; kind <= ZEL_ACLMGR_ROUTE_MAP; ++kind)
+        zelAclMgrRemoveList(manager, static_cast<zelAclMgrKind>(kind), "a");
+    EXPECT_EQ(zelAclMgrAudit(manager, &report), 0u);
+    EXPECT_EQ(report.lists + report.expressions, 0u) << "a reference was lost";
     zelAclMgrClose(manager);
 }
 

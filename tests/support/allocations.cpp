@@ -10,7 +10,14 @@
 namespace zel::test {
 namespace {
 
-std::atomic<uint64_t> news;
+std::atomic<uint64_t> news, failing;
+
+void *allocate(size_t bytes) {
+    if (++news == failing) return nullptr;
+    void *block = malloc(bytes);
+    if (block == nullptr) abort();
+    return block;
+}
 
 }  // namespace
 
@@ -21,16 +28,20 @@ uint64_t allocationsSoFar() {
     return total;
 }
 
+bool failNewAt(uint64_t nth) {
+    const uint64_t now = news, last = failing.exchange(nth != 0 ? now + nth : 0);
+    return last != 0 && last <= now;
+}
+
 }  // namespace zel::test
 
 void *operator new(size_t bytes) {
-    ++zel::test::news;
-    void *block = malloc(bytes);
-    if (block == nullptr) abort();
+    void *block = zel::test::allocate(bytes);
+    if (block == nullptr) throw std::bad_alloc();
     return block;
 }
 void *operator new(size_t bytes, const std::nothrow_t &) noexcept {
-    return operator new(bytes);
+    return zel::test::allocate(bytes);
 }
 void operator delete(void *block) noexcept {
     free(block);
