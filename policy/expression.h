@@ -42,7 +42,8 @@ inline constexpr char expressionSource[] = "zelbgp_regex";
 zelRegex *expressionAt(Link link);
 
 // The value of an attribute that expressions are matched with: a text, or an attribute from which the text is made when
-// the first expression needs it. With the cache, what is known of the attribute is read once, at the beginning.
+// the first expression needs it. With the cache, what is known of the attribute is read once, at the beginning, and
+// what was found out is written once, at the end.
 class Subject {
 public:
     explicit Subject(const char *text) : text_(text) {}
@@ -55,18 +56,21 @@ public:
     bool matches(zelRegex &expression);
 
 private:
-    static constexpr std::size_t ownRoom = 2048;
+    static constexpr std::size_t ownRoom = 2048, unmeasured = SIZE_MAX;
 
     const char *text();
     void makeText();
+    void keep(zelRegex &expression, bool result);
 
     const void *attribute_ = nullptr;
     std::size_t length_ = 0;
     std::uint32_t type_ = 0;
     std::uint32_t cacheNode_ = 0;  // 0: results are not cached
     const char *text_;
+    std::size_t textLength_ = unmeasured;
     char *made_ = nullptr;
     bool madeByHook_ = false;
+    bool hasNews_ = false;  // in `known_`
     ResultCache::Known known_;
     char own_[ownRoom];
 };

@@ -4,11 +4,13 @@
 // Expressions are known by indexes of this process, from 1 on, each with the number of its expression, so that an index
 // that comes from elsewhere is found out. An attribute is a node in a table of fixed size; one that nobody asked for
 // since the hand of a clock passed it makes room for a new one. A node is named by its place and a count of its uses
-// before, so that an old name finds nothing.
+// before, so that an old name finds nothing; the count has room for no more than some thousand in a name, so a thread
+// that may have slept since it got one shows the whole count.
 //
 // All calls serialise on one lock that is held for some ten nanoseconds; none is a cancellation point.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -27,22 +29,43 @@ public:
     struct Known {
         std::uint32_t words = 0;
         std::uint32_t epoch = 0;
+        std::uint32_t uses = 0;  // of the node
         std::uint64_t answered[mostWords], answers[mostWords];
     };
 
     // The attribute's node, made when there is none, and what is known. 0 without memory.
     std::uint32_t open(std::uint32_t type, const void *attribute, std::size_t length, Known &known);
     // Whether that tells the result of the expression whose index this seems to be.
-    bool isKnown(const Known &known, std::uint32_t index, std::uint32_t expression, bool &result) const;
+    bool isKnown(const Known &known, std::uint32_t index, std::uint32_t expression, bool &result) const {
+        if (index / 64 >= known.words || owners[index].load() != expression || epoch.load() != known.epoch)
+            return false;
+        const std::uint64_t bit = std::uint64_t{1} << (index % 64);
+        result = (known.answers[index / 64] & bit) != 0;
+        return (known.answered[index / 64] & bit) != 0;
+    }
+    // Adds a result to what is known; false when the index is not, or no more, the expression's.
+    bool learn(Known &known, std::uint32_t index, std::uint32_t expression, bool result) const;
+    // Keeps what was added, unless the node or an index is another's by now.
+    void insertAll(std::uint32_t node, const Known &known);
     bool find(std::uint32_t node, std::uint32_t index, bool &result);
-    bool insert(std::uint32_t node, std::uint32_t index, std::uint32_t expression, bool result);
+    // `opened`: what open() said, if the caller is who called it.
+    bool insert(std::uint32_t node, std::uint32_t index, std::uint32_t expression, bool result,
+                const Known *opened = nullptr);
 
-    // The index of an expression, given the one it may have already.
-    std::uint32_t indexOf(std::uint32_t expression, std::uint32_t before);
+    // The index of an expression, which stands in `index` or is put there.
+    std::uint32_t indexOf(std::uint32_t expression, std::atomic<std::uint32_t> &index);
     // Forgets all results of an expression, whose index may then belong to another one.
     void forget(std::uint32_t index, std::uint32_t expression);
 
     std::uint32_t attributes() const;
+
+    // By index: the number of the expression. Before an index goes to another one, `epoch` rises: what was known at an
+    // epoch that still is, is known of the same expressions.
+    std::atomic<std::uint32_t> owners[mostIndexes]{};
+    std::atomic<std::uint32_t> epoch{1};
+
+private:
+    void disown();
 };
 
 // The one of this process.

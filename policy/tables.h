@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/process.h"
 #include "platform/segment.h"
 #include "zel/containers.h"
 #include "zel/policy.h"
@@ -70,6 +71,7 @@ struct ExpressionRoots {
     std::atomic<Link> live;                 // all expressions, linked through their `next`
     std::atomic<std::uint32_t> clients;     // bits of the processes that cache results
     std::atomic<std::uint32_t> lastNumber;  // numbers of expressions are not used again
+    platform::ProcessId owners[32];         // of the clients' bits
 };
 
 // Stands at the root of the policy segment; all zero until a writer has prepared it.

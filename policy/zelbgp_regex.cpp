@@ -7,12 +7,14 @@
 #include <cstring>
 
 #include "base/lock.h"
+#include "kernel/task.h"
 #include "platform/cancellation.h"
 #include "policy/attribute_text.h"
 #include "policy/expression.h"
 #include "policy/matcher.h"
 #include "policy/pattern.h"
 #include "policy/result_cache.h"
+#include "policy/tree_reader.h"
 #include "zel/platform.h"
 #include "zel/policy.h"
 
@@ -62,8 +64,10 @@ zelRegex *findExpression(Root &tables, const char *pattern, std::size_t length) 
 // A slot that no expression has; all ones when there is none.
 std::uint32_t freeSlot(Root &tables) {
     std::uint64_t taken[mostExpressions / 64] = {};
-    forEachExpression(tables,
-                      [&](zelRegex &expression) { taken[expression.slot / 64] |= 1ull << expression.slot % 64; });
+    forEachExpression(tables, [&](zelRegex &expression) {
+        const std::uint32_t slot = readOnce(expression.slot) % mostExpressions;
+        taken[slot / 64] |= 1ull << slot % 64;
+    });
     for (std::uint32_t i = 0; i < mostExpressions / 64; ++i)
         if (~taken[i]) return i * 64 + static_cast<std::uint32_t>(__builtin_ctzll(~taken[i]));
     return ~0u;
@@ -92,12 +96,14 @@ void removeExpression(Root &tables, zelRegex &expression) {
     for (std::uint32_t seen = 0; seen < mostLinks; ++seen) {
         zelRegex *there = expressionAt(link->load());
         if (!there) return;
-        if (there == &expression) break;
-        link = &there->next;
+        if (there != &expression) {
+            link = &there->next;
+            continue;
+        }
+        link->store(expression.next.load(), std::memory_order_release);
+        expression.magic = 0;
+        return zelMC_MM_free(source, __LINE__, &expression);
     }
-    link->store(expression.next.load(), std::memory_order_release);
-    expression.magic = 0;
-    zelMC_MM_free(source, __LINE__, &expression);
 }
 
 // ---- What this process compiled -------------------------------------------------------------------------------------
@@ -114,6 +120,7 @@ Mutex compileLock{LockRank::module, "&regex_compile_lock"};
 
 Compiled *compileInto(std::uint32_t slot, std::uint32_t number, const char *pattern) {
     const platform::NoCancellation guard;
+    const kernel::KernelSection section;
     const Lock lock(compileLock);
     Compiled *old = compiled[slot].load(std::memory_order_acquire);
     if (old && old->number == number) return old;
@@ -128,14 +135,14 @@ Compiled *compileInto(std::uint32_t slot, std::uint32_t number, const char *patt
 }
 
 const Matcher *matcherOf(const zelRegex &expression) {
-    const std::uint32_t slot = expression.slot, number = expression.number;
+    const std::uint32_t slot = readOnce(expression.slot), number = readOnce(expression.number);
     if (slot >= mostExpressions) return nullptr;
     const Compiled *entry = compiled[slot].load(std::memory_order_acquire);
     if (!entry || entry->number != number) {
-        char pattern[longestPattern + 1];
-        const std::size_t length = strnlen(expression.pattern, longestPattern);
+        char pattern[longestPattern + 1] = {};
+        const std::uint32_t length = readOnce(expression.length);
+        if (length > longestPattern) return nullptr;
         memcpy(pattern, expression.pattern, length);
-        pattern[length] = 0;
         entry = compileInto(slot, number, pattern);
     }
     return entry ? entry->matcher : nullptr;
@@ -152,8 +159,13 @@ bool isKnownType(std::uint32_t type) {
 
 // ---- The cache ------------------------------------------------------------------------------------------------------
 
+// The switches may change while others match.
+void writeOnce(std::uint32_t &flag, bool isSet) {
+    __atomic_store_n(&flag, isSet, __ATOMIC_RELEASE);
+}
+
 bool isCacheOn() {
-    return aclRegexOptzInitialized && aclRegexOptzEnabled;
+    return readOnce(aclRegexOptzInitialized) && readOnce(aclRegexOptzEnabled);
 }
 
 std::uint32_t clientIndex() {
@@ -162,12 +174,18 @@ std::uint32_t clientIndex() {
 
 // Where this process keeps the results of an expression, taking an index for it when it has none.
 std::uint32_t cachedIndexOf(zelRegex &expression) {
-    std::atomic<std::uint32_t> &index = expression.cachedIndex[clientIndex()];
-    const std::uint32_t now = resultCache.indexOf(expression.number, index.load(std::memory_order_relaxed));
-    if (now == index.load(std::memory_order_relaxed)) return now;
-    expression.clients.fetch_or(aclRegexOptzClientId);
-    index.store(now, std::memory_order_relaxed);
-    return now;
+    if (!(expression.clients.load() & aclRegexOptzClientId)) expression.clients.fetch_or(aclRegexOptzClientId);
+    return resultCache.indexOf(expression.number, expression.cachedIndex[clientIndex()]);
+}
+
+bool insertResult(zelRegex &expression, std::uint32_t node, std::uint32_t index, int result,
+                  const ResultCache::Known *opened) {
+    const bool isDone = resultCache.insert(node, index, expression.number, result == 0, opened);
+    if (readOnce(aclRegexOptzDebug))
+        printf(isDone ? "Inserted, (dataNode 0x%0X, RegexIndex %d) ==> 0x%0X\r\n"
+                      : "Insertion Failed, (dataNode 0x%0X, RegexIndex %d) ==> 0x%0X\r\n",
+               node, static_cast<int>(index), static_cast<unsigned>(result));
+    return isDone;
 }
 
 // This process has no results of the expression any more.
@@ -177,8 +195,23 @@ void forgetResults(zelRegex &expression) {
     expression.clients.fetch_and(~aclRegexOptzClientId);
 }
 
+// The bits of processes that died with results, which are free then.
+std::uint32_t takeDeadClients(ExpressionRoots &roots) {
+    std::uint32_t dead = 0;
+    for (std::uint32_t i = 0; i < std::size(roots.owners); ++i) {
+        platform::ProcessId &owner = roots.owners[i];
+        if (owner == platform::ProcessId{} || platform::isAlive(owner)) continue;
+        owner = {};
+        dead |= 1u << i;
+    }
+    roots.clients.fetch_and(~dead);
+    return dead;
+}
+
 void deleteWaiting(Root &tables) {
+    const std::uint32_t dead = takeDeadClients(tables.expressions);
     forEachExpression(tables, [&](zelRegex &expression) {
+        expression.clients.fetch_and(~dead);
         if (!expression.waitsForDeletion.load()) return;
         forgetResults(expression);
         if (expression.clients.load() == 0) removeExpression(tables, expression);
@@ -218,6 +251,7 @@ Subject::Subject(const void *attribute, std::size_t length, std::uint32_t type, 
 }
 
 Subject::~Subject() {
+    if (hasNews_) resultCache.insertAll(cacheNode_, known_);
     if (made_ == own_ || !made_) return;
     if (madeByHook_)
         textFree(made_);
@@ -227,14 +261,20 @@ Subject::~Subject() {
 
 // An attribute that makes no text has the empty one.
 const char *Subject::text() {
-    if (text_) return text_;
+    if (textLength_ != unmeasured) return text_;
+    if (text_) {
+        textLength_ = strlen(text_);
+        return text_;
+    }
     if (textHook) {
         made_ = textHook(attribute_, length_, type_);
         madeByHook_ = made_ != nullptr;
     } else {
         makeText();
     }
-    return text_ = made_ ? made_ : "";
+    text_ = made_ ? made_ : "";
+    textLength_ = strlen(text_);
+    return text_;
 }
 
 void Subject::makeText() {
@@ -253,15 +293,25 @@ bool Subject::matches(zelRegex &expression) {
     if (cacheNode_ != 0) {
         const std::uint32_t index = expression.cachedIndex[clientIndex()].load(std::memory_order_relaxed);
         isKnown = resultCache.isKnown(known_, index, expression.number, known);
-        if (isKnown && !verifies) return known;
+        if (isKnown && !readOnce(verifies)) return known;
     }
     const Matcher *matcher = matcherOf(expression);
     const char *subject = text();
-    const bool result = matcher && matcher->matches(subject, strlen(subject));
-    if (isKnown && known != result) printf("Cached result of %s differs\r\n", expression.pattern);
-    if (cacheNode_ != 0)
-        aclRegexOptzCacheInsert(&expression, cacheNode_, cachedIndexOf(expression), result ? 0 : noMatch);
+    const bool result = matcher && matcher->matches(subject, textLength_);
+    if (isKnown && known != result)
+        printf("Cached result of %.*s differs\r\n", static_cast<int>(longestPattern), expression.pattern);
+    if (cacheNode_ != 0) keep(expression, result);
     return result;
+}
+
+// Results go to the cache together, when the subject is done with; one by one if they are to be traced, or have to get
+// an index first.
+void Subject::keep(zelRegex &expression, bool result) {
+    const std::uint32_t index = expression.cachedIndex[clientIndex()].load(std::memory_order_relaxed);
+    if (!readOnce(aclRegexOptzDebug) && resultCache.learn(known_, index, expression.number, result))
+        hasNews_ = true;
+    else
+        insertResult(expression, cacheNode_, cachedIndexOf(expression), result ? 0 : noMatch, &known_);
 }
 
 }  // namespace zel::policy
@@ -269,6 +319,7 @@ bool Subject::matches(zelRegex &expression) {
 // ---- Expressions ----------------------------------------------------------------------------------------------------
 
 zelRegex *zelbgp_regex_for_list(const char *pattern) {
+    const zel::platform::NoCancellation guard;
     Root *tables = root();
     if (!pattern || !tables) return nullptr;
     const std::size_t length = strnlen(pattern, longestPattern + 1);
@@ -288,6 +339,7 @@ zelRegex *zelbgp_regex_for_list(const char *pattern) {
 }
 
 void zelbgp_regex_collect(zelRegex *expression) {
+    const zel::platform::NoCancellation guard;
     Root *tables = root();
     if (!expression || !tables || !expressionAt(linkTo(expression)) || isReferred(*expression)) return;
     if (expression->clients.load() == 0 && tables->expressions.clients.load() == 0)
@@ -312,7 +364,7 @@ int zelbgp_regexec(zelRegex *expression, const char *text, const void *attribute
                    int useCache) {
     if (!expression) return -1;
     if (attribute && !isKnownType(type)) {
-        if (aclRegexOptzDebug) printf("Error type patype %x\n", type);
+        if (readOnce(aclRegexOptzDebug)) printf("Error type patype %x", type);
         return 0;
     }
     if (!attribute && !text) return noMatch;
@@ -370,24 +422,26 @@ int aclRegexOptzInit(uint32_t clientBit, int join, uint32_t attributes, uint32_t
         }
         // Results of a process that was this client before and died.
         forEachExpression(*tables, forgetResults);
+        tables->expressions.owners[clientIndex()] = zel::platform::thisProcess();
         tables->expressions.clients.fetch_or(clientBit);
         aclRegexPendingDelete = 1;
     }
-    aclRegexOptzInitialized = 1;
+    writeOnce(aclRegexOptzInitialized, 1);
     return 0;
 }
 
 void aclRegexOptzClose(void) {
     if (!aclRegexOptzInitialized) return;
     WriteLock lock;
-    aclRegexOptzInitialized = 0;
+    writeOnce(aclRegexOptzInitialized, 0);
+    resultCache.destroy();
     if (Root *tables = root()) {
         forEachExpression(*tables, forgetResults);
         deleteWaiting(*tables);
+        tables->expressions.owners[clientIndex()] = {};
         tables->expressions.clients.fetch_and(~aclRegexOptzClientId);
     }
     aclRegexPendingDelete = 0;
-    resultCache.destroy();
     aclRegexOptzClientId = 0;
 }
 
@@ -396,16 +450,16 @@ int aclRegexOptzIsEnabled(void) {
 }
 
 void aclRegexOptzToggle(void) {
-    aclRegexOptzEnabled = !aclRegexOptzEnabled;
+    writeOnce(aclRegexOptzEnabled, !aclRegexOptzEnabled);
     printf("aclRegexOptzEnabled is now %s\r\n", aclRegexOptzEnabled ? "ENABLED" : "DISABLED");
 }
 
 void aclRegexOptzDebugToggle(void) {
-    aclRegexOptzDebug = !aclRegexOptzDebug;
+    writeOnce(aclRegexOptzDebug, !aclRegexOptzDebug);
 }
 
 void aclRegexOptzVerifyFlagToggle(void) {
-    verifies = !verifies;
+    writeOnce(verifies, !verifies);
 }
 
 int aclRegexOptzVerify(void) {
@@ -418,12 +472,7 @@ uint32_t aclRegexOptzCacheOpen(uint32_t type, const void *attribute, size_t leng
 }
 
 int aclRegexOptzCacheInsert(zelRegex *expression, uint32_t node, uint32_t index, int result) {
-    const bool isDone = expression && resultCache.insert(node, index, expression->number, result == 0);
-    if (aclRegexOptzDebug)
-        printf(isDone ? "Inserted, (dataNode 0x%0X, RegexIndex %d) ==> 0x%0X\r\n"
-                      : "Insertion Failed, (dataNode 0x%0X, RegexIndex %d) ==> 0x%0X\r\n",
-               node, static_cast<int>(index), static_cast<unsigned>(result));
-    return isDone ? 0 : -1;
+    return expression && insertResult(*expression, node, index, result, nullptr) ? 0 : -1;
 }
 
 int aclRegexOptzCacheGet(uint32_t node, uint32_t index, int *result) {

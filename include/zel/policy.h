@@ -265,6 +265,11 @@ uint32_t bgp_comm_match_exact(const char *name, const uint32_t *communities, int
  *
  * POSIX extended expressions in which every underscore stands for "(^|[,{}() ]|$)". One record for each pattern, shared
  * by all lists and processes, with a count of references; each process compiles it for itself when it first matches.
+ *
+ * So the first match of an expression in a process allocates, and threads that compile at the same time take turns.
+ * Later matches allocate only for texts of 2 KiB and more, for the few patterns that the C library has to match, and,
+ * with the cache, for attributes that are new to it and longer than some 70 bytes. No match is a place where a task is
+ * deleted, unless a text hook or the debug prints make it one.
  */
 
 /* The expression of a pattern with one reference more. Null: the pattern does not compile, or would take too much to
@@ -304,6 +309,9 @@ void aclRegexSetTextHook(zelAttributeTextFn make, zelFreeFn release);
  *
  * A process may keep what expressions said of attributes, "BGP regex optz cache". Its bit tells it from the other
  * processes that do. Results of attributes that were not asked for lately make room for new ones.
+ *
+ * One thread at a time opens and closes it; the other calls serialise themselves, on a lock of the process that is held
+ * for moments. The switches may be thrown at any time.
  */
 
 extern uint32_t aclRegexOptzInitialized;
@@ -338,8 +346,8 @@ int aclRegexOptzCacheGet(uint32_t node, uint32_t index, int *result);
 void aclRegexOptzCacheDelete(zelRegex *expression);
 /* Attributes in the cache. */
 uint32_t aclRegexOptzCacheSizeGet(void);
-/* Gives up the results of expressions that wait for deletion, and deletes those of which nobody has any. Takes the
- * write lock; call it from time to time. */
+/* Gives up the results of expressions that wait for deletion, and those of processes that died with their bit, and
+ * deletes the expressions of which nobody has any. Takes the write lock; call it from time to time. */
 void aclRegexPeriodicCacheCleanup(void);
 
 /* zelbgp_regcomp under the write lock, which is still held when an expression is returned, so that the caller can put

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/wire.h"
+#include "policy/attribute_layout.h"
 #include "policy/expression.h"
 #include "tests/support/random.h"
 #include "tests/support/table.h"
@@ -403,6 +404,59 @@ TEST_F(PolicyLists, ThreadsShareACacheThatIsTooSmall) {
             }
         });
     for (auto &thread : threads) thread.join();
+}
+
+// Threads match while a writer replaces the list they match with, so that slots and indexes go from one expression to
+// the next; waiting expressions are cleaned up, and the switch is thrown.
+TEST_F(PolicyLists, ThreadsMatchWhileExpressionsComeAndGo) {
+    ASSERT_EQ(aclRegexOptzInit(2, 1, 16, 6), 0);
+    const auto listOf = [this](std::uint32_t number) {
+        const std::string here = "_" + std::to_string(number) + "_", other = "_" + std::to_string(number + 1) + "_";
+        setAsp("list", {{5, 0, here.c_str()}, {10, 0, other.c_str()}, {15, 1, "_9_"}, {20, 0, "_[0-9]{4}_"}});
+    };
+    listOf(100);
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 3; ++t)
+        threads.emplace_back([&isOver, t] {
+            for (std::uint32_t i = t; !isOver; ++i) {
+                aclReadLock();
+                const zelAspList *list = bgpAspListFind("list");
+                std::uint32_t count = 0;
+                const auto *entry = policy::entriesOf<policy::AspEntry>(imageOf(list, policy::Kind::asPath), count);
+                const auto number =
+                    static_cast<std::uint32_t>(atoi(zelbgp_regex_pattern(policy::expressionAt(entry->expression)) + 1));
+                const std::uint32_t asked = number - 2 + i % 6;
+                EXPECT_EQ(check(list, {7, asked}), asked == number || asked == number + 1 ? 0 : 1) << number;
+                EXPECT_EQ(check(list, {asked, 9, 1000 + i % 40}), asked == number || asked == number + 1 ? 0 : 1);
+                aclReadUnlock();
+            }
+        });
+    for (std::uint32_t i = 1; i < (isFullRun() ? 5000 : 300); ++i) {
+        listOf(100 + i * 7 % 40);
+        if (i % 5 == 0) aclRegexPeriodicCacheCleanup();
+        if (i % 16 < 2) aclRegexOptzToggle();
+    }
+    isOver = true;
+    for (auto &thread : threads) thread.join();
+    aclRegexPeriodicCacheCleanup();
+    zelAclMgrAuditReport report;
+    EXPECT_EQ(zelAclMgrAudit(manager_, &report), 0u);
+    EXPECT_EQ(report.expressions, 4u) << "those of the list";
+}
+
+// The bit of a process that died is taken back, so that what waits for it does not wait for ever.
+TEST_F(PolicyLists, NothingWaitsForAClientThatDied) {
+    zelRegex *expression = compile("_1_");
+    policy::ExpressionRoots &roots = policy::root()->expressions;
+    roots.clients = expression->clients = 32;
+    roots.owners[5] = {platform::thisProcess().pid, 1};
+    release(expression);
+    EXPECT_EQ(expression->waitsForDeletion.load(), 1u);
+    aclRegexPeriodicCacheCleanup();
+    zelAclMgrAuditReport report;
+    EXPECT_EQ(zelAclMgrAudit(manager_, &report), 0u);
+    EXPECT_EQ(report.expressions + roots.clients, 0u);
 }
 
 TEST(AttributeText, IsWhatOperatorsWrite) {
