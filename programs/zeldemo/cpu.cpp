@@ -97,9 +97,8 @@ Cpu::~Cpu() {
 
 bool Cpu::start(const std::vector<std::string> &services, const std::string &table, const std::string &policy,
                 bool respawns) {
-    if (directory_.empty()) return false;
     services_ = services;
-    std::vector<std::string> words = {ownDirectory() + "zeltmed", "--spawn", "RTM zelrtmd"};
+    std::vector<std::string> words = {"--spawn", "RTM zelrtmd"};
     std::string filter;
     if (!policy.empty()) {
         words.insert(words.end(), {"--spawn", "ACL zelaclmgrd --config " + quoted(absolute(policy))});
@@ -114,6 +113,12 @@ bool Cpu::start(const std::vector<std::string> &services, const std::string &tab
         distance += distanceStep;
     }
     if (respawns) words.push_back("--respawn");
+    return run(words);
+}
+
+bool Cpu::run(std::vector<std::string> words) {
+    if (directory_.empty()) return false;
+    words.insert(words.begin(), ownDirectory() + "zeltmed");
     manager_ = spawn(words, directory_ + "/log");
     return manager_ > 0;
 }
@@ -157,16 +162,28 @@ void Cpu::removeReports() {
 
 bool Cpu::stop() {
     if (manager_ <= 0) return false;
-    kill(manager_, SIGTERM);
+    ::kill(manager_, SIGTERM);
     bool hasEnded = false;
     const uint64_t deadline = tick64Get() + static_cast<uint64_t>(stopSeconds * sysClkRateGet());
     while (!(hasEnded = !isRunning()) && tick64Get() < deadline) taskDelay(pollTicks);
     if (!hasEnded) {
-        kill(-manager_, SIGKILL);
+        ::kill(-manager_, SIGKILL);
         waitpid(manager_, nullptr, 0);
         manager_ = -1;
     }
     return hasEnded;
+}
+
+int Cpu::kill(std::vector<std::string> words) {
+    if (manager_ <= 0) return 0;
+    ::kill(-manager_, SIGKILL);
+    int processes = 0;
+    while (waitpid(-manager_, nullptr, 0) > 0) ++processes;
+    manager_ = -1;
+    words.push_back("clean");
+    if (run(std::move(words))) waitpid(manager_, nullptr, 0);
+    manager_ = -1;
+    return processes;
 }
 
 void Cpu::showLog() const {

@@ -31,6 +31,8 @@ public:
     // each of `services`, which pushes what the lists `policyList` permit.
     bool start(const std::vector<std::string> &services, const std::string &table, const std::string &policy,
                bool respawns);
+    // Starts a task manager with these arguments.
+    bool run(std::vector<std::string> words);
     // Whether the task manager runs; reaps it when it has ended.
     bool isRunning();
     // The process of the route table manager, 0 while there is none.
@@ -41,6 +43,9 @@ public:
     void removeReports();
     // Ends everything; false when it had to be killed or something stayed behind.
     bool stop();
+    // Kills everything without a word, and unlinks the shared memory that then stays, by a task manager with these
+    // arguments. How many processes there were; the tasks among them only for a process to which orphans go.
+    int kill(std::vector<std::string> words);
     // What the programs said.
     void showLog() const;
 

@@ -3,10 +3,13 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "cpu.h"
 #include "demo.h"
 #include "programs/support/program.h"
+#include "slots.h"
+#include "two.h"
 
 namespace {
 
@@ -24,17 +27,24 @@ behind.
   -p, --peers N      up to 4 sources at once, each with the whole table: BGP, OSPF, ISIS and RIP (a service has one
                      instance, so there are no more keys for sources)
   -k, --kill         kill the route table manager half-way and watch everybody recover
+  -2, --two          show two route processors instead: the first 20,000 routes pushed on one, a request over the link
+                     to it, a batch of multicast routes, and indexes that outlive it when it is killed; without policy
   -h, --help         this text
 )";
 
 enum LongOnly { optionPolicy = 256 };
 constexpr option longOptions[] = {
-    {"table", required_argument, nullptr, 't'}, {"policy", required_argument, nullptr, optionPolicy},
-    {"peers", required_argument, nullptr, 'p'}, {"kill", no_argument, nullptr, 'k'},
-    {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
+    {"table", required_argument, nullptr, 't'},
+    {"policy", required_argument, nullptr, optionPolicy},
+    {"peers", required_argument, nullptr, 'p'},
+    {"kill", no_argument, nullptr, 'k'},
+    {"two", no_argument, nullptr, '2'},
+    {"help", no_argument, nullptr, 'h'},
+    {nullptr, 0, nullptr, 0},
 };
 
 zeldemo::Options options;
+bool showsTwo = false;
 
 [[noreturn]] void refuse(const char *why) {
     fprintf(stderr, "zeldemo: %s\nTry 'zeldemo --help'.\n", why);
@@ -42,7 +52,7 @@ zeldemo::Options options;
 }
 
 void parseOptions(int argc, char **argv) {
-    for (int option; (option = getopt_long(argc, argv, "t:p:kh", longOptions, nullptr)) != -1;) switch (option) {
+    for (int option; (option = getopt_long(argc, argv, "t:p:k2h", longOptions, nullptr)) != -1;) switch (option) {
             case 't':
                 options.table = optarg;
                 break;
@@ -56,6 +66,9 @@ void parseOptions(int argc, char **argv) {
             case 'k':
                 options.kills = true;
                 break;
+            case '2':
+                showsTwo = true;
+                break;
             case 'h':
                 fputs(help, stdout);
                 exit(0);
@@ -63,16 +76,20 @@ void parseOptions(int argc, char **argv) {
                 refuse("the command line cannot be understood");
         }
     options.addresses.assign(argv + optind, argv + argc);
+    if (showsTwo && (options.kills || options.peers > 1 || !options.addresses.empty()))
+        refuse("--two goes without --peers, --kill and addresses");
 }
 
 int body(int, char **) {
-    return zeldemo::demonstrate(options);
+    return showsTwo ? zeldemo::demonstrateTwo(options.table) : zeldemo::demonstrate(options);
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
+    if (argc > 1 && strcmp(argv[1], zeldemo::slotOption) == 0) return zeldemo::runSlots(argc, argv);
     parseOptions(argc, argv);
     zeldemo::isolate();
+    if (showsTwo) zeldemo::prepareTwo();
     return zel::programs::runProgram("tDemo", argc, argv, body);
 }

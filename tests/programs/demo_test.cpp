@@ -1,6 +1,9 @@
 // The demonstration with real processes, and the source of routes in it.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -72,7 +75,27 @@ TEST(Demo, takesATableWithSeveralRowsPerPrefix) {
     EXPECT_EQ(summary(output, "AS paths cut"), "1");
 }
 
+int sharedSegments() {
+    const std::filesystem::directory_iterator files("/dev/shm");
+    return static_cast<int>(std::count_if(begin(files), end(files), [](const auto &file) {
+        return file.path().filename().string().starts_with(getenv("ZEL_SHM_PREFIX"));
+    }));
+}
+
+TEST(Demo, ofTwoRouteProcessorsOutlivesThePrimary) {
+    const int before = sharedSegments();
+    const std::string output = demonstrate({fullTable(), "--two"},
+                                           {"the same as the file", "Killing the primary", "its 5 processes are gone"});
+    EXPECT_EQ(summary(output, "routes"), "20,000");
+    EXPECT_EQ(summary(output, "multicast routes"), "5");
+    EXPECT_EQ(summary(output, "slots kept"), "4");
+    EXPECT_EQ(summary(output, "slots held"), "8");
+    EXPECT_EQ(sharedSegments(), before);
+}
+
 TEST(Demo, refusesWhatItCannotDo) {
+    EXPECT_EQ(Program::run("zeldemo", {"--two", "--kill"}).status, 2);
+    EXPECT_EQ(Program::run("zeldemo", {"--two", "--table", "/nonexistent"}).status, 1);
     EXPECT_EQ(Program::run("zeldemo", {"--peers", "5"}).status, 2);
     EXPECT_EQ(Program::run("zeldemo", {"--table", "/nonexistent"}).status, 1);
     EXPECT_EQ(Program::run("zelrtmd", {"--help"}).status, 0);
