@@ -37,14 +37,17 @@ struct Plan {
 };
 const Plan plan;
 
-// Its records lie side by side, as libuv's do, each on a cache line of its own.
+// Its records lie side by side, as libuv's do, each on cache lines of its own.
 class Ours {
 public:
     Ours() : timers_(timers) {
         nextRecord_ = records_.data();
         zelTmrHeadInit(
             &head_, allocate, [](void *) {}, 0, 0);
-        for (zelTimer *&timer : timers_) timer = zelTimerCreate(count, 0, longest, 1, &head_);
+        for (zelTimer *&timer : timers_) {
+            timer = zelTimerCreate(count, 0, longest, 1, &head_);
+            if (timer == nullptr) abort();
+        }
     }
     ~Ours() { zelTmrHeadDestroy(&head_); }
     Ours(const Ours &) = delete;
@@ -57,7 +60,7 @@ public:
 
 private:
     struct alignas(64) Line {
-        char bytes[64];
+        char bytes[128];
     };
     static void *allocate(std::size_t size, zelTmrCb, intptr_t, uint32_t, uint32_t, int, zelTmrHead *) {
         return size <= sizeof(Line) ? nextRecord_++ : nullptr;
