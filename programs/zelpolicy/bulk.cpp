@@ -1,8 +1,5 @@
 #include "bulk.h"
 
-#include <arpa/inet.h>
-
-#include <cstring>
 #include <map>
 #include <memory>
 
@@ -10,27 +7,28 @@
 #include "programs/support/policy_text.h"
 #include "programs/support/program.h"
 #include "programs/support/table_file.h"
+#include "questions.h"
 
 namespace zelpolicy {
 namespace {
 
 using zel::programs::PolicyConfig;
+using zel::programs::PolicyRoute;
 using zel::programs::Row;
 using zel::programs::TableFile;
-
-std::uint32_t wordOf(const std::uint8_t *bytes) {
-    std::uint32_t word;
-    memcpy(&word, bytes, sizeof word);
-    return ntohl(word);
-}
 
 // One list, as it is asked: the verdict, and which entry gave it.
 class Asked {
 public:
     explicit Asked(const BulkList &list) : list_(list) {}
     virtual ~Asked() = default;
-    virtual std::uint32_t verdict(const zelPolicyRoute &route) = 0;
-    virtual std::uint32_t decides(const zelPolicyRoute &route) = 0;
+    virtual std::uint32_t verdict(const PolicyRoute &route) = 0;
+    virtual std::uint32_t decides(const PolicyRoute &route) = 0;
+    // The kind of the entries that decide about a route: prefix and access lists have chains of either family.
+    std::string entryKind(const zelPolicyRoute &route) const {
+        const bool hasFamilies = list_.kind == "prefix" || list_.kind == "acl";
+        return list_.kind + (hasFamilies && route.family == ZEL_POLICY_IPV6 ? "6" : "");
+    }
     const BulkList &list() const { return list_; }
 
 private:
@@ -40,10 +38,12 @@ private:
 class AskedPrefix : public Asked {
 public:
     using Asked::Asked;
-    std::uint32_t verdict(const zelPolicyRoute &route) override {
+    std::uint32_t verdict(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         return prefixListCheckNew(find(route), list().name.c_str(), route.address, route.length, route.family, nullptr);
     }
-    std::uint32_t decides(const zelPolicyRoute &route) override {
+    std::uint32_t decides(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         return prefixListEntry(find(route), route.address, route.length, route.family);
     }
 
@@ -56,13 +56,15 @@ private:
 class AskedAcl : public Asked {
 public:
     using Asked::Asked;
-    std::uint32_t verdict(const zelPolicyRoute &route) override {
+    std::uint32_t verdict(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         if (route.family == ZEL_POLICY_IPV6) return aclV6AccessListCheckWithHandle(list_, route.address, route.address);
-        return ipAccessListCheckWithHandle(list_, wordOf(route.address), 0);
+        return ipAccessListCheckWithHandle(list_, asked.word(), 0);
     }
-    std::uint32_t decides(const zelPolicyRoute &route) override {
+    std::uint32_t decides(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         if (route.family == ZEL_POLICY_IPV6) return aclV6AccessListEntry(list_, route.address);
-        return ipAccessListEntry(list_, wordOf(route.address), 0);
+        return ipAccessListEntry(list_, asked.word(), 0);
     }
 
 private:
@@ -72,10 +74,12 @@ private:
 class AskedPath : public Asked {
 public:
     using Asked::Asked;
-    std::uint32_t verdict(const zelPolicyRoute &route) override {
+    std::uint32_t verdict(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         return static_cast<std::uint32_t>(bgpAccessASPMatch(list_, route.path, route.pathLength));
     }
-    std::uint32_t decides(const zelPolicyRoute &route) override {
+    std::uint32_t decides(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         return bgpAspListEntry(list_, route.path, route.pathLength);
     }
 
@@ -86,10 +90,12 @@ private:
 class AskedCommunity : public Asked {
 public:
     using Asked::Asked;
-    std::uint32_t verdict(const zelPolicyRoute &route) override {
+    std::uint32_t verdict(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         return static_cast<std::uint32_t>(bgpAccessCommMatch(list_, route.communities, route.communityCount));
     }
-    std::uint32_t decides(const zelPolicyRoute &route) override {
+    std::uint32_t decides(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         return bgpCommListEntry(list_, route.communities, route.communityCount);
     }
 
@@ -100,10 +106,11 @@ private:
 class AskedMap : public Asked {
 public:
     using Asked::Asked;
-    std::uint32_t verdict(const zelPolicyRoute &route) override {
+    std::uint32_t verdict(const PolicyRoute &asked) override {
+        const zelPolicyRoute &route = asked.route();
         return ipRoutemapCheckWithHandleV4_V6(map_, &route, nullptr);
     }
-    std::uint32_t decides(const zelPolicyRoute &route) override { return ipRoutemapSequence(map_, &route); }
+    std::uint32_t decides(const PolicyRoute &asked) override { return ipRoutemapSequence(map_, &asked.route()); }
 
 private:
     const zelRouteMap *map_ = ipRouteMapFind(list().name.c_str());
@@ -118,40 +125,6 @@ std::unique_ptr<Asked> ask(const BulkList &list) {
     return nullptr;
 }
 
-template <class Entry, class Text>
-void name(std::vector<BulkCounts::Entry> &entries, const zel::programs::Lists<Entry> &lists, const std::string &list,
-          const Text &text) {
-    const auto found = lists.find(list);
-    for (BulkCounts::Entry &entry : entries)
-        for (const Entry &there : found != lists.end() ? found->second : std::vector<Entry>{})
-            if (there.sequence == entry.sequence) {
-                entry.action = there.action;
-                entry.text = text(there);
-            }
-}
-
-// Puts the texts of the entries beside what they decided.
-void nameEntries(BulkCounts &counts, const PolicyConfig &texts) {
-    const auto text = [](const auto &entry) { return zel::programs::textOf(entry); };
-    const auto prefix = [](int family) {
-        return [family](const auto &entry) { return zel::programs::textOf(entry, family); };
-    };
-    const std::string &list = counts.list.name;
-    if (counts.list.kind == "prefix") {
-        name(counts.entries, texts.prefix6, list, prefix(ZEL_POLICY_IPV6));
-        name(counts.entries, texts.prefix, list, prefix(ZEL_POLICY_IPV4));
-    } else if (counts.list.kind == "acl") {
-        name(counts.entries, texts.ipv6, list, text);
-        name(counts.entries, texts.ip, list, text);
-    } else if (counts.list.kind == "aspath") {
-        name(counts.entries, texts.paths, list, text);
-    } else if (counts.list.kind == "community") {
-        name(counts.entries, texts.communities, list, text);
-    } else {
-        name(counts.entries, texts.maps, list, [](const auto &) { return std::string("sequence"); });
-    }
-}
-
 }  // namespace
 
 bool runBulk(const std::string &file, const std::vector<BulkList> &lists, const PolicyConfig &texts, BulkResult &result,
@@ -161,6 +134,10 @@ bool runBulk(const std::string &file, const std::vector<BulkList> &lists, const 
         error = file + " cannot be read";
         return false;
     }
+    std::vector<std::map<std::pair<std::string, std::uint32_t>, unsigned long>> decided(lists.size());
+    result.unreadable = table.unreadable;
+    PolicyRoute route;
+    const ReadLock lock;  // one state of all lists, and handles that stay
     std::vector<std::unique_ptr<Asked>> asked;
     for (const BulkList &list : lists) {
         asked.push_back(ask(list));
@@ -170,10 +147,6 @@ bool runBulk(const std::string &file, const std::vector<BulkList> &lists, const 
         }
         result.lists.push_back({list, 0, 0, {}});
     }
-    std::vector<std::map<std::uint32_t, unsigned long>> decided(lists.size());
-    result.unreadable = table.unreadable;
-    zel::programs::PolicyRoute route;
-    aclReadLock();
     for (const Row &row : table.rows) {
         if (row.isWithdrawal) continue;
         route.take(table, row);
@@ -181,20 +154,19 @@ bool runBulk(const std::string &file, const std::vector<BulkList> &lists, const 
         bool isPermitted = true;
         const double before = zel::programs::monotonicSeconds();
         std::vector<std::uint32_t> verdicts;
-        for (const auto &list : asked) verdicts.push_back(list->verdict(route.route()));
+        for (const auto &list : asked) verdicts.push_back(list->verdict(route));
         result.seconds += zel::programs::monotonicSeconds() - before;
         for (std::size_t i = 0; i < asked.size(); ++i) {
             ++(verdicts[i] == 0 ? result.lists[i].permitted : result.lists[i].denied);
-            ++decided[i][asked[i]->decides(route.route())];
+            ++decided[i][{asked[i]->entryKind(route.route()), asked[i]->decides(route)}];
             isPermitted = isPermitted && verdicts[i] == 0;
         }
         result.permittedByAll += isPermitted ? 1 : 0;
     }
-    aclReadUnlock();
-    for (std::size_t i = 0; i < asked.size(); ++i) {
-        for (const auto &[sequence, routes] : decided[i]) result.lists[i].entries.push_back({sequence, 0, "", routes});
-        nameEntries(result.lists[i], texts);
-    }
+    for (std::size_t i = 0; i < asked.size(); ++i)
+        for (const auto &[entry, routes] : decided[i])
+            result.lists[i].entries.push_back(
+                {entry.second, textOfEntry(texts, entry.first, lists[i].name, entry.second), routes});
     return true;
 }
 

@@ -16,10 +16,9 @@ struct BulkList {
 
 struct BulkCounts {
     struct Entry {
-        std::uint32_t sequence = 0;  // 0: no entry matched
-        std::uint8_t action = 0;
-        std::string text;
-        unsigned long routes = 0;
+        std::uint32_t sequence;  // 0: no entry matched
+        std::string text;        // with kind and number in front
+        unsigned long routes;
     };
     BulkList list;
     unsigned long permitted = 0, denied = 0;

@@ -124,10 +124,7 @@ void print(const zelpolicy::BulkResult &result) {
     for (const auto &list : result.lists) {
         printf("%s %s: %lu permitted, %lu denied\n", list.list.kind.c_str(), list.list.name.c_str(), list.permitted,
                list.denied);
-        for (const auto &entry : list.entries)
-            printf("%10lu  %s %s\n", entry.routes,
-                   entry.sequence == 0 ? "no entry" : ("seq " + std::to_string(entry.sequence)).c_str(),
-                   entry.text.c_str());
+        for (const auto &entry : list.entries) printf("%10lu  %s\n", entry.routes, entry.text.c_str());
     }
     printf("%lu routes, %lu permitted by all, %.3f s of checks\n", result.routes, result.permittedByAll,
            result.seconds);

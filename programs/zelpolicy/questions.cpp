@@ -17,15 +17,6 @@ using zel::programs::Lists;
 using zel::programs::PolicyConfig;
 using zel::programs::textOf;
 
-// The read lock of the tables, for a check and the question which entry decided it: both see the same list.
-class ReadLock {
-public:
-    ReadLock() { aclReadLock(); }
-    ~ReadLock() { aclReadUnlock(); }
-    ReadLock(const ReadLock &) = delete;
-    ReadLock &operator=(const ReadLock &) = delete;
-};
-
 std::uint32_t wordOf(const std::uint8_t *bytes) {
     std::uint32_t word;
     memcpy(&word, bytes, sizeof word);

@@ -8,6 +8,15 @@
 
 namespace zelpolicy {
 
+// The read lock of the tables, for checks and the question which entry decided them: all see the same lists.
+class ReadLock {
+public:
+    ReadLock() { aclReadLock(); }
+    ~ReadLock() { aclReadUnlock(); }
+    ReadLock(const ReadLock &) = delete;
+    ReadLock &operator=(const ReadLock &) = delete;
+};
+
 using Words = std::vector<std::string>;
 
 struct Answer {

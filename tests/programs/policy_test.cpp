@@ -183,21 +183,25 @@ TEST(Zelpolicy, AnswersAndExplains) {
 }
 
 TEST(Zelpolicy, CountsATable) {
-    const TextFile file(example);
-    const TextFile table("10.0.0.0/8|1.1.1.1|1 64999|65000:1\n11.0.0.0/16|1.1.1.1|1 2|\n11.0.0.0/25|1.1.1.1||\n");
+    // A list of the same name for the other family, with entries of the same numbers.
+    const TextFile both(std::string(example) + "ipv6 prefix-list in permit 2001:db8::/32 le 48\n");
+    const TextFile table(
+        "10.0.0.0/8|1.1.1.1|1 64999|65000:1\n11.0.0.0/16|1.1.1.1|1 2|\n11.0.0.0/25|1.1.1.1||\n"
+        "2001:db8:1::/48|2001:db8::1|1 3|\n");
     const auto result =
-        Program::run("zelpolicy", {"--config", file.path(), "bulk", table.path(), "prefix", "in", "aspath", "origins"});
+        Program::run("zelpolicy", {"--config", both.path(), "bulk", table.path(), "prefix", "in", "aspath", "origins"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output.substr(0, result.output.rfind(',')),
-              "prefix in: 1 permitted, 2 denied\n"
-              "         1  no entry \n"
-              "         1  seq 5 deny 10.0.0.0/8 le 32\n"
-              "         1  seq 10 permit 0.0.0.0/0 ge 8 le 24\n"
-              "aspath origins: 2 permitted, 1 denied\n"
-              "         1  no entry \n"
-              "         1  seq 5 deny _64[5-9][0-9][0-9]$\n"
-              "         1  seq 10 permit .*\n"
-              "3 routes, 1 permitted by all");
+              "prefix in: 2 permitted, 2 denied\n"
+              "         1  prefix no entry\n"
+              "         1  prefix seq 5 deny 10.0.0.0/8 le 32\n"
+              "         1  prefix seq 10 permit 0.0.0.0/0 ge 8 le 24\n"
+              "         1  prefix6 seq 5 permit 2001:db8::/32 le 48\n"
+              "aspath origins: 3 permitted, 1 denied\n"
+              "         1  aspath no entry\n"
+              "         1  aspath seq 5 deny _64[5-9][0-9][0-9]$\n"
+              "         2  aspath seq 10 permit .*\n"
+              "4 routes, 2 permitted by all");
 }
 
 }  // namespace
