@@ -15,10 +15,14 @@ namespace zel::test {
 
 // ---- The oracle -----------------------------------------------------------------------------------------------------
 
+// The sequence number of the entry that decided the last answer of an oracle, 0 when none did.
+inline uint32_t decidedBy = 0;
+
 template <class Entry, class Match>
 uint32_t firstMatch(const std::vector<Entry> &entries, Match matches) {
+    decidedBy = 0;
     for (const Entry &entry : entries)
-        if (matches(entry)) return entry.action;
+        if (matches(entry)) return decidedBy = entry.sequence, entry.action;
     return entries.empty() ? 0 : 1;
 }
 

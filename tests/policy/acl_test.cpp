@@ -27,7 +27,10 @@ void withEverySearch(Body body) {
 using Verdicts = std::set<uint32_t>;
 
 void expectSameVerdicts(const AclList &list, const AclEntries &entries, const Packet &p, Verdicts &seen) {
-    const uint32_t ip = oracleIp(entries.ip, p), udp = oracleUdp(entries.ip, p);
+    const uint32_t ip = oracleIp(entries.ip, p);
+    EXPECT_EQ(policy::entryIp(list.image(), p.source, p.destination), decidedBy);
+    const uint32_t udp = oracleUdp(entries.ip, p);
+    EXPECT_EQ(policy::entryUdp(list.image(), {p.source, p.destination, p.sourcePort, p.destinationPort}), decidedBy);
     seen.insert(udp);
     withEverySearch([&] {
         EXPECT_EQ(list.ip(p), ip) << std::hex << p.source << ' ' << p.destination;
@@ -38,6 +41,7 @@ void expectSameVerdicts(const AclList &list, const AclEntries &entries, const Pa
 
 void expectSameVerdicts6(const AclList &list, const AclEntries &entries, const uint8_t *source, Verdicts &seen) {
     const uint32_t both = oracle6(entries.ipv6, source, false);
+    EXPECT_EQ(policy::entry6(list.image(), source), decidedBy);
     seen.insert(both);
     EXPECT_EQ(policy::checkSource6(list.image(), source), oracle6(entries.ipv6, source, true));
     withEverySearch([&] { EXPECT_EQ(policy::check6(list.image(), source), both); });
