@@ -37,6 +37,9 @@ inline sockaddr_in ownAddress(std::uint32_t port) {
 class Peer {
 public:
     explicit Peer(std::uint32_t port) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        const int room = 1 << 20;  // a test may be slower than who sends to it
+        if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
+            setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
         const sockaddr_in local = ownAddress(port);
         isBound_ = bind(fd_, reinterpret_cast<const sockaddr *>(&local), sizeof local) == 0;
     }

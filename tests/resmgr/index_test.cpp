@@ -28,12 +28,20 @@ void serve(zelResEntry *entry, const void *cookie, uint32_t length, bool isRemot
     served.push_back({numberOf(entry), entry->objectIndex, {static_cast<const char *>(cookie), length}, isRemote});
 }
 
+// What the library says at that debug level.
+template <class Body>
+std::string printedBy(uint32_t level, Body body) {
+    gRmLibDebug = level;
+    testing::internal::CaptureStdout();
+    body();
+    gRmLibDebug = 0;
+    return testing::internal::GetCapturedStdout();
+}
+
 class Resources : public testing::Test {
 protected:
     ~Resources() override {
-        testing::internal::CaptureStdout();
-        resMgmtLibTerminate();
-        testing::internal::GetCapturedStdout();
+        printedBy(0, resMgmtLibTerminate);
         EXPECT_EQ(FailingAllocator::live(), 0);
     }
     static int registerClient(uint32_t id, zelResMarkedFn isMarked = nullptr, zelResAllocFn alloc = nullptr) {
@@ -73,12 +81,8 @@ TEST_F(Resources, ClientsAreRegisteredOnceWithTheirLastHooks) {
     EXPECT_EQ(registerClient(1, nullptr, hook), 0);
     EXPECT_EQ(asked, (std::vector<std::pair<uint32_t, uint32_t>>{{104, 8252}}));
     const zelResClient *record = gaResMgmtClientDb[1];
-    gRmLibDebug = 2;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(registerClient(1), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(printedBy(2, [] { EXPECT_EQ(registerClient(1), 0); }),
               "resMgmtLibRegisterClient(): client Id: 1 already registered.\r\n");
-    gRmLibDebug = 0;
     EXPECT_EQ(gaResMgmtClientDb[1], record);
     EXPECT_EQ(record->alloc, nullptr);
     EXPECT_EQ(gResMgrTcb.clientsRegistered, 1u);
@@ -87,26 +91,21 @@ TEST_F(Resources, ClientsAreRegisteredOnceWithTheirLastHooks) {
 TEST_F(Resources, DatabasesAreCheckedCreatedAndJoined) {
     registerClient(1);
     registerClient(2);
-    zelResDbParams params = {6, "six", 0, 4, 0, 9, 10, 0};
-    gRmLibDebug = 3;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(resMgmtLibProcDbCreate(1, &params, 0, 9), -1);
-    params.databaseId = 5;
-    EXPECT_EQ(resMgmtLibProcDbCreate(0, &params, 0, 9), -1);
-    EXPECT_EQ(resMgmtLibProcDbCreate(3, &params, 0, 9), -1);
-    EXPECT_EQ(resMgmtLibProcDbCreate(1, &params, 0, 10), -1);
-    for (const uint32_t flag : {ZEL_RES_DB_NOTIFY, ZEL_RES_DB_MARKS}) {
-        params.flags = flag;
-        EXPECT_EQ(resMgmtLibProcDbCreate(1, &params, 0, 9), -1);
-    }
-    params.flags = 0;
-    EXPECT_EQ(resMgmtLibProcDbCreate(1, &params, 0, 9), 0);
-    EXPECT_EQ(resMgmtLibProcDbCreate(1, &params, 0, 9), 0);
-    EXPECT_EQ(resMgmtLibProcDbCreate(2, &params, 0, 9), 0);
-    zelResDb *made = gaResMgmtDb[5];
-    EXPECT_EQ(resMgmtLibInitFreeIndexList(made, 9, 12, 0, nullptr), -1);
-    EXPECT_EQ(resMgmtLibInitFreeIndexList(made, 20, 19, 0, nullptr), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    const auto create = [](uint32_t by, uint8_t id, uint32_t flags = 0, int32_t end = 9) {
+        zelResDbParams params = {id, "test", flags, 4, 0, 9, 10, 0};
+        return resMgmtLibProcDbCreate(by, &params, 0, end);
+    };
+    const auto addRange = [](int32_t start, int32_t end) {
+        return resMgmtLibInitFreeIndexList(gaResMgmtDb[5], start, end, 0, nullptr);
+    };
+    const auto refused = [&] {
+        for (const int result : {create(1, 6), create(0, 5), create(3, 5), create(1, 5, 0, 10),
+                                 create(1, 5, ZEL_RES_DB_NOTIFY), create(1, 5, ZEL_RES_DB_MARKS)})
+            EXPECT_EQ(result, -1);
+        for (const uint32_t by : {1u, 1u, 2u}) EXPECT_EQ(create(by, 5), 0);
+        for (const int result : {addRange(9, 12), addRange(20, 19)}) EXPECT_EQ(result, -1);
+    };
+    EXPECT_EQ(printedBy(3, refused),
               "resMgmtLibProcDbCreate(): Invalid Resource Id: 6.\r\n"
               "resMgmtLibProcDbCreate(): size 10 mismatch with index range. \r\n"
               "resMgmtLibProcDbCreate(): Invalid callback function registered.\r\n"
@@ -114,15 +113,13 @@ TEST_F(Resources, DatabasesAreCheckedCreatedAndJoined) {
               "resMgmtLibProcDbCreate(): DB Id: 5 created by Client ID: 1 already.\r\n"
               "resMgmtLibInitFreeIndexList(): Index range overlaps with existing range - start: 9, end: 12.\r\n"
               "resMgmtLibInitFreeIndexList(): Invalid range passed. size 0\r\n");
-    gRmLibDebug = 0;
-    EXPECT_EQ(resMgmtLibInitFreeIndexList(made, -5, 5, 0, nullptr), -1);
-    EXPECT_EQ(made->clients->next->client, gaResMgmtClientDb[2]);
-    EXPECT_EQ(gaResMgmtClientDb[2]->databases->db, made);
+    EXPECT_EQ(addRange(-5, 5), -1);
+    EXPECT_EQ(gaResMgmtDb[5]->clients->next->client, gaResMgmtClientDb[2]);
+    EXPECT_EQ(gaResMgmtClientDb[2]->databases->db, gaResMgmtDb[5]);
     EXPECT_EQ(gResMgrTcb.databasesCreated, 1u);
 
-    params = {4, "without", 0, 4, 0, 0, 0, 0};
-    EXPECT_EQ(resMgmtLibProcDbCreate(1, &params, 0, 0), -3);
-    EXPECT_EQ(resMgmtLibProcDbCreate(2, &params, 0, 0), -3);
+    zelResDbParams without = {4, "without", 0, 4, 0, 0, 0, 0};
+    for (const uint32_t by : {1u, 2u}) EXPECT_EQ(resMgmtLibProcDbCreate(by, &without, 0, 0), -3);
     EXPECT_EQ(gaResMgmtDb[4]->stateFlags, 1u);
 }
 
@@ -157,47 +154,32 @@ TEST_F(Resources, WithoutMemoryNothingChanges) {
 
 // ---- Indexes --------------------------------------------------------------------------------------------------------
 
-TEST_F(Resources, TheIndexFreedLastIsTakenWhenNothingElseIsFree) {
+// The model below has the rules; these are the words.
+TEST_F(Resources, SaysWhenOnlyTheIndexFreedLastOrNoneIsLeft) {
     registerClient(1);
-    createDatabase(10, 12);
+    createDatabase(10, 11);
     EXPECT_EQ(take(), 10);
     EXPECT_EQ(take(), 11);
-    EXPECT_EQ(take(), 12);
     resMgmtLibReleaseObjectIndex(db(), 11);
-    gRmLibDebug = 2;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(take(), 11);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    EXPECT_EQ(printedBy(2, [this] { EXPECT_EQ(take(), 11); }),
               "resMgmtLibGetFreeObjectIndex(): Last freed objIndex: 11 is the only one available.\r\n");
-    gRmLibDebug = 1;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(take(), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "resMgmtLibGetNextFreeIndex(): Range fully used. usedCount: 3.\r\n"
-              "resMgmtLibGetNextFreeIndex(): Range fully used. usedCount: 3.\r\n"
+    EXPECT_EQ(printedBy(1, [this] { EXPECT_EQ(take(), -1); }),
+              "resMgmtLibGetNextFreeIndex(): Range fully used. usedCount: 2.\r\n"
+              "resMgmtLibGetNextFreeIndex(): Range fully used. usedCount: 2.\r\n"
               "resMgmtLibGetFreeObjectIndex(): Returning error.\r\n");
-    gRmLibDebug = 0;
-    // Reuse does not forget it: 11 goes on to stand back behind the other one.
-    resMgmtLibReleaseObjectIndex(db(), 12);
-    resMgmtLibReleaseObjectIndex(db(), 11);
-    EXPECT_EQ(take(), 12);
-    EXPECT_EQ(take(), 11);
 }
 
 TEST_F(Resources, FreeingTwiceIsReportedAndCountsNothing) {
     registerClient(1);
     createDatabase(0, 40);
-    EXPECT_EQ(resMgmtLibSetObjectIndex(db(), 33), 0);
-    EXPECT_EQ(resMgmtLibSetObjectIndex(db(), 33), -1);
-    EXPECT_EQ(resMgmtLibSetObjectIndex(db(), 41), -1);
+    for (const auto &[index, result] : {std::pair{33, 0}, {33, -1}, {41, -1}})
+        EXPECT_EQ(resMgmtLibSetObjectIndex(db(), index), result);
     EXPECT_EQ(take(), 0);
-    EXPECT_EQ(resMgmtLibReleaseObjectIndex(db(), 33), 0);
-    EXPECT_EQ(resMgmtLibReleaseObjectIndex(db(), 33), -1);
-    EXPECT_EQ(resMgmtLibReleaseObjectIndex(db(), 41), -1);
+    for (const auto &[index, result] : {std::pair{33, 0}, {33, -1}, {41, -1}})
+        EXPECT_EQ(resMgmtLibReleaseObjectIndex(db(), index), result);
     EXPECT_EQ(reportedAssertions(), 1);
     EXPECT_EQ(db()->cfgInfo.used_count, 1u);
-    db()->cfgInfo.used_count = 0;
-    db()->currentRange->usedCount = 0;
+    db()->cfgInfo.used_count = db()->currentRange->usedCount = 0;
     EXPECT_EQ(resMgmtLibReleaseObjectIndex(db(), 0), 0);
     EXPECT_EQ(reportedAssertions(), 3);
     EXPECT_EQ(lastAssertion(), "pLinkNode->usedCount >0");
@@ -290,30 +272,27 @@ TEST_F(Resources, RandomOperationsAgreeWithAModel) {
 
 // ---- Entries and requests -------------------------------------------------------------------------------------------
 
-TEST_F(Resources, AnEntryIsFiledOnceUnderItsDigest) {
+// The random operations below have the rest of an entry's life.
+TEST_F(Resources, AnEntryIsFiledUnderTheDigestOfItsKeyAlone) {
     registerClient(1);
     createDatabase(0, 9);
-    const uint32_t number = 5, other = 6;
-    const zelResKey key = keyOf(number), wrong = {&number, 3, 0, 0}, clash = keyOf(other);
     uint8_t digest[16];
-    int rc = 1;
     EXPECT_EQ(resMgmtLibFormMd5Key("abc", 3, digest), 0);
     EXPECT_EQ(memcmp(digest, "\x90\x01\x50\x98\x3c\xd2\x4f\xb0\xd6\x96\x3f\x7d\x28\xe1\x7f\x72", 16), 0);
-    zelResClient *user = gaResMgmtClientDb[client];
-    EXPECT_EQ(resMgmtLibProcObjectEntryAdd(user, db(), digest, nullptr, 0, 0, &rc), nullptr);
-    EXPECT_EQ(resMgmtLibProcObjectEntryAdd(user, db(), digest, &wrong, 0, 0, &rc), nullptr);
-    zelResEntry *entry = resMgmtLibProcObjectEntryAdd(user, db(), digest, &key, 0, 0, &rc);
+    const uint32_t number = 5, other = 6;
+    const zelResKey key = keyOf(number), wrong = {&number, 3, 0, 0}, clash = keyOf(other);
+    int rc = 1;
+    const auto file = [&](const zelResKey *given) {
+        return resMgmtLibProcObjectEntryAdd(gaResMgmtClientDb[client], db(), digest, given, 0, 0, &rc);
+    };
+    EXPECT_TRUE(!file(nullptr) && !file(&wrong));
+    zelResEntry *entry = file(&key);
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(resMgmtLibFindObjectEntry(db(), digest, &number), entry);
     EXPECT_EQ(resMgmtLibFindObjectEntry(db(), digest, &other), nullptr);
-    EXPECT_EQ(resMgmtLibProcObjectEntryAdd(user, db(), digest, &clash, 0, 0, &rc), nullptr);
+    EXPECT_EQ(file(&clash), nullptr);
     EXPECT_EQ(rc, -1);
-    EXPECT_EQ(resMgmtLibRefObjectEntry(user, db(), entry), 0);
-    EXPECT_EQ(resMgmtLibProcObjectEntryDel(user, db(), entry), 0);
     EXPECT_EQ(audit(), "");
-    EXPECT_EQ(resMgmtLibProcObjectEntryDel(user, db(), entry), 0);
-    EXPECT_EQ(db()->entryCount, 0u);
-    EXPECT_EQ(db()->lastFreed, 0);
 }
 
 TEST_F(Resources, AnEntryThatLosesItsIndexWaitsForAnother) {
@@ -390,18 +369,14 @@ TEST_F(Resources, DumpsShowTheTables) {
     registerClient(1);
     createDatabase(5, 9);
     add(0x01020304);
-    testing::internal::CaptureStdout();
-    gRmKeyDmp = 1;
-    entryOf(0);
-    gRmKeyDmp = 0;
-    rmLibHelp();
-    rmLibDumpAllClient();
-    rmLibDumpAllResourceDb();
-    rmLibDumpObjIndexTree(database);
-    rmLibDumpMd5NodeTree(database);
-    rmLibDumpDbCounters(0);
-    rmLibDumpGlobalTcb();
-    const std::string printed = testing::internal::GetCapturedStdout();
+    const std::string printed = printedBy(0, [] {
+        gRmKeyDmp = 1;
+        entryOf(0);
+        gRmKeyDmp = 0;
+        for (const auto dump : {rmLibHelp, rmLibDumpAllClient, rmLibDumpAllResourceDb, rmLibDumpGlobalTcb}) dump();
+        for (const auto dump : {rmLibDumpObjIndexTree, rmLibDumpMd5NodeTree}) dump(database);
+        rmLibDumpDbCounters(0);
+    });
     for (const char *line : {"Client Key: 00 00 00 00\nMD5 Key: f1 d3 ff 84 43 29 77 32 86 2d f2 1d c4 e5 72 62\n",
                              "Client 1: service 175, instance 0, words 0x7 0x8 0x9, databases 2\n",
                              "  1 of 5 used, last allocated 5, last freed -1\n  range 5..9: 1 of 5 used, initial\n",

@@ -1,12 +1,8 @@
 // Three processes over UDP on the loopback: the two route processors of the KXL primary, and the secondary switch. They
 // add and delete keys, some of them on both switches, and report what they were given; one after the other is killed in
 // the middle of that, replaced, and audited.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
@@ -14,12 +10,11 @@
 #include <string>
 #include <vector>
 
+#include "tests/ipc/peer.h"
 #include "tests/resmgr/audit.h"
 #include "tests/resmgr/ledger.h"
 #include "tests/support/child.h"
-#include "tests/support/eventually.h"
 #include "tests/support/random.h"
-#include "zel/platform.h"
 
 namespace zel::test {
 namespace {
@@ -27,55 +22,18 @@ namespace {
 constexpr uint8_t nodes = 3, secondary = 2, auditor = 9, nobody = 255;
 constexpr int32_t capacity = 90;
 
-class Port {
-public:
-    explicit Port(uint8_t number) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        const int room = 1 << 20;
-        if (setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &room, sizeof room) != 0)
-            setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
-        const sockaddr_in own = address(number);
-        isBound_ = bind(fd_, reinterpret_cast<const sockaddr *>(&own), sizeof own) == 0;
-    }
-    ~Port() { close(fd_); }
-    Port(const Port &) = delete;
-    Port &operator=(const Port &) = delete;
-    bool isBound() const { return isBound_; }
-
-    int send(uint8_t number, const void *bytes, std::size_t length) const {
-        const sockaddr_in to = address(number);
-        const auto sent = sendto(fd_, bytes, length, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
-        return sent == static_cast<ssize_t>(length) ? 0 : -1;
-    }
-    std::vector<uint8_t> receive(long nanoseconds) const {
-        pollfd entry{fd_, POLLIN, 0};
-        const timespec limit{0, nanoseconds};
-        if (ppoll(&entry, 1, &limit, nullptr) != 1) return {};
-        std::vector<uint8_t> bytes(8192);
-        const ssize_t length = recv(fd_, bytes.data(), bytes.size(), 0);
-        bytes.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
-        return bytes;
-    }
-
-private:
-    static sockaddr_in address(uint8_t number) {
-        sockaddr_in result{};
-        result.sin_family = AF_INET;
-        result.sin_addr.s_addr = htonl(zelPlatformIpcAddress());
-        result.sin_port = htons(static_cast<uint16_t>(21000 + number));
-        return result;
-    }
-    int fd_;
-    bool isBound_ = false;
-};
+constexpr uint32_t portOf(uint8_t node) {
+    return 21000u + node;
+}
 
 // What the auditor tells a node, and what it is to do at once.
-enum class Task : uint8_t { none, copyFromPrimary, copyFromPeer, takeOver, greetPeer, forgetPeer, showTable };
+enum class Duty : uint8_t { none, copyFromPrimary, copyFromPeer, takeOver, greetPeer, forgetPeer, showTable };
 struct Orders {
     char kind = 'O';
     bool isPrimary = false;
     uint8_t standby = nobody, peer = nobody;
     bool isActive = false;
-    Task task = Task::none;
+    Duty duty = Duty::none;
 };
 
 // What a node tells the auditor: that an index was given for a key, that a key is let go of, or its whole table.
@@ -96,19 +54,25 @@ struct Report {
 
 uint8_t self;
 Orders orders;
-std::unique_ptr<Port> port;
+std::unique_ptr<Peer> socket;
 
 int carry(uint8_t to, int link, const void *bytes, uint32_t length) {
     if (to == nobody) return -1;
     std::vector<uint8_t> datagram = {'S', static_cast<uint8_t>(link)};
     const auto *from = static_cast<const uint8_t *>(bytes);
     datagram.insert(datagram.end(), from, from + length);
-    return port->send(to, datagram.data(), datagram.size());
+    socket->send(datagram, portOf(to));
+    return 0;
+}
+
+void tellAuditor(const Report &message, std::size_t count) {
+    const auto *bytes = reinterpret_cast<const uint8_t *>(&message);
+    socket->send({bytes, bytes + message.length(count)}, portOf(auditor));
 }
 
 void report(char kind, uint32_t number, int32_t index) {
     Report message{kind, self, "", {{number, index, 1}}};
-    port->send(auditor, &message, message.length(1));
+    tellAuditor(message, 1);
 }
 
 bool isHandedOut(const zelResEntry *entry) {
@@ -125,33 +89,33 @@ void showTable(bool onlyHandedOut) {
         if (onlyHandedOut && isHandedOut(entry)) report('G', numberOf(entry), entry->objectIndex);
         message.rows[count++] = {numberOf(entry), entry->objectIndex, isHandedOut(entry)};
     }
-    if (!onlyHandedOut) port->send(auditor, &message, message.length(count));
+    if (!onlyHandedOut) tellAuditor(message, count);
 }
 
 void obey(const Orders &given) {
     orders = given;
     zelPlatformSetPrimaryRpm(orders.isPrimary);
-    switch (orders.task) {
-        case Task::copyFromPrimary:
+    switch (orders.duty) {
+        case Duty::copyFromPrimary:
             resMgmtLibRequestAllData(ZEL_RES_LINK_HA);
             break;
-        case Task::copyFromPeer:
+        case Duty::copyFromPeer:
             resMgmtLibRequestAllData(ZEL_RES_LINK_KXL);
             break;
-        case Task::takeOver:
+        case Duty::takeOver:
             showTable(true);
             resMgmtLibProcessPendingRequests(gaResMgmtDb[database]);
             [[fallthrough]];
-        case Task::greetPeer:
+        case Duty::greetPeer:
             resMgmtLibSyncAllDataToPeer(ZEL_RES_LINK_KXL);
             break;
-        case Task::forgetPeer:
+        case Duty::forgetPeer:
             resMgmtLibClearKxlPeerDependencies(gaResMgmtDb[database]);
             break;
-        case Task::showTable:
+        case Duty::showTable:
             showTable(false);
             break;
-        case Task::none:
+        case Duty::none:
             break;
     }
 }
@@ -172,7 +136,7 @@ void act(Random &random) {
 
 ZEL_CHILD(resourceNode) {
     self = static_cast<uint8_t>(atoi(argv[0]));
-    port = std::make_unique<Port>(self);
+    socket = std::make_unique<Peer>(portOf(self));
     Random random = seeded();
     resMgmtLibRegisterClient(
         client, 175, self, nullptr, nullptr, nullptr,
@@ -186,7 +150,7 @@ ZEL_CHILD(resourceNode) {
     zelPlatformSetPrimaryRpm(0);
     report('U', 0, 0);
     for (;;) {
-        const std::vector<uint8_t> datagram = port->receive(500'000);
+        const std::vector<uint8_t> datagram = socket->receive(1);
         if (datagram.size() == sizeof(Orders) && datagram[0] == 'O') {
             Orders given;
             memcpy(static_cast<void *>(&given), datagram.data(), sizeof given);
@@ -205,8 +169,8 @@ class Auditor : public testing::Test {
 protected:
     Auditor() {
         for (uint8_t number = 0; number < nodes; ++number) start(number);
-        for (const uint8_t number : {uint8_t{0}, uint8_t{1}, secondary}) tell(number, Task::none);
-        tell(standby(), Task::copyFromPrimary);
+        for (const uint8_t number : {uint8_t{0}, uint8_t{1}, secondary}) tell(number, Duty::none);
+        tell(standby(), Duty::copyFromPrimary);
     }
 
     uint8_t standby() const { return active ^ 1; }
@@ -217,18 +181,19 @@ protected:
         isUp[number] = false;
         ASSERT_TRUE(eventually(20, [&] { return hear(), isUp[number]; }));
     }
-    void tell(uint8_t number, Task task) {
+    void tell(uint8_t number, Duty duty) {
         Orders given;
         given.isPrimary = number != standby();
         if (number != secondary) given.standby = number ^ 1;
         given.peer = number == secondary ? active : secondary;
         given.isActive = isActive;
-        given.task = task;
-        inbox.send(number, &given, sizeof given);
+        given.duty = duty;
+        const auto *bytes = reinterpret_cast<const uint8_t *>(&given);
+        inbox.send({bytes, bytes + sizeof given}, portOf(number));
     }
     // Takes what has been reported so far, or comes within a millisecond.
     void hear() {
-        for (auto bytes = inbox.receive(1'000'000); !bytes.empty(); bytes = inbox.receive(0)) {
+        for (auto bytes = inbox.receive(1); !bytes.empty(); bytes = inbox.receive(0)) {
             Report message{};
             memcpy(static_cast<void *>(&message), bytes.data(), bytes.size());
             const Row &row = message.rows[0];
@@ -250,22 +215,22 @@ protected:
         const uint8_t dead = active;
         kill(dead);
         active = standby();
-        tell(active, Task::takeOver);
-        tell(secondary, Task::greetPeer);
+        tell(active, Duty::takeOver);
+        tell(secondary, Duty::greetPeer);
         start(dead);
-        tell(dead, Task::copyFromPrimary);
+        tell(dead, Duty::copyFromPrimary);
     }
     void killStandby() {
         kill(standby());
         start(standby());
-        tell(standby(), Task::copyFromPrimary);
+        tell(standby(), Duty::copyFromPrimary);
     }
     void killPeer() {
         kill(secondary);
         ledger.held[1].clear();
-        tell(active, Task::forgetPeer);
+        tell(active, Duty::forgetPeer);
         start(secondary);
-        tell(secondary, Task::copyFromPeer);
+        tell(secondary, Duty::copyFromPeer);
     }
 
     std::map<uint32_t, int32_t> rowsOf(uint8_t number, bool onlyHeld) {
@@ -279,7 +244,7 @@ protected:
     // The tables agree with each other and with the ledger, and nothing is left that nobody holds.
     bool isConsistent() {
         tables.clear();
-        for (uint8_t number = 0; number < nodes; ++number) tell(number, Task::showTable);
+        for (uint8_t number = 0; number < nodes; ++number) tell(number, Duty::showTable);
         if (!eventually(5, [&] { return hear(), tables.size() == nodes; })) return false;
         const auto ours = rowsOf(active, false), theirs = rowsOf(secondary, false);
         std::set<uint32_t> all;
@@ -293,10 +258,10 @@ protected:
     }
     void setActive(bool on) {
         isActive = on;
-        for (uint8_t number = 0; number < nodes; ++number) tell(number, Task::none);
+        for (uint8_t number = 0; number < nodes; ++number) tell(number, Duty::none);
     }
 
-    Port inbox{auditor};
+    Peer inbox{portOf(auditor)};
     std::unique_ptr<Child> children[nodes];
     bool isUp[nodes] = {};
     bool isActive = false;
