@@ -1,50 +1,24 @@
 // Multicast batches: when one leaves, what happens to the caller's record, what is reported, and whose every buffer is.
 #include "zel/mrtm.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <cstdlib>
 
-#include "tests/support/fake_network.h"
-#include "tests/support/reports.h"
-#include "zel/ipc.h"
+#include "tests/rtm/client.h"
 
 namespace zel::test {
 namespace {
 
-constexpr int service = 61;
-constexpr std::uint32_t key = service << 7;
 constexpr std::uint32_t handle = 77;
-constexpr unsigned statusWord = 20, handleWord = 60, routesWord = 136;
+constexpr unsigned routesWord = 136;
 
-// Buffers handed out by the queue's hooks and not returned.
-int buffersOut = 0;
-
-class Multicast : public testing::Test {
+class Multicast : public ManagerClient {
 protected:
-    Multicast() {
-        EXPECT_EQ(zelIpcOpen(service, 0), static_cast<int>(key));
-        EXPECT_EQ(zelTmeSetTaskEntry(ZEL_MRTM_SERVICE, 0, ZEL_TME_REMOTE, 0x7f000002), 0);
-        EXPECT_EQ(zelTmeSetTaskEntry(service, 0, ZEL_TME_HERE, zel_sysGetIpAddr()), 0);
+    Multicast() : ManagerClient(ZEL_MRTM_SERVICE) {
         makeQueue(3, 8);
         route.listKind = ZEL_MRTM_LISTS_OF_ALL;
         route.lists[0][0] = route.lists[1][500] = 1;
     }
-    ~Multicast() override {
-        zelMrtmDropPending(&pending, queue);
-        zelSwpQueueRemove(queue);
-        EXPECT_EQ(buffersOut, 0);
-    }
-    void makeQueue(std::uint32_t capacity, std::uint32_t window) {
-        if (queue) zelSwpQueueRemove(queue);
-        EXPECT_EQ(zelSwpQueueCreate(
-                      service, 0, ZEL_MRTM_SERVICE, 0, capacity, window, 1, 1, [](void *, int) {}, &queue),
-                  0);
-        // Not zeroed, so that bytes nobody wrote show.
-        swpFifoQueue[queue] = {[](std::uint32_t bytes) { return ++buffersOut, memset(malloc(bytes), 0xa5, bytes); },
-                               [](void *block) { --buffersOut, free(block); }};
-    }
+    ~Multicast() override { zelMrtmDropPending(&pending, queue); }
     int update(std::uint32_t operation = ZEL_MRTM_ADD, int family = ZEL_MRTM_IPV4) {
         zelMrtmWriteRoute(family == ZEL_MRTM_IPV4 ? 1 : 3, &route, record.data());
         return zelMrtmUpdateRouteIPv4(family, handle, operation, record.data(), &pending, &ipc, queue);
@@ -54,12 +28,8 @@ protected:
     // Of the caller's IPv4 record.
     const std::uint8_t *firstList() const { return record.data() + 16 + 80; }
 
-    FakeNetwork network;
-    const zelIpcAddr ipc{service, key, 0, 0, 5};
-    std::uint32_t queue = 0;
     zelMrtmRoute route{};
     Bytes record = Bytes(ZEL_MRTM_ROUTE_LENGTH_V6);
-    void *pending = nullptr;
 };
 
 TEST_F(Multicast, theFifthRouteSendsABatchAndASixthIsRefused) {
@@ -213,14 +183,7 @@ TEST_F(Multicast, requestsFailOnSilenceAStatusAndWhatIsTooShort) {
         int result;
     } rows[] = {{0, 60, 1}, {7, 128, 1}, {0, 128, 0}};
     for (const auto &[status, length, result] : rows) {
-        network.onSend = [this, word = status, bytes = length](const Sent &sent) {
-            Bytes answer = sent.bytes;
-            answer[4] = ZEL_IPC_RSP;
-            zelIpcHdrSet32(answer.data(), statusWord, word);
-            zelIpcHdrSet32(answer.data(), handleWord, 55);
-            answer.resize(bytes);
-            network.arrive(Key_getSocketFd(key | 2), answer);
-        };
+        answers(status, 55, length);
         EXPECT_EQ(registerUs("client"), result);
         EXPECT_EQ(given, result ? 1234u : 55u);
         Bytes response(ZEL_MRTM_QUERY_ANSWER_LENGTH);

@@ -1,39 +1,14 @@
 // Synchronous requests: what the caller makes of each kind of answer.
-#include <gtest/gtest.h>
-
-#include "tests/support/fake_network.h"
-#include "tests/support/reports.h"
-#include "zel/ipc.h"
-#include "zel/rtm.h"
+#include "tests/rtm/client.h"
 
 namespace zel::test {
 namespace {
 
-constexpr int service = 61;
-constexpr std::uint32_t key = service << 7;
-constexpr unsigned statusWord = 20, handleWord = 60;
-
-class Requests : public testing::Test {
+class Requests : public ManagerClient {
 protected:
-    Requests() {
-        EXPECT_EQ(zelIpcOpen(service, 0), static_cast<int>(key));
-        EXPECT_EQ(zelTmeSetTaskEntry(ZEL_RTM_SERVICE, 0, ZEL_TME_HERE, zel_sysGetIpAddr()), 0);
-    }
-    // The manager's answer to the next request: the request with these words changed, cut to `length`.
-    void answers(std::uint32_t status, std::uint32_t newHandle, std::size_t length = 8192) {
-        network.onSend = [=, this](const Sent &sent) {
-            Bytes answer = sent.bytes;
-            answer[4] = ZEL_IPC_RSP;
-            zelIpcHdrSet32(answer.data(), statusWord, status);
-            zelIpcHdrSet32(answer.data(), handleWord, newHandle);
-            answer.resize(std::min(length, answer.size()));
-            network.arrive(Key_getSocketFd(key | 2), answer);
-        };
-    }
+    Requests() : ManagerClient(ZEL_RTM_SERVICE) {}
     int registerUs(const char *name = "client") { return zelRtmRegister(5, 0, name, &handle, &ipc); }
 
-    FakeNetwork network;
-    const zelIpcAddr ipc{service, key, 0, 0, 0};
     const std::uint32_t value = 1;
     std::uint32_t handle = 1234;
 };

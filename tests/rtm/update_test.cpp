@@ -1,41 +1,22 @@
 // Batching of route updates: when a batch leaves, what a caller gets back, and whose every buffer is.
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-
-#include "tests/support/fake_network.h"
-#include "zel/ipc.h"
-#include "zel/rtm.h"
+#include "tests/rtm/client.h"
 
 namespace zel::test {
 namespace {
 
-constexpr int service = 61;
 constexpr std::uint32_t handle = 77;
 constexpr std::uint32_t vrf = 3;
 constexpr unsigned fillWord = 8, routesWord = 140, groupWord = 128;
 
-// Buffers handed out by a queue's hooks and not returned.
-int buffersOut = 0;
-const zelSwpFifoHooks hooks = {[](std::uint32_t bytes) { return ++buffersOut, malloc(bytes); },
-                               [](void *block) { --buffersOut, free(block); }};
-
-class Updates : public testing::Test {
+class Updates : public ManagerClient {
 protected:
-    Updates() {
-        EXPECT_EQ(zelIpcOpen(service, 0), service << 7);
-        EXPECT_EQ(zelTmeSetTaskEntry(ZEL_RTM_SERVICE, 0, ZEL_TME_REMOTE, 0x7f000002), 0);
-        EXPECT_EQ(zelSwpQueueCreate(
-                      service, 0, ZEL_RTM_SERVICE, 0, 3, 8, 1, 1, [](void *, int) {}, &queue),
-                  ZEL_SWP_SUCCESS);
-        swpFifoQueue[queue] = hooks;
+    Updates() : ManagerClient(ZEL_RTM_SERVICE) {
+        makeQueue(3, 8);
         route.nNextHops = 1;
         route.hop[0].addr[0] = 10;
     }
     ~Updates() override {
         if (pending) zelRtmDropPending(&pending, queue, nullptr, vrf);
-        zelSwpQueueRemove(queue);
-        EXPECT_EQ(buffersOut, 0);
     }
 
     int update(std::uint32_t operation = ZEL_RTM_ADD, int family = 0) {
@@ -44,12 +25,8 @@ protected:
     int push() { return zelRtmUpdateRoute(handle, ZEL_RTM_DELETE, nullptr, &pending, &ipc, queue, 1, 0, list, vrf); }
     std::uint32_t fill() const { return zelIpcHdrGet32(pending, fillWord); }
 
-    FakeNetwork network;
-    const zelIpcAddr ipc{service, service << 7, 0, 0, 0};
-    std::uint32_t queue = 0;
     zelSwpQList *list = nullptr;
     zelRtmRoute route{};
-    void *pending = nullptr;
 };
 
 TEST_F(Updates, aBatchLeavesWithTheRouteThatCrossesTheThreshold) {
