@@ -50,8 +50,8 @@ std::uint32_t addEntry(const zelAclMgr *manager, const char *name, const Entry *
 template <class Entry>
 int getEntries(const zelAclMgr *manager, const char *name, Entry *entries, int capacity) {
     return reading(manager, entries != nullptr || capacity <= 0, [&](const zelAclMgr &given) {
-        const Change change(given);
-        const ListNode *list = change.find(Chain<Entry>::kind, name);
+        const Reading look(given);
+        const ListNode *list = look.find(Chain<Entry>::kind, name);
         const auto draft = read<Entry>(list);
         if (list == nullptr || (draft.items.empty() && draft.entries() != 0)) return -1;
         std::copy_n(draft.items.begin(), std::min(draft.items.size(), static_cast<std::size_t>(std::max(capacity, 0))),

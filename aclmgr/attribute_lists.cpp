@@ -17,12 +17,13 @@ using policy::Community;
 
 constexpr std::uint32_t codeNoExpression = 0x39000014;
 
-// The expression at a link of an image, null when that is not to be believed.
+// The expression at a link of an image, null when that is not to be believed. Its pattern ends where it says.
 zelRegex *expressionAt(Link link) {
     const auto *expression = at<zelRegex>(link);
     if (!expression || expression->magic != zelRegex::validMagic || expression->length > policy::longestPattern)
         return nullptr;
-    return const_cast<zelRegex *>(at<zelRegex>(link, sizeof(zelRegex) + expression->length + 1));
+    const auto *whole = at<zelRegex>(link, sizeof(zelRegex) + expression->length + 1);
+    return whole && whole->pattern[whole->length] == 0 ? const_cast<zelRegex *>(whole) : nullptr;
 }
 
 // Visits the links to expressions that an image has, also those that lead nowhere; false when its entries are not all
@@ -308,8 +309,8 @@ uint32_t zelAclMgrAddAspEntry(zelAclMgr *manager, const char *name, const zelAcl
 
 int zelAclMgrGetAspEntries(zelAclMgr *manager, const char *name, zelAclAspEntry *entries, int capacity) {
     return reading(manager, entries || capacity <= 0, [&](const zelAclMgr &given) {
-        const Change change(given);
-        const ListNode *list = change.find(ZEL_ACLMGR_ASPATH, name);
+        const Reading look(given);
+        const ListNode *list = look.find(ZEL_ACLMGR_ASPATH, name);
         if (!list) return -1;
         const auto draft = readAsp(imageOf(*list));
         const auto &items = static_cast<AspDraft &>(*draft).items;
@@ -331,8 +332,8 @@ int zelAclMgrGetCommEntries(zelAclMgr *manager, const char *name, zelAclCommEntr
                             uint32_t *values, uint32_t valueCapacity) {
     const bool isComplete = (entries || capacity <= 0) && (values || valueCapacity == 0);
     return reading(manager, isComplete, [&](const zelAclMgr &given) {
-        const Change change(given);
-        const ListNode *list = change.find(ZEL_ACLMGR_COMMUNITY, name);
+        const Reading look(given);
+        const ListNode *list = look.find(ZEL_ACLMGR_COMMUNITY, name);
         if (!list) return -1;
         const auto draft = readComm(imageOf(*list));
         const auto &items = static_cast<CommDraft &>(*draft).items;

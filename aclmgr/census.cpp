@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "aclmgr/draft.h"
+#include "policy/tree_reader.h"
 
 namespace zel::aclmgr {
 namespace {
@@ -21,16 +22,50 @@ bool isListOf(const ListNode *list, Kind kind) {
            list->name[policy::nameLength] == 0 && list->entry.rth_addr == reinterpret_cast<const uint8_t *>(list->name);
 }
 
-// The blocks of nodes and the table that leads to them can be read.
+// No tree of names has versions or a side index.
+bool isPlain(const zelRadix &tree) {
+    return tree.rtt_magic == ZEL_RADIX_MAGIC && tree.rtt_maxbits == policy::nameBits && tree.rtt_versioning == 0 &&
+           tree.rtt_index == nullptr;
+}
+
+bool hasNoVersions(const zelRadix &tree) {
+    const std::size_t count = tree.rtt_slab_count;
+    if (believed<void *>(tree.rtt_newest, count * sizeof(void *)) == nullptr) return false;
+    return std::all_of(tree.rtt_newest, tree.rtt_newest + count, [](const auto *newest) { return newest == nullptr; });
+}
+
+// The blocks of nodes and the tables that lead to them can be read.
 bool hasNodes(const zelRadix &tree) {
     const std::size_t count = tree.rtt_slab_count;
-    if (tree.rtt_magic != ZEL_RADIX_MAGIC || tree.rtt_fresh == 0 || tree.rtt_slab_room < count) return false;
+    if (!isPlain(tree) || tree.rtt_fresh == 0 || tree.rtt_slab_room < count) return false;
     if (count == 0) return tree.rtt_fresh == 1;
     if (tree.rtt_fresh > count * ZEL_RADIX_SLAB) return false;
     if (believed<void *>(tree.rtt_slabs, 2 * std::size_t{tree.rtt_slab_room} * sizeof(void *)) == nullptr) return false;
-    return std::all_of(tree.rtt_slabs, tree.rtt_slabs + count, [](const zelRadixNode *slab) {
-        return believed<zelRadixNode>(slab, ZEL_RADIX_SLAB * sizeof(zelRadixNode)) != nullptr;
-    });
+    return hasNoVersions(tree) && std::all_of(tree.rtt_slabs, tree.rtt_slabs + count, [](const zelRadixNode *slab) {
+               return believed<zelRadixNode>(slab, ZEL_RADIX_SLAB * sizeof(zelRadixNode)) != nullptr;
+           });
+}
+
+struct NameKey {
+    std::uint8_t bytes[policy::nameLength] = {};
+    explicit NameKey(const char *name) { memcpy(bytes, name, strnlen(name, sizeof bytes)); }
+};
+
+// An insertion takes two nodes at most.
+bool hasSpares(const zelRadix &tree) {
+    const std::uint32_t first = tree.rtt_spare;
+    return first == 0 || (first < tree.rtt_fresh && zelRadixNodeAt(&tree, first)->rtn_parent < tree.rtt_fresh);
+}
+
+bool isForkWhole(const zelRadixNode &node, std::uint32_t fresh) {
+    return node.rtn_bit < policy::nameBits && node.rtn_mask == 0x80u >> (node.rtn_bit & 7) && node.rtn_left != 0 &&
+           node.rtn_left < fresh && node.rtn_right != 0 && node.rtn_right < fresh;
+}
+
+bool isLeafWhole(const zelRadixNode &node, Kind kind) {
+    const auto *list = believed<ListNode>(node.rtn_entry);
+    return isListOf(list, kind) && list->entry.rtn == &node && list->entry.rth_key == list->entry.rth_addr &&
+           node.rtn_bit == policy::nameBits && (node.rtn_left | node.rtn_right) == 0;
 }
 
 // Follows the links of a tree. Prefixes grow longer on every way down, and no more nodes are looked at than there are.
@@ -105,6 +140,40 @@ bool countImage(const ListNode &list, Census &census) {
 
 TreeCensus countTree(const zelRadix &tree, Kind kind) {
     return TreeWalk(tree, kind).run();
+}
+
+ListNode *findIn(const zelRadix &tree, Kind kind, const char *name) {
+    if (name == nullptr || !hasNodes(tree)) return nullptr;
+    const NameKey key(name);
+    std::uint32_t number = tree.rtt_root, least = 0;
+    while (number != 0 && number < tree.rtt_fresh) {
+        const zelRadixNode *node = zelRadixNodeAt(&tree, number);
+        if (node->rtn_bit < least || node->rtn_bit > policy::nameBits) return nullptr;
+        if (node->rtn_bit == policy::nameBits) {
+            auto *list = const_cast<ListNode *>(believed<ListNode>(node->rtn_entry));
+            return isListOf(list, kind) && memcmp(list->name, key.bytes, sizeof key.bytes) == 0 ? list : nullptr;
+        }
+        least = node->rtn_bit + 1u;
+        number = policy::childOnTheWay(*node, node->rtn_bit, key.bytes);
+    }
+    return nullptr;
+}
+
+bool isWaySound(const zelRadix &tree, Kind kind, const char *name) {
+    if (!hasNodes(tree) || !hasSpares(tree)) return false;
+    const NameKey key(name);
+    std::uint32_t number = tree.rtt_root, above = 0, least = 0;
+    while (number != 0) {
+        if (number >= tree.rtt_fresh) return false;
+        const zelRadixNode *node = zelRadixNodeAt(&tree, number);
+        if (node->rtn_parent != above || node->rtn_bit < least) return false;
+        if (node->rtn_entry != nullptr) return isLeafWhole(*node, kind);
+        if (!isForkWhole(*node, tree.rtt_fresh)) return false;
+        least = node->rtn_bit + 1u;
+        above = number;
+        number = policy::childOnTheWay(*node, node->rtn_bit, key.bytes);
+    }
+    return true;  // an empty tree, since every fork has both children
 }
 
 std::vector<ListNode *> allNodes(const policy::Root &root) {

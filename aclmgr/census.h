@@ -15,6 +15,10 @@ struct TreeCensus {
     bool isTidy = false;   // and what they do not see agrees with it
 };
 TreeCensus countTree(const zelRadix &tree, Kind kind);
+// The list of that name, or null; also where links are not those of a tree.
+ListNode *findIn(const zelRadix &tree, Kind kind, const char *name);
+// Whether all that an insertion or removal at that name follows, down and up again, is as it should be.
+bool isWaySound(const zelRadix &tree, Kind kind, const char *name);
 
 struct Census {
     std::vector<ListNode *> lists;

@@ -40,7 +40,8 @@ Result answer(const zelAclMgr *manager, bool isComplete, Result badValue, Result
 template <class Work>
 std::uint32_t changing(const zelAclMgr *manager, bool isComplete, std::uint32_t noMemory, const Work &work,
                        int line = __builtin_LINE()) {
-    return answer(manager, isComplete, codeValueRange, noMemory, work, line);
+    const bool mayWrite = manager == nullptr || manager->mayWrite;
+    return answer(manager, isComplete && mayWrite, codeValueRange, noMemory, work, line);
 }
 template <class Work>
 int reading(const zelAclMgr *manager, bool isComplete, const Work &work, int line = __builtin_LINE()) {

@@ -1,6 +1,8 @@
 // Edits that are alike for all kinds of list: the list is read back, changed, and put in place whole.
+#include <algorithm>
 #include <cstring>
 
+#include "aclmgr/census.h"
 #include "aclmgr/draft.h"
 
 namespace zel::aclmgr {
@@ -90,12 +92,13 @@ int zelAclMgrGetNames(zelAclMgr *manager, zelAclMgrKind kind, char (*names)[ZEL_
     const KindRow *row = rowOf(kind);
     const bool isComplete = row != nullptr && (names != nullptr || capacity <= 0);
     return reading(manager, isComplete, [&](const zelAclMgr &given) {
-        const Change change(given);
-        zelRadix *tree = &given.tables->trees[static_cast<std::size_t>(row->kind)];
-        int count = 0;
-        for (zelRadixEntry *at = zelRadixGetNext(tree, nullptr); at != nullptr; at = zelRadixGetNext(tree, at))
-            if (count++ < capacity)
-                memcpy(names[count - 1], reinterpret_cast<const ListNode *>(at)->name, ZEL_POLICY_NAME + 1);
-        return count;
+        const Reading look(given);
+        std::vector<ListNode *> lists =
+            countTree(given.tables->trees[static_cast<std::size_t>(row->kind)], row->kind).lists;
+        std::sort(lists.begin(), lists.end(),
+                  [](const ListNode *a, const ListNode *b) { return memcmp(a->name, b->name, sizeof a->name) < 0; });
+        for (std::size_t i = 0; i < lists.size() && static_cast<int>(i) < capacity; ++i)
+            memcpy(names[i], lists[i]->name, sizeof lists[i]->name);
+        return static_cast<int>(lists.size());
     });
 }

@@ -14,8 +14,9 @@ zelAclMgrKind prefixKind(int family) {
     return family == ZEL_POLICY_IPV6 ? ZEL_ACLMGR_PREFIX6 : ZEL_ACLMGR_PREFIX;
 }
 
-std::unique_ptr<PrefixDraft> readList(const Change &change, const char *name, int family) {
-    const ListNode *list = change.find(prefixKind(family), name);
+template <class Tables>
+std::unique_ptr<PrefixDraft> readList(const Tables &tables, const char *name, int family) {
+    const ListNode *list = tables.find(prefixKind(family), name);
     return list != nullptr ? readPrefixes(imageOf(*list), family) : nullptr;
 }
 
@@ -53,8 +54,8 @@ int zelAclMgrGetPrefixEntries(zelAclMgr *manager, const char *name, int family, 
                               int capacity) {
     const bool isComplete = entries != nullptr || capacity <= 0;
     return reading(manager, isComplete && hasAddresses(family), [&](const zelAclMgr &given) {
-        const Change change(given);
-        const auto draft = readList(change, name, family);
+        const Reading look(given);
+        const auto draft = readList(look, name, family);
         if (!draft) return -1;
         const auto room = static_cast<std::size_t>(std::max(capacity, 0));
         std::copy_n(draft->items.begin(), std::min(draft->items.size(), room), entries);

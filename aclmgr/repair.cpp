@@ -109,5 +109,6 @@ uint32_t zelAclMgrAudit(zelAclMgr *manager, zelAclMgrAuditReport *report) {
         const zel::aclmgr::Change change(given);
         return zel::aclmgr::audit(change.root(), *report);
     };
-    return zel::aclmgr::answer(manager, true, UINT32_MAX, UINT32_MAX, look, __LINE__);
+    const bool mayWrite = manager == nullptr || manager->mayWrite;
+    return zel::aclmgr::answer(manager, mayWrite, UINT32_MAX, UINT32_MAX, look, __LINE__);
 }

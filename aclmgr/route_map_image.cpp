@@ -51,6 +51,12 @@ struct Places {
 };
 static_assert(sizeof(Image) % alignof(zelAclMapEntry) == 0 && sizeof(zelAclMapEntry) % alignof(zelAclClause) == 0);
 
+// Whoever reads entries back takes names as they stand.
+bool isTerminated(const Bytes &image, const char *name) {
+    const auto left = static_cast<std::size_t>(reinterpret_cast<const char *>(image.begin) + image.bytes - name);
+    return memchr(name, 0, std::min(left, policy::nameLength + 1)) != nullptr;
+}
+
 // Visits the entries, clauses and names that lie in the image; whether these were all.
 template <class Entry, class Clause, class Name>
 bool walk(const Bytes &image, Entry onEntry, Clause onClause, Name onName) {
@@ -68,7 +74,7 @@ bool walk(const Bytes &image, Entry onEntry, Clause onClause, Name onName) {
             onClause(clauses[j]);
             for (std::uint32_t k = 0; k < nameCount; ++k) {
                 const char *name = policy::nameAt(image, names[k]);
-                if (name == nullptr) return false;
+                if (name == nullptr || !isTerminated(image, name)) return false;
                 onName(name);
             }
         }
@@ -88,9 +94,7 @@ std::unique_ptr<MapDraft> readItems(const Bytes &image) {
         [&](const zelAclClause &clause) {
             items.back().clauses.push_back({clause.match, {}});
         },
-        [&](const char *name) {
-            items.back().clauses.back().names.emplace_back(name, strnlen(name, policy::nameLength));
-        });
+        [&](const char *name) { items.back().clauses.back().names.emplace_back(name); });
     return draft;
 }
 
@@ -177,8 +181,8 @@ uint32_t zelAclMgrAddMapEntry(zelAclMgr *manager, const char *name, const zelAcl
 
 int zelAclMgrGetMapEntries(zelAclMgr *manager, const char *name, zelAclMapEntry *entries, int capacity) {
     return reading(manager, entries != nullptr || capacity <= 0, [&](const zelAclMgr &given) {
-        const Change change(given);
-        const ListNode *list = change.find(ZEL_ACLMGR_ROUTE_MAP, name);
+        const Reading look(given);
+        const ListNode *list = look.find(ZEL_ACLMGR_ROUTE_MAP, name);
         if (list == nullptr) return -1;
         const Bytes image = imageOf(*list);
         if (!image || !isWholeMap(image)) return 0;

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "aclmgr/census.h"
 #include "aclmgr/draft.h"
 #include "base/host_check.h"
 #include "zel/platform.h"
@@ -116,6 +117,13 @@ void dropImage(Link link) {
     zelMC_MM_free(source, __LINE__, header);
 }
 
+// ---- Readings -------------------------------------------------------------------------------------------------------
+
+const ListNode *Reading::find(zelAclMgrKind kind, const char *name) const {
+    const Kind tree = rowOf(kind)->kind;
+    return findIn(manager_.tables->trees[static_cast<std::size_t>(tree)], tree, name);
+}
+
 // ---- Changes --------------------------------------------------------------------------------------------------------
 
 WriteLock::WriteLock() {
@@ -138,11 +146,13 @@ zelRadix &Change::names(Kind kind) const {
     return manager_.tables->trees[static_cast<std::size_t>(kind)];
 }
 
+// Before a change at that name: a tree that somebody else wrote to is repaired.
+void Change::makeSound(Kind kind, const char *name) {
+    if (!isWaySound(names(kind), kind, name)) repair(root());
+}
+
 ListNode *Change::find(const KindRow *row, const char *name) const {
-    if (row == nullptr || name == nullptr) return nullptr;
-    char key[policy::nameLength + 1] = {};
-    memcpy(key, name, strnlen(name, policy::nameLength));
-    return reinterpret_cast<ListNode *>(zelRadixGetExact(&names(row->kind), key, policy::nameBits));
+    return row != nullptr ? findIn(names(row->kind), row->kind, name) : nullptr;
 }
 
 // A node in no tree yet, with the name and no image.
@@ -163,6 +173,7 @@ ListNode *Change::makeNode(Kind kind, const char *name) {
 std::uint32_t Change::set(const KindRow *row, const char *name, const ImageBuilder &builder) {
     if (row == nullptr || name == nullptr || *name == 0) return codeValueRange;
     if (strlen(name) > policy::nameLength) return row->nameTooLong;
+    makeSound(row->kind, name);
     const std::unique_ptr<const ImageBuilder, void (*)(const ImageBuilder *)> leftovers(
         &builder, [](const ImageBuilder *used) { used->abandon(); });
     const std::uint32_t refusal = builder.prepare();
@@ -186,6 +197,8 @@ std::uint32_t Change::set(const KindRow *row, const char *name, const ImageBuild
 }
 
 void Change::remove(ListNode &list) {
+    makeSound(list.kind, list.name);
+    if (findIn(names(list.kind), list.kind, list.name) != &list) return;
     zelRadixRemove(&own(names(list.kind)), &list.entry);
     list.magic = 0;
     dropImage(list.image.exchange(0, std::memory_order_acq_rel));
@@ -196,22 +209,40 @@ void Change::remove(ListNode &list) {
 
 using namespace zel::aclmgr;
 
-zelAclMgr *zelAclMgrOpen(zelAclMgrTables tables) {
-    const zel::platform::NoCancellation guard;
+namespace {
+
+zelAclMgr *open(zelAclMgrTables tables, bool mayWrite) {
     if (tables != ZEL_ACLMGR_PRIMARY && tables != ZEL_ACLMGR_SECOND) return errno = EINVAL, nullptr;
     if (ZEL_InitShmSem() != 0) return nullptr;
-    auto *root = static_cast<zel::policy::Root *>(zelPolicyAttachSegment(1));
+    auto *root = static_cast<zel::policy::Root *>(zelPolicyAttachSegment(mayWrite ? 1 : 0));
     if (root == nullptr) return nullptr;
     auto *manager = static_cast<zelAclMgr *>(zelMC_calloc(source, __LINE__, 1, sizeof(zelAclMgr)));
     if (manager == nullptr) return nullptr;
-    *manager = {root, tables == ZEL_ACLMGR_PRIMARY ? &root->aclNode : &root->acl2CB};
+    *manager = {root, tables == ZEL_ACLMGR_PRIMARY ? &root->aclNode : &root->acl2CB, mayWrite};
+    return manager;
+}
+
+}  // namespace
+
+zelAclMgr *zelAclMgrOpen(zelAclMgrTables tables) {
+    const zel::platform::NoCancellation guard;
+    zelAclMgr *manager = open(tables, true);
+    if (manager == nullptr) return nullptr;
     const auto repairAndPrepare = [](const zelAclMgr &opened) {
         const Change change(opened);
-        return 0;
+        return 0u;
     };
-    if (reading(manager, true, repairAndPrepare) == 0) return manager;
+    if (changing(manager, true, codeNoMemory, repairAndPrepare) == 0) return manager;
     zelAclMgrClose(manager);
     return errno = ENOMEM, nullptr;
+}
+
+zelAclMgr *zelAclMgrOpenToRead(zelAclMgrTables tables) {
+    const zel::platform::NoCancellation guard;
+    zelAclMgr *manager = open(tables, false);
+    if (manager == nullptr || manager->root->magic.load() == zel::policy::Root::readyMagic) return manager;
+    zelAclMgrClose(manager);
+    return errno = ENOENT, nullptr;
 }
 
 void zelAclMgrClose(zelAclMgr *manager) {

@@ -11,6 +11,8 @@
 // A change is one store: in the list node, or, for a new list and for one that goes, in the tree of names. What a
 // killed writer leaves beyond that (blocks that nothing reaches, links that only writers follow, counts) is for
 // `repair`, which the next Change runs before anything else.
+//
+// Whoever only reads has a `Reading`, follows what checks follow, and finds whole lists whatever is to be repaired.
 #pragma once
 
 #include <cstddef>
@@ -18,12 +20,14 @@
 
 #include "base/assertion.h"
 #include "platform/cancellation.h"
+#include "policy/read_lock.h"
 #include "policy/tables.h"
 #include "zel/aclmgr.h"
 
 struct zelAclMgr {
     zel::policy::Root *root;
     zel::policy::ControlBlock *tables;
+    bool mayWrite;
 };
 
 namespace zel::aclmgr {
@@ -82,6 +86,21 @@ public:
     WriteLock &operator=(const WriteLock &) = delete;
 };
 
+// A look at the tables under their read lock. No cancellation point, and it waits while a writer has the lock.
+class Reading {
+public:
+    explicit Reading(const zelAclMgr &manager) : manager_(manager) {}
+    Reading(const Reading &) = delete;
+    Reading &operator=(const Reading &) = delete;
+
+    const ListNode *find(zelAclMgrKind kind, const char *name) const;
+
+private:
+    platform::NoCancellation guard_;
+    policy::ReadLock lock_;
+    const zelAclMgr &manager_;
+};
+
 // A change of the tables under their write lock. What a writer that died in it left is repaired first. No cancellation
 // point, and it waits: for writers and readers that hold the lock.
 class Change {
@@ -103,6 +122,7 @@ public:
 
 private:
     zelRadix &names(Kind kind) const;
+    void makeSound(Kind kind, const char *name);
     ListNode *makeNode(Kind kind, const char *name);
 
     platform::NoCancellation guard_;

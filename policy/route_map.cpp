@@ -52,7 +52,8 @@ bool isPermittedBy(const char *name, std::uint32_t match, const zelPolicyRoute &
 
 class Walk {
 public:
-    Walk(const Bytes &image, const zelPolicyRoute &route) : image_(image), route_(route), left_(image.bytes) {}
+    Walk(const Bytes &image, const zelPolicyRoute &route)
+        : image_(image), route_(route), left_(image.bytes / sizeof(const char *)) {}
 
     // The sequence that decides, or null.
     const zelAclMapEntry *firstMatch() {
@@ -75,7 +76,8 @@ private:
     bool matches(const zelAclClause &clause) {
         std::uint32_t count = 0;
         const char *const *names = namesOf(image_, clause, count);
-        for (std::uint32_t i = 0; names != nullptr && i < count && left_ != 0; ++i, --left_) {
+        for (std::uint32_t i = 0; names != nullptr && i < count && left_ != 0; ++i) {
+            --left_;
             const char *name = nameAt(image_, names[i]);
             if (name != nullptr && isPermittedBy(name, matchOf(clause), route_)) return true;
         }
@@ -84,7 +86,7 @@ private:
 
     const Bytes image_;
     const zelPolicyRoute &route_;
-    std::size_t left_;  // names that may still be looked up: each takes up room of its own in a whole image
+    std::size_t left_;  // names that may still be looked up: in a whole image each has a pointer of its own
 };
 
 const zelAclMapEntry *firstMatch(const zelRouteMap *map, const zelPolicyRoute *route) {

@@ -11,10 +11,11 @@
  * nothing. Without a manager, entries, or room for as many as it is given the capacity for, a call returns 0x3900002f;
  * those that count return -1, as they do for want of memory. What is given is copied.
  *
- * Who must serialise. Changes take the write side of the shared lock 0 and give it back: they block while others read,
- * and must not be called by a thread that holds that lock. Any number of processes may write. Whoever takes the lock
- * after a writer that died repairs what it left: memory it had in hand, links and counts that no check needs. A handle
- * is used by one thread at a time.
+ * Who must serialise. Changes and the audit take the write side of the shared lock 0 and give it back: they block while
+ * others read, and must not be called by a thread that holds that lock. Any number of processes may write. Whoever
+ * takes the lock after a writer that died repairs what it left: memory it had in hand, links and counts that no check
+ * needs. Calls that get something take the read side, as checks do; a thread that holds it around several of them sees
+ * one state of all lists. A handle is used by one thread at a time.
  */
 #ifndef ZEL_ACLMGR_H
 #define ZEL_ACLMGR_H
@@ -124,6 +125,9 @@ typedef struct {
  * `tables` is neither set; ENOMEM; or what kept the segment from being had (see "Shared segments" in zel/platform.h).
  * The lists stay when the handle is closed. */
 zelAclMgr *zelAclMgrOpen(zelAclMgrTables tables);
+/* A handle for the calls that get something; the others refuse it as they do a null one. Creates and repairs nothing,
+ * and never takes the write lock. Null with errno: ENOENT, no writer has prepared the tables; else as above. */
+zelAclMgr *zelAclMgrOpenToRead(zelAclMgrTables tables);
 void zelAclMgrClose(zelAclMgr *manager);
 
 /* ---- IP access lists: the IPv4 entries and the IPv6 entries of one name, each set, extended and read without touching

@@ -191,6 +191,7 @@ Lists<Entry> readLists(zelAclMgr *manager, zelAclMgrKind kind) {
 }
 
 PolicyConfig readTables(zelAclMgr *manager) {
+    const PolicyReadLock lock;
     PolicyConfig config;
     config.ip = readLists<zelAclIpEntry>(manager, ZEL_ACLMGR_IP);
     config.ipv6 = readLists<zelAclIpv6Entry>(manager, ZEL_ACLMGR_IPV6);

@@ -10,6 +10,15 @@
 
 namespace zel::programs {
 
+// The read lock of the tables, to the end of the scope: whatever is read and asked meanwhile is of one state.
+class PolicyReadLock {
+public:
+    PolicyReadLock() { aclReadLock(); }
+    ~PolicyReadLock() { aclReadUnlock(); }
+    PolicyReadLock(const PolicyReadLock &) = delete;
+    PolicyReadLock &operator=(const PolicyReadLock &) = delete;
+};
+
 struct Applied {
     unsigned kept = 0, changed = 0, created = 0, removed = 0;
     std::vector<std::string> failures;  // each names the list and says why it stayed as it was
@@ -17,7 +26,7 @@ struct Applied {
 
 Applied applyPolicyConfig(zelAclMgr *manager, const PolicyConfig &config);
 
-// What the tables hold, lists without entries too.
+// What the tables hold, lists without entries too. A handle that only reads will do.
 PolicyConfig readPolicyTables(zelAclMgr *manager);
 
 }  // namespace zel::programs

@@ -1,13 +1,15 @@
 #include "bulk.h"
 
+#include <algorithm>
 #include <map>
 #include <memory>
+#include <span>
 
+#include "programs/support/policy_apply.h"
 #include "programs/support/policy_route.h"
 #include "programs/support/policy_text.h"
 #include "programs/support/program.h"
 #include "programs/support/table_file.h"
-#include "questions.h"
 
 namespace zelpolicy {
 namespace {
@@ -16,6 +18,8 @@ using zel::programs::PolicyConfig;
 using zel::programs::PolicyRoute;
 using zel::programs::Row;
 using zel::programs::TableFile;
+
+constexpr std::size_t rowsAtOnce = 256;  // some 100 us of checks, for which a writer waits
 
 // One list, as it is asked: the verdict, and which entry gave it.
 class Asked {
@@ -125,48 +129,74 @@ std::unique_ptr<Asked> ask(const BulkList &list) {
     return nullptr;
 }
 
+// Counts in the making.
+class Counting {
+public:
+    Counting(const std::vector<BulkList> &lists, BulkResult &result) : result_(result), decided_(lists.size()) {
+        for (const BulkList &list : lists) result_.lists.push_back({list, 0, 0, {}});
+    }
+
+    // All under one read lock: handles are good so long.
+    void count(const TableFile &table, std::span<const Row> rows) {
+        const zel::programs::PolicyReadLock lock;
+        std::vector<std::unique_ptr<Asked>> asked;
+        for (const BulkCounts &counts : result_.lists) asked.push_back(ask(counts.list));
+        for (const Row &row : rows)
+            if (!row.isWithdrawal) count(table, row, asked);
+    }
+
+    void finish(const PolicyConfig &texts) {
+        for (std::size_t i = 0; i < decided_.size(); ++i) {
+            BulkCounts &counts = result_.lists[i];
+            for (const auto &[entry, routes] : decided_[i])
+                counts.entries.push_back(
+                    {entry.second, textOfEntry(texts, entry.first, counts.list.name, entry.second), routes});
+        }
+    }
+
+private:
+    void count(const TableFile &table, const Row &row, const std::vector<std::unique_ptr<Asked>> &asked) {
+        route_.take(table, row);
+        ++result_.routes;
+        bool isPermitted = true;
+        const double before = zel::programs::monotonicSeconds();
+        verdicts_.clear();
+        for (const auto &list : asked) verdicts_.push_back(list->verdict(route_));
+        result_.seconds += zel::programs::monotonicSeconds() - before;
+        for (std::size_t i = 0; i < asked.size(); ++i) {
+            ++(verdicts_[i] == 0 ? result_.lists[i].permitted : result_.lists[i].denied);
+            ++decided_[i][{asked[i]->entryKind(route_.route()), asked[i]->decides(route_)}];
+            isPermitted = isPermitted && verdicts_[i] == 0;
+        }
+        result_.permittedByAll += isPermitted ? 1 : 0;
+    }
+
+    BulkResult &result_;
+    std::vector<std::map<std::pair<std::string, std::uint32_t>, unsigned long>> decided_;
+    PolicyRoute route_;
+    std::vector<std::uint32_t> verdicts_;
+};
+
 }  // namespace
 
 bool runBulk(const std::string &file, const std::vector<BulkList> &lists, const PolicyConfig &texts, BulkResult &result,
              std::string &error) {
+    for (const BulkList &list : lists) {
+        if (ask(list)) continue;
+        error = "no list of the kind \"" + list.kind + "\" can be asked about routes";
+        return false;
+    }
     TableFile table;
     if (!zel::programs::readTable(file, table)) {
         error = file + " cannot be read";
         return false;
     }
-    std::vector<std::map<std::pair<std::string, std::uint32_t>, unsigned long>> decided(lists.size());
     result.unreadable = table.unreadable;
-    PolicyRoute route;
-    const ReadLock lock;  // one state of all lists, and handles that stay
-    std::vector<std::unique_ptr<Asked>> asked;
-    for (const BulkList &list : lists) {
-        asked.push_back(ask(list));
-        if (!asked.back()) {
-            error = "no list of the kind \"" + list.kind + "\" can be asked about routes";
-            return false;
-        }
-        result.lists.push_back({list, 0, 0, {}});
-    }
-    for (const Row &row : table.rows) {
-        if (row.isWithdrawal) continue;
-        route.take(table, row);
-        ++result.routes;
-        bool isPermitted = true;
-        const double before = zel::programs::monotonicSeconds();
-        std::vector<std::uint32_t> verdicts;
-        for (const auto &list : asked) verdicts.push_back(list->verdict(route));
-        result.seconds += zel::programs::monotonicSeconds() - before;
-        for (std::size_t i = 0; i < asked.size(); ++i) {
-            ++(verdicts[i] == 0 ? result.lists[i].permitted : result.lists[i].denied);
-            ++decided[i][{asked[i]->entryKind(route.route()), asked[i]->decides(route)}];
-            isPermitted = isPermitted && verdicts[i] == 0;
-        }
-        result.permittedByAll += isPermitted ? 1 : 0;
-    }
-    for (std::size_t i = 0; i < asked.size(); ++i)
-        for (const auto &[entry, routes] : decided[i])
-            result.lists[i].entries.push_back(
-                {entry.second, textOfEntry(texts, entry.first, lists[i].name, entry.second), routes});
+    Counting counting(lists, result);
+    const std::span<const Row> rows = table.rows;
+    for (std::size_t from = 0; from < rows.size(); from += rowsAtOnce)
+        counting.count(table, rows.subspan(from, std::min(rowsAtOnce, rows.size() - from)));
+    counting.finish(texts);
     return true;
 }
 

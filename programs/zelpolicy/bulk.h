@@ -31,7 +31,8 @@ struct BulkResult {
     std::vector<BulkCounts> lists;
 };
 
-// Asks every list about every route of the table, in place. False and in `error` why not.
+// Asks every list about every route of the table, in place. Writers get in between some hundred routes: what they
+// change shows in the counts of those that follow. False and in `error` why not.
 bool runBulk(const std::string &table, const std::vector<BulkList> &lists, const zel::programs::PolicyConfig &texts,
              BulkResult &result, std::string &error);
 

@@ -2,6 +2,7 @@
 #include <getopt.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -15,13 +16,17 @@
 namespace {
 
 using nlohmann::ordered_json;
+using zel::programs::Lists;
+using zel::programs::PolicyConfig;
+using zel::programs::textOf;
 using zelpolicy::Words;
 
 constexpr const char *help =
     R"(usage: zelpolicy [OPTION]... QUESTION
 
 Asks policy lists: those that the manager of this CPU keeps in shared memory, or with --config those of a file. The
-verdict is that of the checks of the library, made in place. Ends with status 0 for permit, 1 for deny, 2 for trouble.
+verdict is that of the checks of the library, made in place, and counts among the hits of the entry. Ends with status 0
+for permit, 1 for deny, 2 for trouble.
 
   acl NAME SOURCE [DESTINATION]            an IPv4 or IPv6 access list
   udp NAME SOURCE PORT DESTINATION PORT    an access list, about a UDP datagram
@@ -35,7 +40,7 @@ verdict is that of the checks of the library, made in place. Ends with status 0 
   -c, --config FILE    ask the lists of this file
   -e, --explain        say which entry decides, and why
       --hits           list: with what the entries of prefix lists decided so far
-      --json           answer in JSON
+      --json           answer in JSON; list: with hits
   -h, --help           this text
 )";
 
@@ -64,7 +69,7 @@ public:
     bool fill(const std::string &file) {
         zelPlatformSetShmPrefix(("zelpolicy-" + std::to_string(getpid())).c_str());
         isMade_ = true;
-        zel::programs::PolicyConfig config;
+        PolicyConfig config;
         const auto problems = zel::programs::readPolicyFile(file, config);
         for (const auto &problem : problems)
             fprintf(stderr, "%s:%u:%u: %s\n", file.c_str(), problem.line, problem.column, problem.text.c_str());
@@ -91,6 +96,7 @@ void print(const Options &options, const std::string &question, const zelpolicy:
         if (options.explains) {
             json["sequence"] = answer.sequence;
             json["entry"] = answer.entry;
+            if (answer.hits) json["hits"] = *answer.hits;
             json["why"] = answer.why;
         }
         printf("%s\n", json.dump(2).c_str());
@@ -98,8 +104,42 @@ void print(const Options &options, const std::string &question, const zelpolicy:
     }
     printf("%s\n", verdict);
     if (!options.explains) return;
-    if (answer.sequence != 0) printf("  seq %u %s\n", answer.sequence, answer.entry.c_str());
+    const std::string hits = answer.hits ? ", " + std::to_string(*answer.hits) + " hits before" : "";
+    if (answer.sequence != 0) printf("  seq %u %s%s\n", answer.sequence, answer.entry.c_str(), hits.c_str());
     printf("  %s\n", answer.why.c_str());
+}
+
+template <class Entry, class Text>
+void addLists(ordered_json &all, const char *kind, const Lists<Entry> &lists, const Text &text) {
+    for (const auto &[name, list] : lists) {
+        ordered_json entries = ordered_json::array();
+        for (const Entry &entry : list) {
+            entries.push_back({{"sequence", entry.sequence}, {"entry", text(entry)}});
+            if constexpr (requires { entry.hits; }) entries.back()["hits"] = entry.hits;
+        }
+        all.push_back({{"kind", kind}, {"name", name}, {"entries", entries}});
+    }
+}
+
+ordered_json jsonOf(const PolicyConfig &lists) {
+    ordered_json all = ordered_json::array();
+    const auto text = [](const auto &entry) { return textOf(entry); };
+    const auto prefixText = [](int family) { return [family](const auto &entry) { return textOf(entry, family); }; };
+    addLists(all, "acl", lists.ip, text);
+    addLists(all, "acl6", lists.ipv6, text);
+    addLists(all, "prefix", lists.prefix, prefixText(ZEL_POLICY_IPV4));
+    addLists(all, "prefix6", lists.prefix6, prefixText(ZEL_POLICY_IPV6));
+    addLists(all, "aspath", lists.paths, text);
+    addLists(all, "community", lists.communities, text);
+    addLists(all, "routemap", lists.maps, text);
+    return all;
+}
+
+void print(const Options &options, const PolicyConfig &lists) {
+    if (options.json)
+        printf("%s\n", jsonOf(lists).dump(2).c_str());
+    else
+        printf("%s", textOf(lists, options.hits).c_str());
 }
 
 ordered_json jsonOf(const zelpolicy::BulkResult &result) {
@@ -131,7 +171,7 @@ void print(const zelpolicy::BulkResult &result) {
     if (result.unreadable != 0) printf("%lu lines are no routes\n", result.unreadable);
 }
 
-int bulk(const Options &options, const Words &words, const zel::programs::PolicyConfig &lists) {
+int bulk(const Options &options, const Words &words, const PolicyConfig &lists) {
     if (words.size() < 3 || words.size() % 2 == 0) return refuse("bulk TABLE KIND NAME [KIND NAME]...");
     std::vector<zelpolicy::BulkList> asked;
     for (std::size_t i = 1; i < words.size(); i += 2) asked.push_back({words[i], words[i + 1]});
@@ -145,25 +185,35 @@ int bulk(const Options &options, const Words &words, const zel::programs::Policy
     return permits;
 }
 
-int ask(const Options &options, const std::string &question, const Words &words) {
-    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
-    if (manager == nullptr) return perror("zelpolicy: the policy tables cannot be had"), trouble;
-    const auto lists = zel::programs::readPolicyTables(manager);
-    zelAclMgrClose(manager);
-    if (question == "list") return printf("%s", zel::programs::textOf(lists, options.hits).c_str()), permits;
-    if (question == "bulk") return bulk(options, words, lists);
+int ask(zelAclMgr *manager, const Options &options, const std::string &question, const Words &words) {
+    if (question == "list") return print(options, zel::programs::readPolicyTables(manager)), permits;
+    if (question == "bulk") return bulk(options, words, zel::programs::readPolicyTables(manager));
     zelpolicy::Answer answer;
     std::string error;
-    if (!zelpolicy::answer(question, words, lists, answer, error)) return refuse(error);
+    {
+        const zel::programs::PolicyReadLock lock;  // the entry that is shown is the one that decides
+        const PolicyConfig lists = zel::programs::readPolicyTables(manager);
+        if (!zelpolicy::answer(question, words, lists, answer, error)) return refuse(error);
+    }
     print(options, question, answer);
     return answer.verdict == 0 ? permits : denies;
+}
+
+int askTables(const Options &options, const std::string &question, const Words &words) {
+    if (zelPlatformHasSegments() == 0) return refuse("no manager has run on this CPU");
+    zelAclMgr *manager = zelAclMgrOpenToRead(ZEL_ACLMGR_PRIMARY);
+    if (manager == nullptr && errno == ENOENT) return refuse("no manager of policy lists has run on this CPU");
+    if (manager == nullptr) return perror("zelpolicy: the policy tables cannot be had"), trouble;
+    const int status = ask(manager, options, question, words);
+    zelAclMgrClose(manager);
+    return status;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
     Options options;
-    for (int option; (option = getopt_long(argc, argv, "+c:eh", longOptions, nullptr)) != -1;) switch (option) {
+    for (int option; (option = getopt_long(argc, argv, "c:eh", longOptions, nullptr)) != -1;) switch (option) {
             case 'c':
                 options.config = optarg;
                 break;
@@ -185,6 +235,5 @@ int main(int argc, char **argv) {
     if (optind == argc) return fputs(help, stderr), trouble;
     PrivateTables tables;
     if (!options.config.empty() && !tables.fill(options.config)) return trouble;
-    if (options.config.empty() && zelPlatformHasSegments() == 0) return refuse("no manager has run on this CPU");
-    return ask(options, argv[optind], Words(argv + optind + 1, argv + argc));
+    return askTables(options, argv[optind], Words(argv + optind + 1, argv + argc));
 }

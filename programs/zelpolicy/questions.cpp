@@ -51,7 +51,6 @@ bool answerAcl(const Words &words, const PolicyConfig &lists, Answer &answer, st
     if (words.size() < 2 || words.size() > 3 || !readPrefix(words[1], source) ||
         !readPrefix(words.size() == 3 ? words[2] : words[1], destination) || source.family != destination.family)
         return complain(error, "acl NAME SOURCE [DESTINATION]: two addresses of one family");
-    const ReadLock lock;
     if (source.family == ZEL_POLICY_IPV4) {
         const std::uint32_t from = wordOf(source.address), to = words.size() == 3 ? wordOf(destination.address) : 0;
         const zelIpAcl *list = ipAccessListFind(words[0].c_str());
@@ -78,7 +77,6 @@ bool answerUdp(const Words &words, const PolicyConfig &lists, Answer &answer, st
         !readNumber<std::uint16_t>(words[4].c_str(), 0, UINT16_MAX, destinationPort))
         return complain(error, "udp NAME SOURCE PORT DESTINATION PORT: IPv4 addresses and ports");
     const std::uint32_t from = wordOf(source.address), to = wordOf(destination.address);
-    const ReadLock lock;
     const zelIpAcl *list = ipAccessListFind(words[0].c_str());
     answer.verdict = ipUdpAccessListCheck(words[0].c_str(), from, 0, to, 0, sourcePort, destinationPort);
     answer.sequence = ipUdpAccessListEntry(list, from, to, sourcePort, destinationPort);
@@ -91,12 +89,12 @@ bool answerUdp(const Words &words, const PolicyConfig &lists, Answer &answer, st
 bool answerPrefix(const Words &words, const PolicyConfig &lists, Answer &answer, std::string &error) {
     Prefix prefix;
     if (words.size() != 2 || !readPrefix(words[1], prefix)) return complain(error, "prefix NAME ADDRESS/LENGTH");
-    const ReadLock lock;
     zelPrefixList *list = ipPrefixListFind(words[0].c_str(), nullptr, prefix.family);
     answer.verdict = prefixListCheckNew(list, words[0].c_str(), prefix.address, prefix.length, prefix.family, nullptr);
     answer.sequence = prefixListEntry(list, prefix.address, prefix.length, prefix.family);
     explain(answer, prefix.family == ZEL_POLICY_IPV4 ? lists.prefix : lists.prefix6, [&](const auto &entry) {
-        return textOf(entry, prefix.family) + ", " + std::to_string(entry.hits) + " hits before";
+        answer.hits = entry.hits;
+        return textOf(entry, prefix.family);
     });
     if (answer.sequence != 0) answer.why = "the lowest sequence number of the entries that match";
     return true;
@@ -111,7 +109,6 @@ std::string joined(const Words &words, std::size_t from) {
 bool answerPath(const Words &words, const PolicyConfig &lists, Answer &answer, std::string &error) {
     if (words.empty()) return complain(error, "aspath NAME [AS-NUMBER...]");
     const std::string path = joined(words, 1);
-    const ReadLock lock;
     const zelAspList *list = bgpAspListFind(words[0].c_str());
     answer.verdict = static_cast<std::uint32_t>(bgp_as_path_match(list, path.c_str(), nullptr));
     answer.sequence = bgpAspListTextEntry(list, path.c_str());
@@ -134,7 +131,6 @@ bool answerCommunity(const Words &words, const PolicyConfig &lists, Answer &answ
     std::vector<std::uint32_t> values;
     if (words.empty() || !readCommunities(joined(words, 1), values))
         return complain(error, "community NAME [HIGH:LOW...]");
-    const ReadLock lock;
     const zelCommList *list = bgpCommListFind(words[0].c_str());
     answer.verdict = bgp_commlist_match(words[0].c_str(), values.data(), static_cast<int>(values.size()));
     answer.sequence = bgpCommListEntry(list, values.data(), static_cast<int>(values.size()));
@@ -165,7 +161,6 @@ bool answerMap(const Words &words, const PolicyConfig &lists, Answer &answer, st
     }
     route.communities = values.data();
     route.communityCount = static_cast<int>(values.size());
-    const ReadLock lock;
     const zelRouteMap *map = ipRouteMapFind(words[0].c_str());
     answer.verdict = ipRoutemapCheckWithHandleV4_V6(map, &route, nullptr);
     answer.sequence = ipRoutemapSequence(map, &route);

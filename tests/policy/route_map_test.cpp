@@ -215,14 +215,31 @@ TEST(RouteMapSequences, AscendWithoutRepeats) {
 
 // ---- Random maps, whole and damaged ---------------------------------------------------------------------------------
 
-// The list of a number permits whatever has at least that many bits.
+// The prefix list of a number permits whatever has at least that many bits, the path list whatever has that number in
+// it, and the community list likewise.
 class RandomRouteMap : public RouteMap {
 protected:
     static constexpr const char *names[] = {"0", "8", "16", "24", "32"};
+    static constexpr zelAclMatch matches[] = {ZEL_ACLMGR_MATCH_PREFIX, ZEL_ACLMGR_MATCH_ASPATH,
+                                              ZEL_ACLMGR_MATCH_COMMUNITY, ZEL_ACLMGR_MATCH_COMMUNITY_EXACT};
+    struct Route : zelPolicyRoute {
+        std::string path;
+        std::vector<uint32_t> values;
+        const zelPolicyRoute *get() {
+            pathText = path.c_str();
+            communities = values.data();
+            communityCount = static_cast<int>(values.size());
+            return this;
+        }
+    };
     test::Random random = test::seeded();
 
     RandomRouteMap() {
-        for (const char *name : names) setPrefixes(name, 0, 0, 32, static_cast<uint8_t>(atoi(name)));
+        for (const char *name : names) {
+            setPrefixes(name, 0, 0, 32, static_cast<uint8_t>(atoi(name)));
+            setPath(name, ("_" + std::string(name) + "_").c_str());
+            setCommunity(name, static_cast<uint32_t>(atoi(name)));
+        }
     }
     std::vector<Sequence> randomMap() {
         std::vector<Sequence> map(1 + random() % 6);
@@ -231,21 +248,37 @@ protected:
             sequence.number = number += 1 + random() % 10;
             sequence.action = random() % 2;
             for (uint32_t clauses = random() % 4; clauses > 0; --clauses) {
-                Clause &clause = sequence.clauses.emplace_back(Clause{ZEL_ACLMGR_MATCH_PREFIX, {}});
+                Clause &clause = sequence.clauses.emplace_back(Clause{matches[random() % 4], {}});
                 for (uint32_t count = 1 + random() % 3; count > 0; --count)
                     clause.names.push_back(names[1 + random() % 4]);
             }
         }
         return map;
     }
-    zelPolicyRoute randomRoute() { return routeOf(random(), static_cast<uint8_t>(random() % 33)); }
+    Route randomRoute() {
+        Route route{routeOf(random(), static_cast<uint8_t>(random() % 33)), "7", {}};
+        for (const char *name : names) {
+            if (random() % 2) route.path += std::string(" ") + name;
+            if (random() % 3 == 0) route.values.push_back(static_cast<uint32_t>(atoi(name)));
+        }
+        return route;
+    }
 
-    static const Sequence *oracle(const std::vector<Sequence> &map, const zelPolicyRoute &route) {
+    static bool permits(zelAclMatch match, const char *name, const Route &route) {
+        const int number = atoi(name);
+        if (match == ZEL_ACLMGR_MATCH_PREFIX) return route.length >= number;
+        if (match == ZEL_ACLMGR_MATCH_ASPATH)
+            return (route.path + ' ').find(" " + std::string(name) + " ") != std::string::npos;
+        const std::set<uint32_t> values(route.values.begin(), route.values.end());
+        return values.contains(static_cast<uint32_t>(number)) &&
+               (match == ZEL_ACLMGR_MATCH_COMMUNITY || values.size() == 1);
+    }
+    static const Sequence *oracle(const std::vector<Sequence> &map, const Route &route) {
         for (const Sequence &sequence : map) {
             bool all = true;
             for (const Clause &clause : sequence.clauses) {
                 bool any = false;
-                for (const char *name : clause.names) any |= route.length >= atoi(name);
+                for (const char *name : clause.names) any |= permits(clause.match, name, route);
                 all &= any;
             }
             if (all) return &sequence;
@@ -262,15 +295,38 @@ TEST_F(RandomRouteMap, DecideAsTheirEntriesSay) {
         zelRmapPermittedSeqList permitted{numbers, 6, 0};
         std::set<uint32_t> expected;
         for (int i = 0; i < 200; ++i) {
-            const zelPolicyRoute route = randomRoute();
+            Route route = randomRoute();
             const Sequence *decides = oracle(map, route);
             if (decides && decides->action == 0) expected.insert(decides->number);
-            ASSERT_EQ(ipRoutemapCheckWithHandleV4_V6(ipRouteMapFind("map"), &route, &permitted),
+            ASSERT_EQ(ipRoutemapCheckWithHandleV4_V6(ipRouteMapFind("map"), route.get(), &permitted),
                       decides ? decides->action : 1u);
         }
         ASSERT_EQ(std::set<uint32_t>(numbers, numbers + permitted.count), expected);
         ASSERT_EQ(permitted.count, expected.size());
     }
+}
+
+// Sequences that share their clauses, all of which match but the last, are not walked once each.
+TEST_F(RandomRouteMap, AWalkIsNoLongerThanTheImage) {
+    const Clause clause{ZEL_ACLMGR_MATCH_PREFIX, {"0"}}, fails{ZEL_ACLMGR_MATCH_COMMUNITY, {"none"}};
+    std::vector<Sequence> map{{1, 0, std::vector<Clause>(1000, clause)}};
+    map[0].clauses.push_back(fails);
+    for (uint32_t number = 2; number <= 1000; ++number) map.push_back({number, 0, {}});
+    ASSERT_EQ(set(map), 0u);
+    const Bytes image = imageOf(ipRouteMapFind("map"), Kind::routeMap);
+    auto *entries = const_cast<zelAclMapEntry *>(inside<zelAclMapEntry>(image, sizeof(Image), map.size()));
+    for (size_t i = 1; i < map.size(); ++i)
+        entries[i].count = entries[0].count, entries[i].clauses = entries[0].clauses;
+    EXPECT_EQ(check(routeOf(0, 0)), 1u);
+    zelAclPrefixEntry asked;
+    zelAclMapEntry entry;
+    ASSERT_EQ(zelAclMgrGetPrefixEntries(manager, "0", ZEL_POLICY_IPV4, &asked, 1), 1);
+    EXPECT_LE(asked.hits, image.bytes / sizeof(char *));
+    ASSERT_EQ(set({{1, 0, {fails}}}), 0u);
+    EXPECT_EQ(zelAclMgrGetMapEntries(manager, "map", &entry, 1), 1);
+    memset(const_cast<char *>(entry.clauses[0].names[0]), 'x', 141);
+    EXPECT_EQ(zelAclMgrGetMapEntries(manager, "map", &entry, 1), 0) << "a name without an end";
+    ASSERT_EQ(set({}), 0u);
 }
 
 TEST_F(RandomRouteMap, ChecksOfDamagedImagesEnd) {
@@ -283,7 +339,7 @@ TEST_F(RandomRouteMap, ChecksOfDamagedImagesEnd) {
             for (uint32_t damage = 0; damage <= random() % 6; ++damage)
                 bytes[12 + random() % (image.bytes - 12)] ^=
                     static_cast<uint8_t>(random() % 3 ? 1u << random() % 8 : random());
-            for (int i = 0; i < 4; ++i) check(randomRoute());
+            for (int i = 0; i < 4; ++i) check(*randomRoute().get());
             zelAclMapEntry entries[8];
             zelAclMgrGetMapEntries(manager, "map", entries, 8);
             memcpy(bytes, whole.data(), whole.size());

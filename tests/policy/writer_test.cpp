@@ -217,6 +217,46 @@ int oddnessOfPaths(const char *name) {
     return first == last ? first : mixed;
 }
 
+// And with community lists, of which every other entry has an expression. As a code, a list that is missing is empty.
+std::uint32_t setCommunityList(zelAclMgr *manager, const char *name, std::uint32_t count) {
+    std::vector<std::uint32_t> values(count);
+    std::vector<zelAclCommEntry> entries;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        values[i] = i == 0 ? 1 : i + 1 == count ? 2 : 100 + i;
+        const bool isExpanded = i % 2 == 1 && i + 1 != count;
+        entries.push_back({i + 1, static_cast<std::uint8_t>(count), static_cast<std::uint8_t>(isExpanded ? 2 : 1), 0, 0,
+                           0, isExpanded ? 0u : 1u, &values[i], isExpanded ? "^9" : nullptr});
+    }
+    return zelAclMgrSetCommList(manager, name, entries.data(), count);
+}
+
+int countOfCommunities(const char *name) {
+    const std::uint32_t one = 1, two = 2;
+    const std::uint32_t first = bgp_commlist_match(name, &one, 1), last = bgp_commlist_match(name, &two, 1);
+    return first != last ? mixed : first == 0x39000001 ? 0 : static_cast<int>(first);
+}
+
+// And with route maps: the first sequence takes a route by its next hop, the last one by its prefix, others none.
+std::uint32_t setMap(zelAclMgr *manager, const char *name, std::uint32_t count) {
+    const char *const none[] = {"no such list", "nor this one"};
+    std::vector<zelAclClause> clauses(count, {ZEL_ACLMGR_MATCH_COMMUNITY, 2, none});
+    clauses.back().match = ZEL_ACLMGR_MATCH_PREFIX;
+    clauses.front().match = ZEL_ACLMGR_MATCH_NEXT_HOP;
+    std::vector<zelAclMapEntry> entries;
+    for (std::uint32_t i = 0; i < count; ++i)
+        entries.push_back({i + 1, static_cast<std::uint8_t>(count), count > 1, &clauses[i]});
+    return zelAclMgrSetMapList(manager, name, entries.data(), count);
+}
+
+int countOfMap(const char *name) {
+    zelPolicyRoute hop{}, prefix{};
+    hop.nextHopFamily = prefix.family = ZEL_POLICY_IPV4;
+    const zelRouteMap *map = ipRouteMapFind(name);
+    const std::uint32_t first = ipRoutemapCheckWithHandleV4_V6(map, &hop, nullptr),
+                        last = ipRoutemapCheckWithHandleV4_V6(map, &prefix, nullptr);
+    return first == last ? static_cast<int>(first) : mixed;
+}
+
 struct TestedKind {
     zelAclMgrKind kind;
     std::uint32_t (*set)(zelAclMgr *manager, const char *name, std::uint32_t count);
@@ -224,7 +264,9 @@ struct TestedKind {
 };
 constexpr TestedKind testedKinds[] = {{ZEL_ACLMGR_IP, setAccessList, countOf},
                                       {ZEL_ACLMGR_PREFIX, setPrefixList, countOfPrefixes},
-                                      {ZEL_ACLMGR_ASPATH, setPathList, oddnessOfPaths}};
+                                      {ZEL_ACLMGR_ASPATH, setPathList, oddnessOfPaths},
+                                      {ZEL_ACLMGR_COMMUNITY, setCommunityList, countOfCommunities},
+                                      {ZEL_ACLMGR_ROUTE_MAP, setMap, countOfMap}};
 
 TEST(PolicyWriter, EditsOfAnyKind) {
     zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
@@ -269,13 +311,44 @@ TEST(PolicyWriter, EditsOfAnyKind) {
     zelAclMgrClose(manager);
 }
 
-TEST(PolicyWriter, APlainCheckTakesNoLock) {
+TEST(PolicyWriter, PlainChecksOfAnyKindTakeNoLockAndAllocateNothing) {
     zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
-    setAccessList(manager, "a", 7);
+    for (const TestedKind &tested : testedKinds) EXPECT_EQ(tested.set(manager, "a", 7), 0u);
     {
         const Change change(*manager);
-        EXPECT_EQ(std::async(std::launch::async, [] { return countOf("a"); }).get(), 7);
+        std::async(std::launch::async, [] {
+            for (const TestedKind &tested : testedKinds) tested.check("a");  // compiles
+            const std::uint64_t before = allocationsSoFar();
+            for (const TestedKind &tested : testedKinds)
+                EXPECT_EQ(tested.check("a"), tested.kind == ZEL_ACLMGR_ASPATH ? 1 : 7) << tested.kind;
+            EXPECT_EQ(allocationsSoFar(), before);
+        }).get();
     }
+    zelAclMgrClose(manager);
+}
+
+TEST(PolicyWriter, AReaderNeitherCreatesNorRepairsNorWaitsForReaders) {
+    EXPECT_EQ(zelAclMgrOpenToRead(ZEL_ACLMGR_PRIMARY), nullptr);
+    EXPECT_EQ(errno, ENOENT);
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY), *reader = zelAclMgrOpenToRead(ZEL_ACLMGR_PRIMARY);
+    ASSERT_NE(reader, nullptr);
+    for (const TestedKind &tested : testedKinds) EXPECT_EQ(tested.set(manager, "a", 7), 0u);
+    manager->root->isRepairDue = 1;
+    EXPECT_EQ(aclReadLock(), 0);
+    char names[1][ZEL_POLICY_NAME + 1];
+    EXPECT_EQ(zelAclMgrGetNames(reader, ZEL_ACLMGR_ROUTE_MAP, names, 1), 1);
+    EXPECT_EQ(zelAclMgrGetIpEntries(reader, "a", nullptr, 0), 7);
+    EXPECT_EQ(zelAclMgrGetPrefixEntries(reader, "a", ZEL_POLICY_IPV4, nullptr, 0), 7);
+    EXPECT_EQ(zelAclMgrGetAspEntries(reader, "a", nullptr, 0), 9);
+    EXPECT_EQ(zelAclMgrGetCommEntries(reader, "a", nullptr, 0, nullptr, 0), 7);
+    EXPECT_EQ(zelAclMgrGetMapEntries(reader, "a", nullptr, 0), 7);
+    EXPECT_EQ(aclReadUnlock(), 0);
+    for (const TestedKind &tested : testedKinds) EXPECT_EQ(tested.set(reader, "a", 1), aclmgr::codeValueRange);
+    EXPECT_EQ(zelAclMgrRemoveList(reader, ZEL_ACLMGR_IP, "a"), aclmgr::codeValueRange);
+    EXPECT_EQ(zelAclMgrAudit(reader, nullptr), UINT32_MAX);
+    EXPECT_EQ(manager->root->isRepairDue, 1u);
+    EXPECT_EQ(zelAclMgrAudit(manager, nullptr), 0u);
+    zelAclMgrClose(reader);
     zelAclMgrClose(manager);
 }
 
@@ -384,6 +457,31 @@ TEST(PolicyWriter, AnAuditBelievesNothing) {
         whole.restore();
     }
     EXPECT_EQ(aclmgr::audit(*manager->root, report), 0u);
+    zelAclMgrClose(manager);
+}
+
+// Writers believe no tree of names either: what they would follow is looked at before they change anything.
+TEST(PolicyWriter, AWriterGoesOnInATreeThatSomebodyWroteTo) {
+    zelAclMgr *manager = zelAclMgrOpen(ZEL_ACLMGR_PRIMARY);
+    for (std::uint32_t i = 0; i < listCount; ++i) put(*manager, listName(i).c_str(), 5, static_cast<int>(i));
+    remove(*manager, listName(4).c_str());
+    Random random = seeded();
+    zelRadix &tree = manager->tables->trees[static_cast<std::size_t>(wordKind)];
+    const Memory whole;
+    for (int round = 0; round < (isFullRun() ? 100'000 : 3'000); ++round) {
+        const std::span<std::uint32_t> header(reinterpret_cast<std::uint32_t *>(&tree), sizeof tree / 4),
+            nodes(reinterpret_cast<std::uint32_t *>(tree.rtt_slabs[0]), 40 * sizeof(zelRadixNode) / 4);
+        for (std::uint32_t writes = random() % 3 + 1; writes > 0; --writes) {
+            const auto &part = random() % 2 == 0 ? header : nodes;
+            const std::uint32_t values[] = {random(), random() % 40, UINT32_MAX, 0};
+            part[random() % part.size()] = values[random() % 4];
+        }
+        put(*manager, "new", 1, 77);
+        remove(*manager, listName(random()).c_str());
+        put(*manager, listName(random()).c_str(), 1, 78);
+        whole.restore();
+    }
+    EXPECT_EQ(zelAclMgrAudit(manager, nullptr), 0u);
     zelAclMgrClose(manager);
 }
 

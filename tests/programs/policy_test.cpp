@@ -179,6 +179,10 @@ TEST(Zelpolicy, AnswersAndExplains) {
     const auto json = Program::run("zelpolicy", {"--config", file.path(), "--json", "-e", "prefix", "in", "9.0.0.0/8"});
     EXPECT_NE(json.output.find("\"verdict\": \"permit\""), std::string::npos) << json.output;
     EXPECT_NE(json.output.find("\"sequence\": 10"), std::string::npos) << json.output;
+    EXPECT_EQ(ask({"prefix", "--json", "in", "10.0.0.0/8"}).substr(0, 3), "1 {") << "options stand anywhere";
+    const auto all = Program::run("zelpolicy", {"--config", file.path(), "list", "--json"});
+    EXPECT_NE(all.output.find("\"entry\": \"deny 10.0.0.0/8 le 32\",\n        \"hits\": 0"), std::string::npos)
+        << all.output;
     EXPECT_EQ(Program::run("zelpolicy", {"acl", "management", "10.0.0.1"}).status, 2) << "no manager has run";
 }
 
