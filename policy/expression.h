@@ -1,9 +1,7 @@
 // Expressions over attribute texts, shared by all lists and processes that use the same pattern.
 //
 // The record in the policy segment has the pattern, who refers to it, and what the processes that cache results need.
-// The compiled form is private: every process compiles an expression when it first matches with it, and finds it again
-// by the record's slot. A slot is used again when its expression is gone; the number, which is not, tells the two
-// apart.
+// The compiled form is private to each process, which finds it by the record's slot and number; see policy/compiled.h.
 //
 // Records are made, linked and unlinked under the write side of ZEL_SHM_LOCK_POLICY, each by one store. The lists'
 // references are counted apart, so that whoever repairs the tables behind a writer that was killed can count them

@@ -6,10 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/lock.h"
-#include "kernel/task.h"
 #include "platform/cancellation.h"
 #include "policy/attribute_text.h"
+#include "policy/compiled.h"
 #include "policy/expression.h"
 #include "policy/matcher.h"
 #include "policy/pattern.h"
@@ -104,48 +103,6 @@ void removeExpression(Root &tables, zelRegex &expression) {
         expression.magic = 0;
         return zelMC_MM_free(source, __LINE__, &expression);
     }
-}
-
-// ---- What this process compiled -------------------------------------------------------------------------------------
-
-struct Compiled {
-    std::uint32_t number;
-    Matcher *matcher;  // null: does not compile
-};
-
-// By slot. An expression is replaced here when another one has its slot, that is, when nobody can be matching with the
-// old one: it was deleted under the write lock, and whoever matches holds the read lock.
-constinit std::atomic<Compiled *> compiled[mostExpressions]{};
-Mutex compileLock{LockRank::module, "&regex_compile_lock"};
-
-Compiled *compileInto(std::uint32_t slot, std::uint32_t number, const char *pattern) {
-    const platform::NoCancellation guard;
-    const kernel::KernelSection section;
-    const Lock lock(compileLock);
-    Compiled *old = compiled[slot].load(std::memory_order_acquire);
-    if (old && old->number == number) return old;
-    auto *fresh = static_cast<Compiled *>(zelMC_calloc(source, __LINE__, 1, sizeof(Compiled)));
-    if (!fresh) return nullptr;
-    char error[100];
-    *fresh = {number, Matcher::compile(pattern, error, sizeof error)};
-    compiled[slot].store(fresh, std::memory_order_release);
-    if (old) Matcher::destroy(old->matcher);
-    zelMC_free(source, __LINE__, old);
-    return fresh;
-}
-
-const Matcher *matcherOf(const zelRegex &expression) {
-    const std::uint32_t slot = readOnce(expression.slot), number = readOnce(expression.number);
-    if (slot >= mostExpressions) return nullptr;
-    const Compiled *entry = compiled[slot].load(std::memory_order_acquire);
-    if (!entry || entry->number != number) {
-        char pattern[longestPattern + 1] = {};
-        const std::uint32_t length = readOnce(expression.length);
-        if (length > longestPattern) return nullptr;
-        memcpy(pattern, expression.pattern, length);
-        entry = compileInto(slot, number, pattern);
-    }
-    return entry ? entry->matcher : nullptr;
 }
 
 // ---- Texts ----------------------------------------------------------------------------------------------------------
@@ -295,9 +252,8 @@ bool Subject::matches(zelRegex &expression) {
         isKnown = resultCache.isKnown(known_, index, expression.number, known);
         if (isKnown && !readOnce(verifies)) return known;
     }
-    const Matcher *matcher = matcherOf(expression);
-    const char *subject = text();
-    const bool result = matcher && matcher->matches(subject, textLength_);
+    const char *subject = text();  // first, for a text hook may match, too
+    const bool result = CompiledUse(expression).matches(subject, textLength_);
     if (isKnown && known != result)
         printf("Cached result of %.*s differs\r\n", static_cast<int>(longestPattern), expression.pattern);
     if (cacheNode_ != 0) keep(expression, result);
@@ -330,7 +286,7 @@ zelRegex *zelbgp_regex_for_list(const char *pattern) {
     if (length > longestPattern) return nullptr;
     zelRegex *expression = makeExpression(*tables, pattern, length);
     if (!expression) return nullptr;
-    if (!matcherOf(*expression)) {
+    if (!CompiledUse(*expression)) {
         zelMC_MM_free(source, __LINE__, expression);
         return nullptr;
     }

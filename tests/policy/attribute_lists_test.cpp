@@ -445,6 +445,25 @@ TEST_F(PolicyLists, ThreadsMatchWhileExpressionsComeAndGo) {
     EXPECT_EQ(report.expressions, 4u) << "those of the list";
 }
 
+// Two records that name one slot take turns in it; nobody matches with what was freed meanwhile.
+TEST_F(PolicyLists, RecordsThatNameOneSlotAreBothMatched) {
+    zelRegex *records[] = {compile("^1(2|3)*$"), compile("^1(4|5)*$")};
+    const std::uint32_t slot = records[1]->slot;
+    records[1]->slot = records[0]->slot;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([record = records[t % 2], t] {
+            const std::string mine(2000, t % 2 ? '4' : '2'), others(2000, t % 2 ? '2' : '4');
+            for (int i = 0; i < 200; ++i) {
+                ASSERT_EQ(zelbgp_regexec(record, ("1" + mine).c_str(), nullptr, 0, 0, 0), 0);
+                ASSERT_NE(zelbgp_regexec(record, ("1" + others).c_str(), nullptr, 0, 0, 0), 0);
+            }
+        });
+    for (auto &thread : threads) thread.join();
+    records[1]->slot = slot;
+    for (zelRegex *record : records) release(record);
+}
+
 // The bit of a process that died is taken back, so that what waits for it does not wait for ever.
 TEST_F(PolicyLists, NothingWaitsForAClientThatDied) {
     zelRegex *expression = compile("_1_");
