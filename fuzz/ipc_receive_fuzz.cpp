@@ -1,21 +1,14 @@
 // Any datagram at a request queue and at a response queue: it is delivered, or counted as dropped, and the wait ends at
 // its deadline. The first two bytes choose what is waited for and how large the buffer is; the rest is the datagram.
-#include <cstdint>
-#include <cstdlib>
-#include <vector>
-
+#include "fuzz/support/fuzz.h"
 #include "tests/support/fake_network.h"
-#include "zel/ipc.h"
 #include "zel/kernel.h"
 
 namespace {
 
+using zel::fuzz::require;
 using zel::test::Bytes;
 using zel::test::FakeNetwork;
-
-void require(bool holds) {
-    if (!holds) abort();
-}
 
 std::uint64_t accountedFor(std::uint32_t key) {
     zelIpcQueueStats stats{};

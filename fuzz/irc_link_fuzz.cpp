@@ -1,17 +1,16 @@
 // Any message at the link service, from a task here or from the peer: it is counted once, and goes to the peer
 // unchanged or nowhere. The first byte says from where and lets time pass, the second which words are made good, so
 // that the rest is reached.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <numeric>
 
+#include "fuzz/support/fuzz.h"
 #include "programs/zelircd/carrier.h"
 #include "tests/support/fake_network.h"
 #include "zel/irc.h"
 
 namespace {
 
+using zel::fuzz::require;
 using zel::test::Bytes;
 using zel::test::FakeNetwork;
 using zel::test::Sent;
@@ -19,10 +18,6 @@ using zel::test::Sent;
 constexpr std::uint32_t peer = 0x7f000909;
 constexpr std::uint32_t serviceKey = ZEL_IRC_SERVICE << 7;
 constexpr std::uint64_t timeStep = 31'250'000;  // a sixteenth of an interval
-
-void require(bool holds) {
-    if (!holds) abort();
-}
 
 struct World {
     World() {
@@ -43,16 +38,13 @@ std::uint64_t counted() {
 
 void mend(Bytes &bytes, unsigned bits, bool isFromPeer) {
     const std::uint32_t type = bytes.size() >= 88 ? zelIpcHdrGet32(bytes.data(), 84) : 0;
-    const std::uint32_t words[][2] = {{40, isFromPeer ? peer : zel_sysGetIpAddr()},
-                                      {44, serviceKey | 2},
-                                      {60, ZEL_IRC_MAGIC},
-                                      {72, type >= 1 && type <= 3 ? 2u : 1u},
-                                      {76, 76 << 16 | 3},
-                                      {80, static_cast<std::uint32_t>(bytes.size()) - ZEL_IRC_MIN_MESSAGE}};
-    for (const auto &[offset, value] : words) {
-        if ((bits & 1) != 0 && bytes.size() >= offset + 4) zelIpcHdrSet32(bytes.data(), offset, value);
-        bits >>= 1;
-    }
+    const zel::fuzz::Word words[] = {{40, isFromPeer ? peer : zel_sysGetIpAddr()},
+                                     {44, serviceKey | 2},
+                                     {60, ZEL_IRC_MAGIC},
+                                     {72, type >= 1 && type <= 3 ? 2u : 1u},
+                                     {76, 76 << 16 | 3},
+                                     {80, static_cast<std::uint32_t>(bytes.size()) - ZEL_IRC_MIN_MESSAGE}};
+    zel::fuzz::mend(bytes, bits, words);
 }
 
 void bringUp(World &world) {

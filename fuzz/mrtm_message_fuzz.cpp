@@ -1,20 +1,11 @@
 // Any bytes as a message to the multicast route table manager, and as its answer to a client: nothing is read beyond
 // them, and what was believed is written back as the same bytes.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-
-#include "zel/ipc.h"
+#include "fuzz/support/fuzz.h"
 #include "zel/mrtm.h"
 
 namespace {
 
-constexpr unsigned typeWord = 12;
-
-void require(bool holds) {
-    if (!holds) abort();
-}
+using zel::fuzz::require;
 
 // A list that was believed says the same plain, compressed, and plain again.
 void requireSameMap(const std::uint8_t *list) {
@@ -60,14 +51,9 @@ void readQuery(const std::uint8_t *message, int length) {
 // The first byte, when not 0, makes the type one of ours; what follows lies in a block of exactly its size.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (size < 1 || size > 10000) return 0;
-    const std::size_t length = size - 1;
-    const auto message = std::make_unique<std::uint8_t[]>(length);
-    if (length) memcpy(message.get(), data + 1, length);
-    if (data[0] != 0 && length >= ZEL_IPC_HDR_LEN) {
-        zelIpcHdrSet32(message.get(), 0, ZEL_IPC_MAGIC);
-        zelIpcHdrSet32(message.get(), typeWord, (data[0] < 0x80 ? 0x3d00u : 0x3c00u) + data[0]);
-    }
-    const int bytes = static_cast<int>(length);
+    const auto message =
+        zel::fuzz::messageOf(data, size, data[0] != 0 ? (data[0] < 0x80 ? 0x3d00u : 0x3c00u) + data[0] : 0);
+    const int bytes = static_cast<int>(size - 1);
     zelMrtmRegistration registration;
     zelMrtmRequest request;
     std::uint32_t begun[IFM_VLAN_BITMAP_WORDS], ended[IFM_VLAN_BITMAP_WORDS], handle, bitmap[IFM_IFLIST_MAP_WORDS];
@@ -79,6 +65,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     zelMrtmReadRegistrationAnswer(message.get(), bytes, &handle);
     readBatch(message.get(), bytes);
     readQuery(message.get(), bytes);
-    if (length >= ZEL_MRTM_QUERY_ANSWER_LENGTH) mrtmFetchBitmapFromQueryResponse(message.get(), bitmap);
+    if (size > ZEL_MRTM_QUERY_ANSWER_LENGTH) mrtmFetchBitmapFromQueryResponse(message.get(), bitmap);
     return 0;
 }

@@ -1,19 +1,13 @@
 // Any bytes as a pattern, up to the first zero or line feed, and the rest as a text: what is not refused compiles when
 // the C library says so, and matches when it does.
-#include <regex.h>
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
-#include "policy/matcher.h"
-#include "policy/pattern.h"
-#include "zel/platform.h"
+#include "tests/policy/patterns.h"
 
 namespace {
-
-using zel::policy::Matcher;
 
 void require(bool holds, const std::string &pattern, const std::string &text) {
     if (holds) return;
@@ -24,18 +18,9 @@ void require(bool holds, const std::string &pattern, const std::string &text) {
 void compare(const std::string &pattern, const std::string &text) {
     char why[100];
     if (!zel::policy::checkPattern(pattern.c_str(), why, sizeof why)) return;
-    Matcher *matcher = Matcher::compile(pattern.c_str(), why, sizeof why);
-    char *expanded = zel::policy::expandUnderscores(pattern.c_str());
-    regex_t expression;
-    const bool compiles = regcomp(&expression, expanded, REG_EXTENDED | REG_NOSUB) == 0;
-    require((matcher != nullptr) == compiles, pattern, why);
-    if (compiles) {
-        const bool matches = regexec(&expression, text.c_str(), 0, nullptr, 0) == 0;
-        require(matcher->matches(text.data(), text.size()) == matches, pattern, text);
-        regfree(&expression);
-    }
-    zelMC_free("fuzz", __LINE__, expanded);
-    Matcher::destroy(matcher);
+    const zel::test::Judged judged(pattern);
+    require(bool{judged} == judged.isAccepted(), pattern, judged.why());
+    require(!judged || judged.agrees(text), pattern, text);
 }
 
 }  // namespace

@@ -1,20 +1,11 @@
 // Any bytes as a message to the route table manager, and as its answer to a client: nothing is read beyond them, and a
 // route that was believed is written back as the same bytes.
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-
-#include "zel/ipc.h"
+#include "fuzz/support/fuzz.h"
 #include "zel/rtm.h"
 
 namespace {
 
-constexpr unsigned typeWord = 12;
-
-void require(bool holds) {
-    if (!holds) abort();
-}
+using zel::fuzz::require;
 
 // The VRF stands in every hop as well; a stranger's record may have others there.
 void requireSame(const std::uint8_t *record, std::size_t size, int family, const zelRtmRoute &route) {
@@ -60,14 +51,8 @@ void readAnswer(const std::uint8_t *answer) {
 // The first byte, when not 0, makes the type one of ours; what follows lies in a block of exactly its size.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     if (size < 1 || size > 10000) return 0;
-    const std::size_t length = size - 1;
-    const auto message = std::make_unique<std::uint8_t[]>(length);
-    if (length) memcpy(message.get(), data + 1, length);
-    if (data[0] != 0 && length >= ZEL_IPC_HDR_LEN) {
-        zelIpcHdrSet32(message.get(), 0, ZEL_IPC_MAGIC);
-        zelIpcHdrSet32(message.get(), typeWord, 0x3200u + data[0]);
-    }
-    const int bytes = static_cast<int>(length);
+    const auto message = zel::fuzz::messageOf(data, size, data[0] != 0 ? 0x3200u + data[0] : 0);
+    const int bytes = static_cast<int>(size - 1);
     zelRtmRegistration registration;
     zelRtmRequest request;
     zelRtmDumpPage page;
@@ -79,6 +64,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     zelRtmParseClear(message.get(), bytes, &handle, &vrf, &sequence);
     readBatch(message.get(), bytes);
     readQueries(message.get(), bytes);
-    if (length >= ZEL_RTM_QUERY_LENGTH) readAnswer(message.get() + length - ZEL_RTM_QUERY_LENGTH);
+    if (size > ZEL_RTM_QUERY_LENGTH) readAnswer(message.get() + size - 1 - ZEL_RTM_QUERY_LENGTH);
     return 0;
 }

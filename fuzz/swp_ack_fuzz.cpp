@@ -3,28 +3,19 @@
 // The first byte says to whom, the second which header words are made good, so that the rest is reached.
 #include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <vector>
 
+#include "fuzz/support/fuzz.h"
 #include "tests/support/fake_network.h"
-#include "zel/ipc.h"
 #include "zel/kernel.h"
 
 namespace {
 
+using zel::fuzz::require;
 using zel::test::Bytes;
 using zel::test::FakeNetwork;
 
 constexpr int messageBytes = 140;
 constexpr std::uint32_t capacity = 12;
-
-void require(bool holds, int line = __builtin_LINE()) {
-    if (holds) return;
-    fprintf(stderr, "line %d does not hold\n", line);
-    abort();
-}
 
 struct World {
     World() {
@@ -67,19 +58,12 @@ struct World {
     std::vector<void *> free;
 };
 
-// Makes good the words that `bits` name, as far as they are there.
 void mend(Bytes &bytes, unsigned bits, const World &world) {
-    const struct {
-        unsigned offset;
-        std::uint32_t value;
-    } words[] = {{0, ZEL_IPC_MAGIC},          {24, ZEL_SWP_ACK_PACKET},
-                 {40, zel_sysGetIpAddr()},    {44, zel_getQueueId(76, 0, 1)},
-                 {60, world.queue},           {64, 0},
-                 {76, world.status().stream}, {80, 0}};
-    for (const auto &word : words) {
-        if ((bits & 1) != 0 && bytes.size() >= word.offset + 4) zelIpcHdrSet32(bytes.data(), word.offset, word.value);
-        bits >>= 1;
-    }
+    const zel::fuzz::Word words[] = {{0, ZEL_IPC_MAGIC},          {24, ZEL_SWP_ACK_PACKET},
+                                     {40, zel_sysGetIpAddr()},    {44, zel_getQueueId(76, 0, 1)},
+                                     {60, world.queue},           {64, 0},
+                                     {76, world.status().stream}, {80, 0}};
+    zel::fuzz::mend(bytes, bits, words);
 }
 
 void asAcknowledgement(World &world, const Bytes &bytes) {

@@ -1,20 +1,37 @@
 // Patterns and texts for tests of the matcher: those of operators, those that nobody would write, and the judge.
 #pragma once
 
+#include <regex.h>
+
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "policy/matcher.h"
+#include "policy/pattern.h"
 #include "tests/support/random.h"
+#include "zel/platform.h"
 
 namespace zel::test {
 
-// The lines of data/NAME without those that begin with '#'; of each, what stands behind the last tab.
-inline std::vector<std::string> lastColumns(const std::string &name) {
+// The lines of a file, without those that begin with '#', as columns separated by tabs.
+inline std::vector<std::vector<std::string>> rowsOf(const std::string &path) {
+    std::vector<std::vector<std::string>> rows;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        if (line.starts_with('#')) continue;
+        rows.emplace_back();
+        std::istringstream columns(line);
+        for (std::string column; std::getline(columns, column, '\t');) rows.back().push_back(column);
+    }
+    return rows;
+}
+
+// The last column of each.
+inline std::vector<std::string> lastColumns(const std::string &path) {
     std::vector<std::string> all;
-    std::ifstream file(ZEL_DATA_DIR "/" + name);
-    for (std::string line; std::getline(file, line);)
-        if (!line.starts_with('#')) all.push_back(line.substr(line.rfind('\t') + 1));
+    for (const auto &row : rowsOf(path)) all.push_back(row.empty() ? "" : row.back());
     return all;
 }
 
@@ -82,6 +99,37 @@ private:
     }
 
     Random &random_;
+};
+
+// A pattern, and the C library's own idea of it.
+class Judged {
+public:
+    explicit Judged(const std::string &pattern)
+        : matcher_(policy::Matcher::compile(pattern.c_str(), why_, sizeof why_)) {
+        char *expanded = policy::expandUnderscores(pattern.c_str());
+        isAccepted_ = regcomp(&expression_, expanded, REG_EXTENDED | REG_NOSUB) == 0;
+        zelMC_free("test", 0, expanded);
+    }
+    ~Judged() {
+        if (isAccepted_) regfree(&expression_);
+        policy::Matcher::destroy(matcher_);
+    }
+    Judged(const Judged &) = delete;
+
+    policy::Matcher *operator->() const { return matcher_; }
+    explicit operator bool() const { return matcher_ != nullptr; }
+    bool isAccepted() const { return isAccepted_; }
+    const char *why() const { return why_; }
+    bool matches(const std::string &text) const { return matcher_->matches(text.data(), text.size()); }
+    bool agrees(const std::string &text) const {
+        return matches(text) == (regexec(&expression_, text.c_str(), 0, nullptr, 0) == 0);
+    }
+
+private:
+    char why_[100] = "";
+    policy::Matcher *matcher_;
+    regex_t expression_;
+    bool isAccepted_;
 };
 
 }  // namespace zel::test
