@@ -40,15 +40,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, std::size_t size) {
     if (size < 1) return 0;
     role = data[0] & 2;
     zelPlatformSetPrimaryRpm(1);
-    resMgmtLibRegisterClient(
-        client, 175, 0, nullptr, nullptr, nullptr, nullptr, nullptr, [] { return role; }, nullptr, nullptr, 0, 0, 0);
+    registerTestClient(nullptr, [] { return role; });
     resMgmtLibSetTransport(drop, drop);
     createDatabase(0, 99, ZEL_RES_PEER_AWARE);
-    for (uint32_t number = 0; number < 4; ++number) {
-        const zelResKey key = keyOf(number);
-        int32_t index;
-        resMgmtApiAddObject(client, database, &key, nullptr, 0, &index);
-    }
+    int32_t index;
+    for (uint32_t number = 0; number < 4; ++number) addKey(number, &index);
     zelPlatformSetPrimaryRpm(data[0] & 1);
     for (std::size_t at = 1; at + 2 < size;) {
         const std::size_t wanted = zel::wire::load<uint16_t>(data + at) % 2048u, rest = size - at - 2;

@@ -33,6 +33,17 @@ inline int createDatabase(int32_t start, int32_t end, uint8_t peerFlags = 0, uin
     return resMgmtLibProcDbCreate(client, &params, start, end);
 }
 
+// The client: what is called when a request is served, and what says which role the switch has.
+inline int registerTestClient(zelResPendingFn served, zelResPeerRoleFn role) {
+    return resMgmtLibRegisterClient(client, 175, 0, nullptr, nullptr, nullptr, served, nullptr, role, nullptr, nullptr,
+                                    0, 0, 0);
+}
+
+inline int addKey(uint32_t number, int32_t *index, const std::string &cookie = "cookie") {
+    const zelResKey key = keyOf(number);
+    return resMgmtApiAddObject(client, database, &key, cookie.data(), static_cast<uint32_t>(cookie.size()), index);
+}
+
 // What is wrong with the tables, nothing when all is well: every index used has an entry and every entry its index,
 // once; counts agree; no entry is left that nobody wants, no request without entry.
 inline std::string audit(const zelResDb *db = gaResMgmtDb[database]) {

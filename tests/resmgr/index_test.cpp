@@ -62,9 +62,7 @@ protected:
     }
     int add(uint32_t number, int32_t *index = nullptr, const char *cookie = "") const {
         int32_t ignored;
-        const zelResKey key = keyOf(number);
-        return resMgmtApiAddObject(client, database, &key, cookie, static_cast<uint32_t>(strlen(cookie)),
-                                   index ? index : &ignored);
+        return addKey(number, index ? index : &ignored, cookie);
     }
     int drop(uint32_t number) const { return resMgmtApiDelObject(client, database, &number, sizeof number); }
 };

@@ -129,21 +129,19 @@ void act(Random &random) {
         resMgmtApiDelObject(client, database, &number, sizeof number);
         return;
     }
-    const zelResKey key = keyOf(number);
     int32_t index;
-    if (resMgmtApiAddObject(client, database, &key, "cookie", 6, &index) == 0) report('G', number, index);
+    if (addKey(number, &index) == 0) report('G', number, index);
 }
 
 ZEL_CHILD(resourceNode) {
     self = static_cast<uint8_t>(atoi(argv[0]));
     socket = std::make_unique<Peer>(portOf(self));
     Random random = seeded();
-    resMgmtLibRegisterClient(
-        client, 175, self, nullptr, nullptr, nullptr,
+    registerTestClient(
         [](zelResDb *, zelResEntry *entry, const void *, uint32_t) {
             if (orders.isPrimary) report('G', numberOf(entry), entry->objectIndex);
         },
-        nullptr, [] { return self == secondary ? 2 : 1; }, nullptr, nullptr, 0, 0, 0);
+        [] { return self == secondary ? 2 : 1; });
     resMgmtLibSetTransport([](const void *b, uint32_t n) { return carry(orders.standby, ZEL_RES_LINK_HA, b, n); },
                            [](const void *b, uint32_t n) { return carry(orders.peer, ZEL_RES_LINK_KXL, b, n); });
     createDatabase(1, capacity, ZEL_RES_PEER_AWARE);

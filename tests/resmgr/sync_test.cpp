@@ -76,10 +76,8 @@ public:
         for (auto &queue : node.arrived) queue.clear();
         run(node, [] {
             resMgmtLibTerminate();
-            resMgmtLibRegisterClient(
-                client, 175, 0, nullptr, nullptr, nullptr,
-                [](zelResDb *, zelResEntry *entry, const void *, uint32_t) { world->serve(entry); }, nullptr,
-                [] { return world->current->ofSwitch == world->kxlPrimary ? 1 : 2; }, nullptr, nullptr, 0, 0, 0);
+            registerTestClient([](zelResDb *, zelResEntry *entry, const void *, uint32_t) { world->serve(entry); },
+                               [] { return world->current->ofSwitch == world->kxlPrimary ? 1 : 2; });
             resMgmtLibSetTransport([](const void *bytes, uint32_t length) { return world->toStandby(bytes, length); },
                                    [](const void *bytes, uint32_t length) { return world->toPeer(bytes, length); });
             createDatabase(1, world->capacity, ZEL_RES_PEER_AWARE);
@@ -126,9 +124,8 @@ public:
     }
     void add(uint32_t of, uint32_t number) {
         run(primary(of), [&] {
-            const zelResKey key = keyOf(number);
             int32_t index;
-            const int result = resMgmtApiAddObject(client, database, &key, &number, sizeof number, &index);
+            const int result = addKey(number, &index);
             ASSERT_TRUE(result == 0 || result == -3) << result;
             ++ledger.wanted[of][number];
             if (result == 0) ledger.give(of, number, index);
@@ -281,16 +278,12 @@ TEST(Order, TheStandbyIsToldBeforeTheOwner) {
     static int role;
     static Bytes known;
     role = ZEL_RES_KXL_SECONDARY;
-    resMgmtLibRegisterClient(
-        client, 175, 0, nullptr, nullptr, nullptr,
-        [](zelResDb *, zelResEntry *, const void *, uint32_t) { known = lastSent; }, nullptr, [] { return role; },
-        nullptr, nullptr, 0, 0, 0);
+    registerTestClient([](zelResDb *, zelResEntry *, const void *, uint32_t) { known = lastSent; },
+                       [] { return role; });
     resMgmtLibSetTransport(keep, nullptr);
     createDatabase(50, 59, ZEL_RES_PEER_AWARE);
-    const uint32_t number = 1;
-    const zelResKey key = keyOf(number);
     int32_t index;
-    EXPECT_EQ(resMgmtApiAddObject(client, database, &key, nullptr, 0, &index), -3);
+    EXPECT_EQ(addKey(1, &index), -3);
     role = 1;
     resMgmtLibProcessPendingRequests(gaResMgmtDb[database]);
     ASSERT_GT(known.size(), 24u);
@@ -304,14 +297,11 @@ TEST(Order, TheStandbyIsToldBeforeTheOwner) {
 class Refusal : public testing::Test {
 protected:
     Refusal() {
-        resMgmtLibRegisterClient(client, 175, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                 0, 0, 0);
+        registerTestClient(nullptr, nullptr);
         resMgmtLibSetTransport(keep, nullptr);
         createDatabase(0, 99, ZEL_RES_PEER_AWARE);
-        const uint32_t number = 7;
-        const zelResKey key = keyOf(number);
         int32_t index;
-        resMgmtApiAddObject(client, database, &key, nullptr, 0, &index);
+        addKey(7, &index);
         object = lastSent;
         resMgmtLibRequestAllData(ZEL_RES_LINK_HA);
         wanted = lastSent;
