@@ -229,6 +229,7 @@ TEST_F(PolicyLists, ExpressionsOfOnePatternAreOne) {
     EXPECT_EQ(zelbgp_regex_references(expression), 4u);
     EXPECT_EQ(zelAclMgrRemoveList(manager, ZEL_ACLMGR_ASPATH, "list"), 0u);
     EXPECT_EQ(zelbgp_regex_references(expression), 2u);
+    EXPECT_EQ(audit().expressions, 1u) << "still referred to";
     EXPECT_EQ(zelbgp_regexec(expression, "65000 1", nullptr, 0, 0, 0), 0);
     EXPECT_NE(zelbgp_regexec(expression, "1 65000", nullptr, 0, 0, 0), 0);
     EXPECT_EQ(zelbgp_regexec(nullptr, "1", nullptr, 0, 0, 0), -1);
