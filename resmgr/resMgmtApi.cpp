@@ -252,6 +252,6 @@ int resMgmtApiDelObject(uint32_t clientId, uint32_t databaseId, const void *key,
     zelResEntry *entry = resMgmtLibFindObjectEntry(db, digest, key);
     if (!entry || entry->refCount == 0) return ZEL_RES_ERROR;
     const int result = resMgmtLibProcObjectEntryDel(clientAt(clientId), db, entry);
-    resMgmtLibProcessPendingRequests(db);
+    serveRequests(db);
     return result;
 }

@@ -105,7 +105,7 @@ int giveToPeer(const zelResSync &message, zelResEntry *entry) {
     const bool isAdopted = message.index != -1 && giveIndex(db, entry, message.index);
     if (isAdopted) clear(entry, ZEL_RES_WAITING);
     resMgmtLibHASyncObjEntry(db, entry);
-    isAdopted ? serveEntry(db, entry) : resMgmtLibProcessPendingRequests(db);
+    isAdopted ? serveEntry(db, entry) : serveRequests(db);
     return ZEL_RES_OK;
 }
 
@@ -136,7 +136,7 @@ void dropUnconfirmed(zelResDb *db) {
         if (!is(entry, ZEL_RES_STALE)) return;
         isPrimarySwitch ? void(dropHold(db, entry)) : loseObject(db, entry);
     });
-    if (isPrimarySwitch) resMgmtLibProcessPendingRequests(db);
+    if (isPrimarySwitch) serveRequests(db);
 }
 
 }  // namespace zel::resmgr
@@ -167,7 +167,7 @@ int resMgmtLibProcObjDelReqFromKxlPeer(const zelResSync *message) {
     zelResEntry *entry = find(*message);
     if (entry && !dropHold(message->db, entry)) entry = nullptr;
     answerDeletion(*message, entry);
-    resMgmtLibProcessPendingRequests(message->db);
+    serveRequests(message->db);
     return ZEL_RES_OK;
 }
 
@@ -224,6 +224,6 @@ int resMgmtLibClearKxlPeerDependencies(zelResDb *db) {
         if (is(entry, ZEL_RES_WAITING)) freeIndexOf(db, entry);
         dropHold(db, entry);
     });
-    resMgmtLibProcessPendingRequests(db);
+    serveRequests(db);
     return ZEL_RES_OK;
 }

@@ -20,6 +20,13 @@ Request *asRequest(zelDLLNode *node) {
     return reinterpret_cast<Request *>(node);
 }
 
+Request *firstOf(zelResDb *db) {
+    return asRequest(zelDLLGetFirst(&db->pending));
+}
+Request *nextOf(zelResDb *db, Request *request) {
+    return asRequest(zelDLLGetNext(&db->pending, &request->node));
+}
+
 const void *cookieOf(const Request *request) {
     return request->cookieLen > 0 ? request + 1 : nullptr;
 }
@@ -72,7 +79,7 @@ bool serve(zelResDb *db, Request *request, const zelResClient *client) {
 }
 
 Request *leave(zelResDb *db, Request *request) {
-    Request *next = asRequest(zelDLLGetNext(&db->pending, &request->node));
+    Request *next = nextOf(db, request);
     request->flags &= static_cast<std::uint8_t>(~visited);
     if (!request->entry) {
         zelDLLRemove(&db->pending, &request->node);
@@ -103,11 +110,16 @@ bool process(zelResDb *db, Request *request, zelResClient *client) {
     if (isNew && !allocateIndex(db, client, entry)) return false;
     clear(entry, ZEL_RES_WAITING);
     if (isNew) tellOfIndex(db, entry);
+    if (isNew && (entry->pending != request || request->nextOfEntry)) db->hasAnswerable = 1;
     request->flags |= visited;
-    if (!serve(db, request, client)) return true;
-    resMgmtLibHASyncObjEntry(db, entry);
-    if (isNew) serveEntry(db, entry);  // its other requests need not wait until another index is free
+    if (serve(db, request, client)) resMgmtLibHASyncObjEntry(db, entry);
     return true;
+}
+
+// Null for a client that is gone or may not allocate, and for a request that is being answered further out.
+zelResClient *allocatorOf(zelResDb *db, const Request *request) {
+    zelResClient *client = (request->flags & visited) ? nullptr : clientAt(request->clientId);
+    return client && rmLibCanLocalAllocateObjIndex(client, db) == 1 ? client : nullptr;
 }
 
 bool isFull(const zelResDb *db) {
@@ -164,6 +176,20 @@ void serveEntry(zelResDb *db, zelResEntry *entry) {
     }
 }
 
+void serveRequests(zelResDb *db) {
+    resMgmtLibProcessPendingRequests(db);
+    if (!db->hasAnswerable || db->isServing) return;
+    db->isServing = 1;
+    db->hasAnswerable = 0;
+    for (Request *request = firstOf(db); request;) {
+        zelResClient *client = allocatorOf(db, request);
+        const bool isAnswerable = client && request->entry->objectIndex != -1;
+        if (isAnswerable) process(db, request, client);
+        request = isAnswerable ? leave(db, request) : nextOf(db, request);
+    }
+    db->isServing = 0;
+}
+
 }  // namespace zel::resmgr
 
 using namespace zel::resmgr;
@@ -182,14 +208,12 @@ int resMgmtLibAddPendingReq(uint32_t clientId, zelResDb *db, zelResEntry *entry,
 void resMgmtLibProcessPendingRequests(zelResDb *db) {
     if (!db || db->isServing || !rmLibIsLocalObjIndexAvail(db)) return;
     db->isServing = 1;
-    Request *request = asRequest(zelDLLGetFirst(&db->pending));
-    while (request) {
-        zelResClient *client = clientAt(request->clientId);
-        if (client && rmLibCanLocalAllocateObjIndex(client, db) == 1) {
+    for (Request *request = firstOf(db); request;) {
+        if (zelResClient *client = allocatorOf(db, request)) {
             if (!process(db, request, client)) break;
             request = leave(db, request);
         } else {
-            request = asRequest(zelDLLGetNext(&db->pending, &request->node));
+            request = nextOf(db, request);
         }
         if (isFull(db)) break;
     }

@@ -136,5 +136,8 @@ int queueRequest(std::uint32_t clientId, zelResDb *db, zelResEntry *entry, const
 void dropRequests(zelResDb *db, zelResEntry *entry, unsigned flags);
 // Answers the requests of an entry that has its index; it may be gone afterwards.
 void serveEntry(zelResDb *db, zelResEntry *entry);
+// What an owner's call of resMgmtLibProcessPendingRequests does, and then answers the requests left behind whose
+// entries have their index: those need none that is free.
+void serveRequests(zelResDb *db);
 
 }  // namespace zel::resmgr

@@ -134,7 +134,7 @@ enum {
 /* Bits of its state. */
 enum {
     ZEL_RES_DB_WITHOUT_RANGE = 1, /* it was created without one */
-    ZEL_RES_DB_COPIED = 2,        /* the standby has a complete copy */
+    ZEL_RES_DB_COPIED = 2,        /* on the standby: its copy is complete */
     ZEL_RES_DB_INCOMPLETE = 4     /* its first copy is under way: it hands out nothing */
 };
 
@@ -181,7 +181,8 @@ struct zelResDb {
     zelFreeFn release;
     zelResEntry *entriesByDigest;
     zelResEntry *entriesByIndex;
-    uint32_t isServing; /* requests are being served */
+    uint32_t isServing;     /* requests are being served */
+    uint32_t hasAnswerable; /* requests may wait whose entries have their index */
 };
 
 /* One of the databases of a client, or of the clients of a database. */
@@ -323,7 +324,8 @@ struct zelResPending {
  * client and cookie once more are counted, and add their flags to the request that is there. */
 int resMgmtLibAddPendingReq(uint32_t clientId, zelResDb *db, zelResEntry *entry, const void *cookie, uint32_t cookieLen,
                             uint8_t flags);
-/* Serves requests in their order while indexes are free. For the owner to call when some became free. */
+/* Serves requests in their order, and stops when no index is free: what stands behind waits then, also a request whose
+ * entry got its index by an earlier one. For the owner to call when indexes became free. */
 void resMgmtLibProcessPendingRequests(zelResDb *db);
 
 /* ==== Synchronisation =============================================================================================

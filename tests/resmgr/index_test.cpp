@@ -8,6 +8,7 @@
 
 #include "tests/resmgr/audit.h"
 #include "tests/support/failing_allocator.h"
+#include "tests/support/printed.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
 #include "zel/platform.h"
@@ -148,6 +149,41 @@ TEST_F(Resources, WithoutMemoryNothingChanges) {
         EXPECT_EQ(FailingAllocator::live(), 0);
     }
     peerRole = 1;
+}
+
+TEST_F(Resources, TracesNameWhatFailed) {
+    const auto hook = [](uint32_t size, uint32_t) { return FailingAllocator::allocate(size); };
+    const auto traces = [](const std::string &line, auto call, unsigned withoutMemory = 0) {
+        FailingAllocator::failAt(withoutMemory);
+        gRmLibDebug = 3;
+        const std::string printed = printedBy(call);
+        gRmLibDebug = 0;
+        EXPECT_NE(printed.find(line + "\r\n"), std::string::npos) << printed;
+    };
+    registerClient(1, nullptr, hook);
+    const std::string creating = "resMgmtLibProcDbCreate(): Adding ", adding = "resMgmtLibProcObjectEntryAdd(): ";
+    const auto create = [] { createDatabase(0, 0); };
+    traces(creating + "client to Db list failed. Client Id: 1, DB Id: 2.", create, 2);
+    traces(creating + "Db to client list failed. Client Id: 1, DB Id: 2.", create, 3);
+    create();
+    traces(
+        adding + "Memory Alloc failed for pObjEntry.", [this] { add(1); }, 1);
+    ASSERT_EQ(add(1), 0);
+    traces(adding + "Object will be cleaned up. ", [this] { add(2); });
+    traces(adding + "Failure to insert the object entry into MD5 tree. ", [this] {
+        const uint32_t number = 1;
+        const zelResKey key = keyOf(number);
+        resMgmtLibProcObjectEntryAdd(gaResMgmtClientDb[1], db(), entryOf(1)->digest, &key, 0, 0, nullptr);
+    });
+    db()->params.peerFlags = ZEL_RES_PEER_AWARE;
+    traces(adding + "Object will be added to pending. ", [this] { add(3); });
+    peerRole = ZEL_RES_KXL_SECONDARY;
+    char line[200];
+    snprintf(line, sizeof line, "rmLibCanLocalAllocateObjIndex(): KXL Secondary. pDb: %p, pClient: %p.",
+             static_cast<void *>(db()), static_cast<void *>(gaResMgmtClientDb[1]));
+    traces(line, [this] { rmLibCanLocalAllocateObjIndex(gaResMgmtClientDb[1], db()); });
+    peerRole = 1;
+    EXPECT_EQ(audit(), "");
 }
 
 // ---- Indexes --------------------------------------------------------------------------------------------------------
@@ -361,6 +397,46 @@ TEST_F(Resources, RequestsAreServedInTheirOrderAsFarAsIndexesGo) {
     EXPECT_EQ(served.size(), 3u);  // 13, and both requests of 14 with the same index
     EXPECT_EQ(audit(), "");
     EXPECT_EQ(db()->entryCount, 3u);
+}
+
+// The loop ends with the last free index, also before a request whose entry has one by now; a deletion by key answers
+// that too, after those whose turn it was.
+TEST_F(Resources, AFullDatabaseEndsTheLoopOverTheRequests) {
+    registerClient(1);
+    createDatabase(0, 1, ZEL_RES_PEER_AWARE);
+    for (const uint32_t number : {1u, 2u}) EXPECT_EQ(add(number), 0);
+    EXPECT_EQ(add(10, nullptr, "a") + add(11, nullptr, "b") + add(10, nullptr, "c"), -9);
+    served.clear();
+    EXPECT_EQ(resMgmtLibProcObjectEntryDel(gaResMgmtClientDb[client], db(), entryOf(1)), 0);
+    resMgmtLibProcessPendingRequests(db());
+    ASSERT_EQ(served.size(), 1u);
+    EXPECT_EQ(served[0].cookie, "a");
+    EXPECT_EQ(drop(2), 0);
+    ASSERT_EQ(served.size(), 3u);
+    EXPECT_EQ(served[1].cookie + served[2].cookie, "bc");
+    EXPECT_EQ(served[2].index, served[0].index);
+    EXPECT_EQ(zelDLLGetFirst(&db()->pending), nullptr);
+    EXPECT_EQ(audit(), "");
+}
+
+// The peer's request is answered out of any loop; what serves requests meanwhile leaves that one alone.
+TEST_F(Resources, ARequestBeingAnsweredIsNotServedAgain) {
+    registerClient(1, nullptr, [](uint32_t size, uint32_t) { return FailingAllocator::allocate(size); });
+    createDatabase(0, 9, ZEL_RES_PEER_AWARE);
+    static int answers;
+    answers = 0;
+    gaResMgmtClientDb[client]->remoteAllocated = [](zelResDb *from, zelResEntry *, const void *, uint32_t) {
+        ++answers;
+        resMgmtLibProcessPendingRequests(from);
+    };
+    const uint32_t number = 7;
+    zelResSync asked{db(), gaResMgmtClientDb[client], 5, ZEL_RES_SYNC_PRESENT, 0, 1, {}, keyOf(number), 1};
+    resMgmtLibFormMd5Key(&number, sizeof number, asked.digest);
+    EXPECT_EQ(resMgmtLibProcObjAddReqFromKxlPeer(&asked), 0);
+    EXPECT_EQ(answers, 1);
+    EXPECT_EQ(entryOf(7)->objectIndex, 5);
+    EXPECT_EQ(entryOf(7)->pending, nullptr);
+    EXPECT_EQ(audit(), "");
 }
 
 TEST_F(Resources, DumpsShowTheTables) {
