@@ -7,6 +7,7 @@
 
 #include "tests/ipc/peer.h"
 #include "tests/support/fake_network.h"
+#include "tests/support/printed.h"
 
 using namespace zel::test;
 using std::chrono::seconds;
@@ -116,6 +117,27 @@ TEST_F(Irc, WaitsForItsAnswerAndNoLonger) {
         EXPECT_EQ(zelIrcPeerRpmBetterSend(61, 0, message.data(), 200, 1, &error), failures == 1 ? 0 : -1);
     }
     EXPECT_DOUBLE_EQ(network.seconds(), 5.04) << "a tick each";
+}
+
+TEST_F(Irc, SaysWhatWentWrong) {
+    const auto says = [](const std::string &text, auto call) {
+        const std::string printed = printedBy(call);
+        EXPECT_NE(printed.find("****** ERROR IRC-("), std::string::npos) << printed;
+        EXPECT_NE(printed.find(": " + text + "\r\n"), std::string::npos) << printed;
+    };
+    const std::string name = "zelIrcPeerRpmSend", wait = name + "Wait : ";
+    says("Irc_setIrcHeader: unknown irc msg type: 6", [&] { Irc_setIrcHeader(message.data(), 0, 6, 0, 0, 0); });
+    says(name + ": Failed to get task ipckey for serv: 12 inst 1",
+         [&] { zelIrcPeerRpmSend(12, 1, message.data(), 200, 1, &error); });
+    says(name + ": Incorrect qType passed.", [&] { send(200, 3); });
+    says(name + ": Irc_SendIRC Failed: payload is too big 8193.", [&] { send(8193); });
+    says(wait + "Send/receive payload is NULL", [&] { sendWait(1, nullptr); });
+    says(wait + "Error in Irc receive from peer mtype : 5.", [&] { sendWait(1, reply.data()); });
+    network.sendError = ENETUNREACH;
+    says(name + ": Irc_SendIRC Failed.  servicename/0", [&] { send(200); });
+    says(wait + "Error in Irc send to peer mtype : 5.", [&] { sendWait(1, reply.data()); });
+    setLink(ZEL_IRC_LINK_DOWN);
+    says(name + ":  Can't send. Link to peer is not up.", [&] { send(200); });
 }
 
 // Waiting for the turn is part of the time-out, and nothing is sent without it.
