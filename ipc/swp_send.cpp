@@ -27,12 +27,12 @@ bool isRoomFor(std::size_t offset, std::size_t length) {
     return offset + SwpHeader::size <= length;
 }
 
-void buildIpcHeader(const SharedQueue &queue, void *message) {
+void buildIpcHeader(const SharedQueue &queue, void *message, std::uint32_t tick) {
     IpcHeader::Magic::set(message, IpcHeader::magic);
     const auto *header = static_cast<std::uint8_t *>(message) + SwpHeader::offsetInMessage;
     IpcHeader::Length::set(message, SwpHeader::Length::get(header));
     IpcHeader::Status::set(message, 0);
-    IpcHeader::Transaction::set(message, static_cast<std::uint32_t>(tick64Get()));
+    IpcHeader::Transaction::set(message, tick);
     IpcHeader::SourceSlot::set(message, 0);
     IpcHeader::SourceAddress::set(message, queue.sender.address);
     IpcHeader::SourceQueue::set(message, queue.usesTimerQueue ? queue.sender.timerQueue : queue.sender.requestQueue);
@@ -42,10 +42,10 @@ void buildIpcHeader(const SharedQueue &queue, void *message) {
 }
 
 // Everything but the last is marked, so that the receiver need not answer it at once.
-void prepare(const HeldQueue &queue, const Slot &slot, bool isLast) {
+void prepare(const HeldQueue &queue, const Slot &slot, bool isLast, std::uint32_t tick) {
     SwpHeader::Flags::set(swpHeader(slot), (queue.window().acknowledged == 0 ? SwpHeader::early : 0) |
                                                (isLast ? 0 : SwpHeader::moreFollows));
-    if (!queue.shared().isIcl) buildIpcHeader(queue.shared(), slot.message);
+    if (!queue.shared().isIcl) buildIpcHeader(queue.shared(), slot.message, tick);
 }
 
 // Plain delivery on the sender's request queue, without a word: nothing is printed under a queue's lock.
@@ -68,9 +68,10 @@ std::uint32_t transmit(HeldQueue &queue, Sequence first, Sequence end) {
     constexpr std::uint32_t mostAtOnce = 16;
     iovec messages[mostAtOnce];
     const auto count = static_cast<std::uint32_t>(std::min<Sequence>(end - first, mostAtOnce));
+    const auto tick = static_cast<std::uint32_t>(tick64Get());
     for (std::uint32_t i = 0; i < count; ++i) {
         const Slot &slot = queue.slotOf(first + i);
-        prepare(queue, slot, first + i + 1 == end);
+        prepare(queue, slot, first + i + 1 == end, tick);
         messages[i] = {slot.message, slot.length};
     }
     const std::uint32_t sent =

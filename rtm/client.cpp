@@ -18,7 +18,12 @@ const zelSwpFifoHooks &hooksOf(std::uint32_t queue) {
 
 }  // namespace
 
-bool writeHeader(void *message, std::uint32_t type, std::size_t length, int service, std::uint32_t sourceAddress) {
+std::uint32_t currentTick() {
+    return static_cast<std::uint32_t>(zelTickGet());
+}
+
+bool writeHeader(void *message, std::uint32_t type, std::size_t length, int service, std::uint32_t sourceAddress,
+                 std::uint32_t tick) {
     int error = 0;
     const std::uint32_t manager = zel_tmeGetPeerIpAddrByName(service, managerInstance, &error);
     std::memset(message, 0, IpcHeader::size);
@@ -26,7 +31,7 @@ bool writeHeader(void *message, std::uint32_t type, std::size_t length, int serv
     IpcHeader::Length::set(message, static_cast<std::uint32_t>(length));
     IpcHeader::MessageType::set(message, type);
     IpcHeader::PacketType::set(message, requestMark);
-    IpcHeader::Transaction::set(message, static_cast<std::uint32_t>(zelTickGet()));
+    IpcHeader::Transaction::set(message, tick);
     IpcHeader::SourceAddress::set(message, sourceAddress);
     IpcHeader::TargetAddress::set(message, manager);
     IpcHeader::TargetQueue::set(message, zel_getQueueId(service, managerInstance, requestQueueType));

@@ -18,12 +18,16 @@
 namespace zel::mrtm {
 namespace {
 
+using ipc::SwpHeader;
+
 std::uint8_t *makeBatch(std::uint32_t queue, std::uint32_t handle, int family, const zelIpcAddr *ipc) {
     if (!asserted(ipc, "ipc", sourceName)) return nullptr;
     auto *batch = static_cast<std::uint8_t *>(rtm::allocateFor(queue, BatchMessage::capacity, sourceName));
     if (!batch) return nullptr;
-    std::memset(batch + IpcHeader::size, 0, BatchMessage::head - IpcHeader::size);
-    buildIpcHeader(batch, updateType(family), BatchMessage::head, *ipc);
+    std::memset(batch + IpcHeader::size, 0, SwpHeader::size);
+    std::memset(batch + SwpHeader::endInMessage, 0, BatchMessage::head - SwpHeader::endInMessage);
+    // The queue writes the tick at which the batch leaves; a look at the clock per batch would show in its rate.
+    buildIpcHeader(batch, updateType(family), BatchMessage::head, *ipc, 0);
     BatchMessage::Handle::set(batch, handle);
     BatchMessage::FamilyIndex::set(batch, static_cast<std::uint8_t>(family));
     return batch;
