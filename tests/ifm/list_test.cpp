@@ -137,13 +137,10 @@ TEST(Compression, ComesBackAndFitsItsBound) {
         const uint32_t bits = round % 2 ? uint32_t{IFM_IFLIST_POSITIONS} : random() % 2000, words = (bits + 31) / 32;
         const auto bitmap = std::make_unique<uint32_t[]>(words), back = std::make_unique<uint32_t[]>(words);
         const uint32_t shape = random() % 5, one = random() % 3 + 1;
-        for (uint32_t i = 0; i < words; ++i)
-            bitmap[i] = shape == 0       ? 0u
-                        : shape == 1     ? 0xffffffffu
-                        : shape == 2     ? uint32_t{random()}
-                        : random() % one ? 0u
-                        : shape == 3     ? 0xffff0000u
-                                         : 1u << random() % 32;
+        for (uint32_t i = 0; i < words; ++i) {
+            const uint32_t shapes[] = {0, 0xffffffff, random(), 0xffff0000, 1u << random() % 32};
+            bitmap[i] = random() % one ? 0 : shapes[shape];
+        }
         const size_t room = IFM_COMPRESSED_SIZE(bits);
         const auto out = std::make_unique<uint8_t[]>(room);
         const int length = ifmBitmapCompress(bitmap.get(), bits, out.get(), room);

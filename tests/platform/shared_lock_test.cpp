@@ -342,16 +342,5 @@ TEST(SharedLock, TheOthersGoOnWhenAHolderIsKilled) {
     EXPECT_EQ(board().violations, 0);
 }
 
-// Each lock and mode by itself: the holder is surely inside when it is killed.
-TEST(SharedLock, AHolderOfAnyLockInAnyModeMayDie) {
-    const int kills = isFullRun() ? 200 : 20;
-    for (int i = 0; i < kills; ++i) {
-        const int lock = (i * 5 + 1) % ZEL_SHM_LOCKS;
-        Child child = startHolder(lock, i % 2 == 0 ? "w" : "r");
-        killIt(child);
-        EXPECT_TRUE(canTake(lock, i % 3 == 0 && i % 2 == 0 ? 'r' : 'w')) << "lock " << lock;
-    }
-}
-
 }  // namespace
 }  // namespace zel::test
