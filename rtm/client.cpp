@@ -9,7 +9,6 @@ namespace zel::rtm {
 namespace {
 
 constexpr int answerSeconds = 25;
-constexpr std::uint32_t requestMark = 1;
 constexpr int managerInstance = 0;
 
 const zelSwpFifoHooks &hooksOf(std::uint32_t queue) {
@@ -18,12 +17,7 @@ const zelSwpFifoHooks &hooksOf(std::uint32_t queue) {
 
 }  // namespace
 
-std::uint32_t currentTick() {
-    return static_cast<std::uint32_t>(zelTickGet());
-}
-
-bool writeHeader(void *message, std::uint32_t type, std::size_t length, int service, std::uint32_t sourceAddress,
-                 std::uint32_t tick) {
+bool writeHeader(void *message, std::uint32_t type, std::size_t length, int service, std::uint32_t sourceAddress) {
     int error = 0;
     const std::uint32_t manager = zel_tmeGetPeerIpAddrByName(service, managerInstance, &error);
     std::memset(message, 0, IpcHeader::size);
@@ -31,7 +25,7 @@ bool writeHeader(void *message, std::uint32_t type, std::size_t length, int serv
     IpcHeader::Length::set(message, static_cast<std::uint32_t>(length));
     IpcHeader::MessageType::set(message, type);
     IpcHeader::PacketType::set(message, requestMark);
-    IpcHeader::Transaction::set(message, tick);
+    IpcHeader::Transaction::set(message, static_cast<std::uint32_t>(zelTickGet()));
     IpcHeader::SourceAddress::set(message, sourceAddress);
     IpcHeader::TargetAddress::set(message, manager);
     IpcHeader::TargetQueue::set(message, zel_getQueueId(service, managerInstance, requestQueueType));

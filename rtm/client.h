@@ -15,12 +15,11 @@ namespace zel::rtm {
 using ipc::IpcHeader;
 
 constexpr int requestQueueType = 1;
+constexpr std::uint32_t requestMark = 1;  // as packet type
 
 // Writes a header to the request queue of the manager that is this service, from `sourceAddress`; the rest of it is 0
 // or the send path's to stamp. False when the manager's address is not known; it is filled all the same.
-bool writeHeader(void *message, std::uint32_t type, std::size_t length, int service, std::uint32_t sourceAddress,
-                 std::uint32_t tick);
-std::uint32_t currentTick();
+bool writeHeader(void *message, std::uint32_t type, std::size_t length, int service, std::uint32_t sourceAddress);
 // A header from nobody to a client's receive queue, in `length` zero bytes.
 void addressTo(void *message, std::uint32_t type, std::size_t length, std::uint32_t to, std::uint32_t queue);
 

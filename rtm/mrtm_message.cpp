@@ -43,11 +43,11 @@ std::uint32_t receiveQueueOf(const zelIpcAddr &ipc) {
     return zel_getQueueId(static_cast<int>(ipc.service), static_cast<int>(ipc.instance), rtm::requestQueueType);
 }
 
-bool buildIpcHeader(void *message, std::uint32_t type, std::size_t length, const zelIpcAddr &ipc, std::uint32_t tick) {
+bool buildIpcHeader(void *message, std::uint32_t type, std::size_t length, const zelIpcAddr &ipc) {
     int error = 0;
     const std::uint32_t own =
         zel_tmeGetPeerIpAddrByName(static_cast<int>(ipc.service), static_cast<int>(ipc.instance), &error);
-    const bool isManagerKnown = rtm::writeHeader(message, type, length, ZEL_MRTM_SERVICE, own, tick);
+    const bool isManagerKnown = rtm::writeHeader(message, type, length, ZEL_MRTM_SERVICE, own);
     IpcHeader::SourceQueue::set(message, receiveQueueOf(ipc));
     return isManagerKnown;
 }

@@ -138,8 +138,7 @@ bool isBatch(const void *message, std::size_t length);
 
 // Header of a request to the manager, from the caller's own entry in the task table and its receive queue. False when
 // the manager's address is not known; the rest is filled all the same.
-bool buildIpcHeader(void *message, std::uint32_t type, std::size_t length, const zelIpcAddr &ipc,
-                    std::uint32_t tick = rtm::currentTick());
+bool buildIpcHeader(void *message, std::uint32_t type, std::size_t length, const zelIpcAddr &ipc);
 std::uint32_t receiveQueueOf(const zelIpcAddr &ipc);
 // Sends a request and waits for its answer, which replaces it; bytes received, at most `room`, or -1.
 int sendAndReceive(void *message, std::uint32_t type, std::size_t length, std::size_t room, const zelIpcAddr *ipc);

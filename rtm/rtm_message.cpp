@@ -16,7 +16,7 @@ uint32_t rtm_api_bad_route_counter = 0;
 namespace zel::rtm {
 
 bool buildIpcHeader(void *message, std::uint32_t type, std::size_t length) {
-    return writeHeader(message, type, length, ZEL_RTM_SERVICE, zel_sysGetIpAddr(), currentTick());
+    return writeHeader(message, type, length, ZEL_RTM_SERVICE, zel_sysGetIpAddr());
 }
 
 int sendAndReceive(void *message, std::uint32_t type, std::size_t length, std::size_t room, const zelIpcAddr *ipc) {
