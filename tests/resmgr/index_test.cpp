@@ -8,7 +8,6 @@
 
 #include "tests/resmgr/audit.h"
 #include "tests/support/failing_allocator.h"
-#include "tests/support/printed.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
 #include "zel/platform.h"
@@ -155,9 +154,7 @@ TEST_F(Resources, TracesNameWhatFailed) {
     const auto hook = [](uint32_t size, uint32_t) { return FailingAllocator::allocate(size); };
     const auto traces = [](const std::string &line, auto call, unsigned withoutMemory = 0) {
         FailingAllocator::failAt(withoutMemory);
-        gRmLibDebug = 3;
-        const std::string printed = printedBy(call);
-        gRmLibDebug = 0;
+        const std::string printed = printedBy(3, call);
         EXPECT_NE(printed.find(line + "\r\n"), std::string::npos) << printed;
     };
     registerClient(1, nullptr, hook);
