@@ -326,6 +326,49 @@ TEST_F(PolicyLists, ThreadsMatchWhileExpressionsComeAndGo) {
     EXPECT_EQ(audit().expressions, 4u) << "those of the list";
 }
 
+// Whatever somebody wrote into lists and expressions, checks and readings end.
+TEST_F(PolicyLists, ChecksSurviveAnyListsAndExpressions) {
+    Random random = seeded();
+    const std::uint32_t values[] = {1, 2, 3};
+    setAsp("a", {{5, 0, "_1_"}, {10, 1, "^(2|3)*$"}, {15, 0, "(1)\\1"}});
+    setComm("c", {{5, 0, 1, 0, 1, 0, 3, values, nullptr},
+                  {10, 1, 2, 0, 0, 0, 0, nullptr, "_1_"},
+                  {15, 0, 1, 0, 0, 0, 1, values, nullptr}});
+    const zelAspList *paths = bgpAspListFind("a");
+    const zelCommList *communities = bgpCommListFind("c");
+    struct Part {
+        std::uint8_t *begin;
+        std::vector<std::uint8_t> was;
+        Part(const void *at, std::size_t bytes)
+            : begin(static_cast<std::uint8_t *>(const_cast<void *>(at))), was(begin, begin + bytes) {}
+    };
+    const policy::Bytes images[] = {imageOf(paths, policy::Kind::asPath),
+                                    imageOf(communities, policy::Kind::community)};
+    std::vector<Part> parts;
+    for (const policy::Bytes &image : images) parts.emplace_back(image.begin, image.bytes);
+    std::uint32_t count = 0;
+    for (const auto *entry = policy::entriesOf<policy::AspEntry>(images[0], count); count > 0; --count, ++entry)
+        parts.emplace_back(policy::expressionAt(entry->expression), sizeof(zelRegex) + 8);
+    for (int round = 0; round < (isFullRun() ? 100'000 : 5'000); ++round) {
+        for (std::uint32_t writes = random() % 4 + 1; writes > 0; --writes) {
+            const Part &part = parts[random() % parts.size()];
+            const std::uint8_t bytes[] = {0, 1, 0xff, 0x7f, static_cast<std::uint8_t>(random())};
+            part.begin[random() % part.was.size()] = bytes[random() % 5];
+        }
+        bgp_as_path_match(paths, "3 1 2", nullptr);
+        bgpAccessCommMatch(communities, values, 2);
+        bgpAccessCommMatchExact(communities, values, 1);
+        zelAclAspEntry aspEntries[4];
+        for (int i = std::min(zelAclMgrGetAspEntries(manager_, "a", aspEntries, 4), 4); i-- > 0;)
+            EXPECT_LE(strlen(aspEntries[i].pattern), 1024u);
+        zelAclCommEntry commEntries[4];
+        std::uint32_t room[8];
+        zelAclMgrGetCommEntries(manager_, "c", commEntries, 4, room, 8);
+        for (const Part &part : parts) memcpy(part.begin, part.was.data(), part.was.size());
+    }
+    EXPECT_EQ(bgp_as_path_match(paths, "3 1 2", nullptr) + bgpAccessCommMatch(communities, values, 3), 0);
+}
+
 // Two records that name one slot take turns in it; nobody matches with what was freed meanwhile.
 TEST_F(PolicyLists, RecordsThatNameOneSlotAreBothMatched) {
     zelRegex *records[] = {compile("^1(2|3)*$"), compile("^1(4|5)*$")};

@@ -21,7 +21,7 @@ using zel::test::rowsOf;
 TEST(Matcher, agreesWithTheCLibraryOnGeneratedPatterns) {
     Random random = zel::test::seeded();
     PatternMaker maker(random);
-    const unsigned patterns = zel::test::isFullRun() ? 100'000 : 10'000, texts = 10;
+    const unsigned patterns = zel::test::isFullRun() ? 150'000 : 10'000, texts = 10;
     unsigned automata = 0, expressions = 0;
     for (unsigned i = 0; i < patterns; ++i) {
         const std::string pattern = maker.pattern();
