@@ -359,11 +359,11 @@ TEST_F(PolicyLists, ChecksSurviveAnyListsAndExpressions) {
         bgpAccessCommMatch(communities, values, 2);
         bgpAccessCommMatchExact(communities, values, 1);
         zelAclAspEntry aspEntries[4];
-        for (int i = std::min(zelAclMgrGetAspEntries(manager_, "a", aspEntries, 4), 4); i-- > 0;)
+        for (int i = std::min(zelAclMgrGetAspEntries(manager, "a", aspEntries, 4), 4); i-- > 0;)
             EXPECT_LE(strlen(aspEntries[i].pattern), 1024u);
         zelAclCommEntry commEntries[4];
         std::uint32_t room[8];
-        zelAclMgrGetCommEntries(manager_, "c", commEntries, 4, room, 8);
+        zelAclMgrGetCommEntries(manager, "c", commEntries, 4, room, 8);
         for (const Part &part : parts) memcpy(part.begin, part.was.data(), part.was.size());
     }
     EXPECT_EQ(bgp_as_path_match(paths, "3 1 2", nullptr) + bgpAccessCommMatch(communities, values, 3), 0);
