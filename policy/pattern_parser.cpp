@@ -200,6 +200,8 @@ private:
             if (part.mayBeEmpty && most == unbounded && copy >= anchorPassedOver) copy *= emptyLoopPassedOver;
             whole.front = copy * copies + (part.mayBeEmpty ? 0 : part.back);
             whole.back = whole.front;
+        } else if (most != unbounded) {
+            whole.back += (most - least) * (part.front + 1);  // the copies behind the least
         }
         const bool meetsItself = copies > 1 || most == unbounded;
         whole.inside = std::max({part.inside, whole.front, whole.back, meetsItself ? part.back + part.front : 0});
@@ -298,7 +300,8 @@ private:
             stop();
             return nothing();
         }
-        if (seesOneOf("123456789")) return reference(code(take()) - '0');
+        for (unsigned number = 1; number <= lastReference; ++number)
+            if (takes(static_cast<char>('0' + number))) return reference(number);
         if (seesOneOf("wWsSbB<>`'")) {
             take();
             return foreign();

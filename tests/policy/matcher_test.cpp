@@ -108,6 +108,7 @@ TEST(Matcher, refusesWhatWouldTakeAllMemory) {
         {"(" + times(900, "1") + "){100}", "too large with its intervals written out"},
         {times(20, "x{5000}"), "too large with its intervals written out"},
         {"x{0,10000}", "too much of it may be passed over"},
+        {"x{1,2002}", "too much of it may be passed over"},
         {"(x?){10000}", "too much of it may be passed over"},
         {times(40, "_"), nullptr},
         {times(100, "_"), "too much of it may be passed over"},
