@@ -4,10 +4,8 @@
 
 #include <unistd.h>
 
-#include <charconv>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 
 #include "zel/ipc.h"
 
@@ -29,18 +27,10 @@ bool wasHungUp();
 void wakeOnStop(std::uint32_t key);
 constexpr std::uint32_t wakeType = 0x32FF;
 
-// Reads a decimal number of that range from the command line.
-template <class Number>
-bool readNumber(const char *text, Number low, Number high, Number &value) {
-    const char *end = text + std::strlen(text);
-    const auto [stop, error] = std::from_chars(text, end, value);
-    return error == std::errc() && stop == end && value >= low && value <= high;
-}
-
 // The identity that the task manager passes as the last eight arguments.
 constexpr int identityArguments = 8;
 
-// The body of a program that the task manager starts: options, which `parse` reads with getopt, then the identity.
+// The body of a program that the task manager starts: options, which `parse` reads, then the identity.
 // Takes up the identity and runs a `Task` made of key and options.
 template <class Task, class Options>
 int runTask(int argc, char **argv, bool (*parse)(int, char **, Options &), const char *help) {

@@ -1,13 +1,13 @@
 // zelaclmgrd: the access-list manager, service 57 (ACL). Started by the task manager, or by hand to check a file.
-#include <getopt.h>
-
-#include <cstdio>
 #include <cstdlib>
 
+#include "programs/support/options.h"
 #include "programs/support/program.h"
 #include "service.h"
 
 namespace {
+
+using namespace zel::programs;
 
 constexpr const char *help =
     R"(usage: zelaclmgrd --config FILE IDENTITY
@@ -23,28 +23,13 @@ manager passes to every task, for instance by
   -h, --help            this text
 )";
 
-enum LongOnly { optionCheck = 256 };
-constexpr option longOptions[] = {
-    {"config", required_argument, nullptr, 'c'},
-    {"check", required_argument, nullptr, optionCheck},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
+[[noreturn]] bool check(const char *file) {
+    exit(zelaclmgrd::loadFile(file, nullptr) ? 0 : 1);
+}
 
 bool parseOptions(int argc, char **argv, zelaclmgrd::Options &options) {
-    for (int option; (option = getopt_long(argc, argv, "+c:h", longOptions, nullptr)) != -1;) switch (option) {
-            case 'c':
-                options.file = optarg;
-                break;
-            case optionCheck:
-                exit(zelaclmgrd::loadFile(optarg, nullptr) ? 0 : 1);
-            case 'h':
-                fputs(help, stdout);
-                exit(0);
-            default:
-                return false;
-        }
-    return !options.file.empty();
+    return readOptions(argc, argv, help, {{"config", 'c', takeText(options.file)}, {"check", 0, {true, check}}}) &&
+           !options.file.empty();
 }
 
 }  // namespace

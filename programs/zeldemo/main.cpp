@@ -7,6 +7,7 @@
 
 #include "cpu.h"
 #include "demo.h"
+#include "programs/support/options.h"
 #include "programs/support/program.h"
 #include "slots.h"
 #include "two.h"

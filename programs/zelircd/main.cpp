@@ -1,17 +1,19 @@
 // zelircd: the link service of a route processor, service 36 (IRC). Started by the task manager.
 #include <arpa/inet.h>
-#include <getopt.h>
 #include <unistd.h>
 
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 
+#include "programs/support/options.h"
 #include "programs/support/program.h"
 #include "service.h"
 #include "zel/platform.h"
 
 namespace {
+
+using namespace zel::programs;
 
 constexpr const char *help =
     R"(usage: zelircd --peer ADDRESS [OPTION]... IDENTITY
@@ -32,34 +34,22 @@ the task manager passes to every task, for instance by
 
 constexpr int millisecondsPerTick = 20;
 
-enum LongOnly { optionPeer = 256, optionName, optionInterval, optionLosses, optionVersion, optionStatus };
-constexpr option longOptions[] = {
-    {"peer", required_argument, nullptr, optionPeer},
-    {"name", required_argument, nullptr, optionName},
-    {"interval", required_argument, nullptr, optionInterval},
-    {"losses", required_argument, nullptr, optionLosses},
-    {"ha-version", required_argument, nullptr, optionVersion},
-    {"status", no_argument, nullptr, optionStatus},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
-
 const char *statusText(std::uint32_t status) {
     return status == ZEL_IRC_LINK_UP ? "up" : status == ZEL_IRC_LINK_DOWN ? "down" : "unknown";
 }
 
-int showStatus() {
+[[noreturn]] bool showStatus(const char *) {
     static constexpr const char *names[ZEL_IRC_COUNTERS] = {"forwarded", "control", "malformed", "refused",
                                                             "link down", "failed",  "ups",       "losses"};
     std::uint64_t counters[ZEL_IRC_COUNTERS];
     if (zelPlatformHasSegments() == 0 || zelIrcGetCounters(counters) != 0) {
         fprintf(stderr, "zelircd: no link service has run on this CPU\n");
-        return 1;
+        exit(1);
     }
     printf("link %s, %s\n", statusText(zelGetIrcLinkStatus()),
            ircGetHAComptWithPeerRpm() ? "compatible" : "not compatible");
     for (int i = 0; i < ZEL_IRC_COUNTERS; ++i) printf("%-10s %" PRIu64 "\n", names[i], counters[i]);
-    return 0;
+    exit(0);
 }
 
 bool readAddress(const char *text, std::uint32_t &address) {
@@ -71,42 +61,25 @@ bool readAddress(const char *text, std::uint32_t &address) {
 
 bool readInterval(const char *text, std::uint32_t &ticks) {
     std::uint32_t milliseconds = 0;
-    if (!zel::programs::readNumber<std::uint32_t>(text, millisecondsPerTick, 60000, milliseconds)) return false;
+    if (!readNumber<std::uint32_t>(text, millisecondsPerTick, 60000, milliseconds)) return false;
     ticks = milliseconds / millisecondsPerTick;
     return true;
-}
-
-bool takeOption(int option, zelircd::Options &options) {
-    using zel::programs::readNumber;
-    switch (option) {
-        case optionPeer:
-            return readAddress(optarg, options.peer);
-        case optionName:
-            options.name = optarg;
-            return true;
-        case optionInterval:
-            return readInterval(optarg, options.intervalTicks);
-        case optionLosses:
-            return readNumber<std::uint32_t>(optarg, 2, 100, options.lossIntervals);
-        case optionVersion:
-            return readNumber<std::uint32_t>(optarg, 0, UINT32_MAX, options.version);
-        case optionStatus:
-            exit(showStatus());
-        case 'h':
-            fputs(help, stdout);
-            exit(0);
-        default:
-            return false;
-    }
 }
 
 bool parseOptions(int argc, char **argv, zelircd::Options &options) {
     char host[256] = "";
     gethostname(host, sizeof host - 1);
     options.name = host;
-    for (int option; (option = getopt_long(argc, argv, "+h", longOptions, nullptr)) != -1;)
-        if (!takeOption(option, options)) return false;
-    return options.peer != ZEL_IPC_NO_ADDRESS;
+    const auto peer = [&](const char *text) { return readAddress(text, options.peer); };
+    const auto interval = [&](const char *text) { return readInterval(text, options.intervalTicks); };
+    return readOptions(argc, argv, help,
+                       {{"peer", 0, {true, peer}},
+                        {"name", 0, takeText(options.name)},
+                        {"interval", 0, {true, interval}},
+                        {"losses", 0, takeNumber(2u, 100u, options.lossIntervals)},
+                        {"ha-version", 0, takeNumber(0u, UINT32_MAX, options.version)},
+                        {"status", 0, {false, showStatus}}}) &&
+           options.peer != ZEL_IPC_NO_ADDRESS;
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 // zelmrtmd: the multicast route table manager of a CPU, service 139 (MRTM). Started by the task manager.
-#include <getopt.h>
-
-#include <cstdio>
-#include <cstdlib>
-
 #include "manager.h"
+#include "programs/support/options.h"
 #include "programs/support/program.h"
 
 namespace {
+
+using namespace zel::programs;
 
 constexpr const char *help =
     R"(usage: zelmrtmd [OPTION]... IDENTITY
@@ -20,25 +18,8 @@ instance by
   -h, --help            this text
 )";
 
-constexpr int optionMaxClients = 256;
-constexpr option longOptions[] = {
-    {"max-clients", required_argument, nullptr, optionMaxClients},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
-
 bool parseOptions(int argc, char **argv, zelmrtmd::Options &options) {
-    for (int option; (option = getopt_long(argc, argv, "+h", longOptions, nullptr)) != -1;) switch (option) {
-            case optionMaxClients:
-                if (!zel::programs::readNumber<std::size_t>(optarg, 1, 255, options.mostClients)) return false;
-                break;
-            case 'h':
-                fputs(help, stdout);
-                exit(0);
-            default:
-                return false;
-        }
-    return true;
+    return readOptions(argc, argv, help, {{"max-clients", 0, takeNumber<std::size_t>(1, 255, options.mostClients)}});
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "programs/support/attributes.h"
+#include "programs/support/options.h"
 #include "programs/support/policy_text.h"
-#include "programs/support/program.h"
 
 namespace zelpolicy {
 namespace {

@@ -1,15 +1,11 @@
 // zelroutes: a routing process whose routes come from files. Started by the task manager.
-#include <getopt.h>
-
-#include <cstdio>
-#include <cstdlib>
-
+#include "programs/support/options.h"
 #include "programs/support/program.h"
 #include "source.h"
 
 namespace {
 
-using zel::programs::readNumber;
+using namespace zel::programs;
 
 constexpr const char *help =
     R"(usage: zelroutes --table FILE [OPTION]... IDENTITY
@@ -32,84 +28,22 @@ there until it is ended. IDENTITY is the eight arguments that the task manager p
   -h, --help            this text
 )";
 
-enum LongOnly {
-    optionReport = 256,
-    optionDistance,
-    optionInterface,
-    optionWindow,
-    optionVrfs,
-    optionQueues,
-    optionPrefixList,
-    optionPathList,
-    optionCommunityList,
-    optionQuit
-};
-constexpr option longOptions[] = {
-    {"table", required_argument, nullptr, 't'},
-    {"updates", required_argument, nullptr, 'u'},
-    {"report", required_argument, nullptr, optionReport},
-    {"distance", required_argument, nullptr, optionDistance},
-    {"interface", required_argument, nullptr, optionInterface},
-    {"window", required_argument, nullptr, optionWindow},
-    {"vrfs", required_argument, nullptr, optionVrfs},
-    {"queues", required_argument, nullptr, optionQueues},
-    {"prefix-list", required_argument, nullptr, optionPrefixList},
-    {"as-path-list", required_argument, nullptr, optionPathList},
-    {"community-list", required_argument, nullptr, optionCommunityList},
-    {"quit", no_argument, nullptr, optionQuit},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
-
 bool parseOptions(int argc, char **argv, zelroutes::Options &options) {
-    for (int option; (option = getopt_long(argc, argv, "+t:u:h", longOptions, nullptr)) != -1;) {
-        bool isValid = true;
-        switch (option) {
-            case 't':
-                options.table = optarg;
-                break;
-            case 'u':
-                options.updates.push_back(optarg);
-                break;
-            case optionReport:
-                options.report = optarg;
-                break;
-            case optionDistance:
-                isValid = readNumber<std::uint8_t>(optarg, 0, UINT8_MAX, options.distance);
-                break;
-            case optionInterface:
-                isValid = readNumber<std::uint32_t>(optarg, 0, UINT32_MAX, options.interface);
-                break;
-            case optionWindow:
-                isValid = readNumber<std::uint32_t>(optarg, 1, ZEL_SWP_DEFAULT_CAPACITY, options.window);
-                break;
-            case optionVrfs:
-                isValid = readNumber<std::uint32_t>(optarg, 1, 1024, options.vrfs);
-                break;
-            case optionQueues:
-                isValid = readNumber<std::uint32_t>(optarg, 1, 64, options.queues);
-                break;
-            case optionPrefixList:
-                options.filter.prefixes = optarg;
-                break;
-            case optionPathList:
-                options.filter.paths = optarg;
-                break;
-            case optionCommunityList:
-                options.filter.communities = optarg;
-                break;
-            case optionQuit:
-                options.quits = true;
-                break;
-            case 'h':
-                fputs(help, stdout);
-                exit(0);
-            default:
-                isValid = false;
-        }
-        if (!isValid) return false;
-    }
-    return !options.table.empty() && options.queues <= options.vrfs;
+    const auto addUpdates = [&](const char *file) { return options.updates.push_back(file), true; };
+    return readOptions(argc, argv, help,
+                       {{"table", 't', takeText(options.table)},
+                        {"updates", 'u', {true, addUpdates}},
+                        {"report", 0, takeText(options.report)},
+                        {"distance", 0, takeNumber<std::uint8_t>(0, UINT8_MAX, options.distance)},
+                        {"interface", 0, takeNumber(0u, UINT32_MAX, options.interface)},
+                        {"window", 0, takeNumber<std::uint32_t>(1, ZEL_SWP_DEFAULT_CAPACITY, options.window)},
+                        {"vrfs", 0, takeNumber(1u, 1024u, options.vrfs)},
+                        {"queues", 0, takeNumber(1u, 64u, options.queues)},
+                        {"prefix-list", 0, takeText(options.filter.prefixes)},
+                        {"as-path-list", 0, takeText(options.filter.paths)},
+                        {"community-list", 0, takeText(options.filter.communities)},
+                        {"quit", 0, takeFlag(options.quits)}}) &&
+           !options.table.empty() && options.queues <= options.vrfs;
 }
 
 }  // namespace

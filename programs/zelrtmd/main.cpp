@@ -1,13 +1,11 @@
 // zelrtmd: the route table manager of a CPU, service 76 (RTM). Started by the task manager.
-#include <getopt.h>
-
-#include <cstdio>
-#include <cstdlib>
-
 #include "manager.h"
+#include "programs/support/options.h"
 #include "programs/support/program.h"
 
 namespace {
+
+using namespace zel::programs;
 
 constexpr const char *help =
     R"(usage: zelrtmd [OPTION]... IDENTITY
@@ -20,29 +18,10 @@ The route table manager. IDENTITY is the eight arguments that the task manager p
   -h, --help            this text
 )";
 
-enum LongOnly { optionMaxClients = 256, optionCountOnly };
-constexpr option longOptions[] = {
-    {"max-clients", required_argument, nullptr, optionMaxClients},
-    {"count-only", no_argument, nullptr, optionCountOnly},
-    {"help", no_argument, nullptr, 'h'},
-    {nullptr, 0, nullptr, 0},
-};
-
 bool parseOptions(int argc, char **argv, zelrtmd::Options &options) {
-    for (int option; (option = getopt_long(argc, argv, "+h", longOptions, nullptr)) != -1;) switch (option) {
-            case optionMaxClients:
-                if (!zel::programs::readNumber<std::size_t>(optarg, 1, 255, options.mostClients)) return false;
-                break;
-            case optionCountOnly:
-                options.onlyCounts = true;
-                break;
-            case 'h':
-                fputs(help, stdout);
-                exit(0);
-            default:
-                return false;
-        }
-    return true;
+    return readOptions(argc, argv, help,
+                       {{"max-clients", 0, takeNumber<std::size_t>(1, 255, options.mostClients)},
+                        {"count-only", 0, takeFlag(options.onlyCounts)}});
 }
 
 }  // namespace
