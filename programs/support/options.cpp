@@ -12,8 +12,9 @@ constexpr int firstWithoutLetter = 256;
 
 }  // namespace
 
-bool readOptions(int argc, char **argv, const char *help, const std::vector<ProgramOption> &options) {
-    std::string letters = "+h";
+bool readOptions(int argc, char **argv, const char *help, const std::vector<ProgramOption> &options,
+                 OtherWords otherWords) {
+    std::string letters = otherWords == OtherWords::behind ? "+h" : "h";
     std::vector<option> names{{"help", no_argument, nullptr, 'h'}};
     std::vector<int> codes;
     for (const ProgramOption &each : options) {

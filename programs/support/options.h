@@ -25,9 +25,13 @@ struct ProgramOption {
     OptionAction action;
 };
 
-// Reads the options up to the first word that is none, where optind then stands. False when one is unknown or its
-// argument is refused. -h and --help print `help` and end the program.
-bool readOptions(int argc, char **argv, const char *help, const std::vector<ProgramOption> &options);
+// Where words may stand that are no options: behind them all, or anywhere.
+enum class OtherWords { behind, anywhere };
+
+// Reads the options; the other words then begin at optind. False when one is unknown or its argument is refused. -h and
+// --help print `help` and end the program.
+bool readOptions(int argc, char **argv, const char *help, const std::vector<ProgramOption> &options,
+                 OtherWords otherWords = OtherWords::behind);
 
 // Reads a decimal number of that range.
 template <class Number>

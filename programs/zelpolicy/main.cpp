@@ -1,5 +1,4 @@
 // zelpolicy: asks policy lists from the command line, those of a running CPU or of a configuration file.
-#include <getopt.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "bulk.h"
+#include "programs/support/options.h"
 #include "programs/support/policy_apply.h"
 #include "programs/support/policy_text.h"
 #include "questions.h"
@@ -15,10 +15,8 @@
 
 namespace {
 
+using namespace zel::programs;
 using nlohmann::ordered_json;
-using zel::programs::Lists;
-using zel::programs::PolicyConfig;
-using zel::programs::textOf;
 using zelpolicy::Words;
 
 constexpr const char *help =
@@ -47,13 +45,6 @@ for permit, 1 for deny, 2 for trouble.
 struct Options {
     std::string config;
     bool explains = false, hits = false, json = false;
-};
-
-enum LongOnly { optionHits = 256, optionJson };
-constexpr option longOptions[] = {
-    {"config", required_argument, nullptr, 'c'}, {"explain", no_argument, nullptr, 'e'},
-    {"hits", no_argument, nullptr, optionHits},  {"json", no_argument, nullptr, optionJson},
-    {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0},
 };
 
 constexpr int permits = 0, denies = 1, trouble = 2;
@@ -88,6 +79,11 @@ private:
     bool isMade_ = false;
 };
 
+// Names of lists are any bytes; what is no UTF-8 in them is replaced.
+void print(const ordered_json &json) {
+    printf("%s\n", json.dump(2, ' ', false, ordered_json::error_handler_t::replace).c_str());
+}
+
 void print(const Options &options, const std::string &question, const zelpolicy::Answer &answer) {
     const char *verdict = answer.verdict == 0 ? "permit" : "deny";
     if (options.json) {
@@ -99,8 +95,7 @@ void print(const Options &options, const std::string &question, const zelpolicy:
             if (answer.hits) json["hits"] = *answer.hits;
             json["why"] = answer.why;
         }
-        printf("%s\n", json.dump(2).c_str());
-        return;
+        return print(json);
     }
     printf("%s\n", verdict);
     if (!options.explains) return;
@@ -137,7 +132,7 @@ ordered_json jsonOf(const PolicyConfig &lists) {
 
 void print(const Options &options, const PolicyConfig &lists) {
     if (options.json)
-        printf("%s\n", jsonOf(lists).dump(2).c_str());
+        print(jsonOf(lists));
     else
         printf("%s", textOf(lists, options.hits).c_str());
 }
@@ -179,7 +174,7 @@ int bulk(const Options &options, const Words &words, const PolicyConfig &lists) 
     std::string error;
     if (!zelpolicy::runBulk(words[0], asked, lists, result, error)) return refuse(error);
     if (options.json)
-        printf("%s\n", jsonOf(result).dump(2).c_str());
+        print(jsonOf(result));
     else
         print(result);
     return permits;
@@ -211,27 +206,16 @@ int askTables(const Options &options, const std::string &question, const Words &
 
 }  // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): JSON throws for what is no UTF-8, unless it is to be replaced
 int main(int argc, char **argv) {
     Options options;
-    for (int option; (option = getopt_long(argc, argv, "c:eh", longOptions, nullptr)) != -1;) switch (option) {
-            case 'c':
-                options.config = optarg;
-                break;
-            case 'e':
-                options.explains = true;
-                break;
-            case optionHits:
-                options.hits = true;
-                break;
-            case optionJson:
-                options.json = true;
-                break;
-            case 'h':
-                fputs(help, stdout);
-                return permits;
-            default:
-                return trouble;
-        }
+    if (!readOptions(argc, argv, help,
+                     {{"config", 'c', takeText(options.config)},
+                      {"explain", 'e', takeFlag(options.explains)},
+                      {"hits", 0, takeFlag(options.hits)},
+                      {"json", 0, takeFlag(options.json)}},
+                     OtherWords::anywhere))
+        return trouble;
     if (optind == argc) return fputs(help, stderr), trouble;
     PrivateTables tables;
     if (!options.config.empty() && !tables.fill(options.config)) return trouble;

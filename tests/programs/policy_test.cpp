@@ -183,6 +183,7 @@ TEST(Zelpolicy, AnswersAndExplains) {
     const auto all = Program::run("zelpolicy", {"--config", file.path(), "list", "--json"});
     EXPECT_NE(all.output.find("\"entry\": \"deny 10.0.0.0/8 le 32\",\n        \"hits\": 0"), std::string::npos)
         << all.output;
+    EXPECT_EQ(Program::run("zelpolicy", {"--config", file.path(), "--json", "acl", "no\xff", "1.1.1.1"}).status, 0);
     EXPECT_EQ(Program::run("zelpolicy", {"acl", "management", "10.0.0.1"}).status, 2) << "no manager has run";
 }
 
