@@ -1,32 +1,13 @@
 // The multicast route table manager as a process, seen by clients whose endpoints this process owns.
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <atomic>
-#include <cstdlib>
-#include <memory>
-#include <string>
-#include <vector>
-
-#include "tests/programs/program.h"
-#include "tests/programs/stranger.h"
-#include "zel/ipc.h"
+#include "tests/programs/manager_client.h"
 #include "zel/kernel.h"
 #include "zel/mrtm.h"
 
-using zel::test::eventually;
-using zel::test::Program;
-using zel::test::Stranger;
-
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using namespace zel::test;
 
-constexpr unsigned packetTypeWord = 24;
 constexpr std::uint32_t vrf = 3;
-
-std::atomic<int> streamEnded = 0;
-int messagesOut = 0;  // of the queues' hooks, that did not come back
 
 // Group 239.0.0.`group`, outgoing interfaces at these positions.
 zelMrtmRoute makeRoute(std::uint8_t group, std::vector<int> positions, std::uint32_t itsVrf = vrf) {
@@ -41,38 +22,15 @@ zelMrtmRoute makeRoute(std::uint8_t group, std::vector<int> positions, std::uint
     return route;
 }
 
-class Client {
+class Client : public ManagerClient {
 public:
-    explicit Client(int service) : address{static_cast<std::uint32_t>(service), 0, 0, 0, 0} {
-        key = static_cast<std::uint32_t>(zelIpcOpen(service, 0));
-        address.taskKey = key;
-        EXPECT_EQ(zelTmeSetTaskEntry(service, 0, ZEL_TME_HERE, zel_sysGetIpAddr()), 0);
-        const auto note = [](void *, int code) { streamEnded = code; };
-        EXPECT_EQ(zelSwpQueueCreate(service, 0, ZEL_MRTM_SERVICE, 0, 0, 0, 1, 2, note, &queue), 0);
-        swpFifoQueue[queue] = {[](std::uint32_t bytes) { return ++messagesOut, malloc(bytes); },
-                               [](void *message) { --messagesOut, free(message); }};
-    }
-    ~Client() {
-        zelSwpQueueRemove(queue);
-        zelIpcClose(key);
-    }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
+    static constexpr auto getCounters = zelMrtmGetCounters;
+    static constexpr int counters = ZEL_MRTM_COUNTERS;
 
+    explicit Client(int service) : ManagerClient(service, ZEL_MRTM_SERVICE, 1, 2, zelMrtmUpdateRouteSwpAck) {
+        EXPECT_EQ(zelTmeSetTaskEntry(service, 0, ZEL_TME_HERE, zel_sysGetIpAddr()), 0);
+    }
     bool enter() { return zelMrtmRegister(8, 1, "client", &handle, &address) == 0; }
-    Bytes receive() {
-        Bytes buffer(8192);
-        const int length = zelIpcRecv(key | 1, buffer.data(), static_cast<int>(buffer.size()), 2, 0, 0);
-        buffer.resize(static_cast<std::size_t>(std::max(length, 0)));
-        if (length <= 0 || zelIpcHdrGet32(buffer.data(), packetTypeWord) != ZEL_SWP_ACK_PACKET) return buffer;
-        zelSwpProcAck(buffer.data(), length, nullptr);
-        while (zelMrtmUpdateRouteSwpAck(queue) == 0) continue;
-        return {};
-    }
-    // Waits until everything queued is acknowledged, or the stream has ended.
-    void settle() {
-        while (zelSwpQueueGetLen(queue) > 0 && streamEnded == 0) receive();
-    }
     void update(std::uint32_t operation, const zelMrtmRoute &route, int family = ZEL_MRTM_IPV4) {
         Bytes record(ZEL_MRTM_ROUTE_LENGTH_V6);
         zelMrtmWriteRoute(family, &route, record.data());
@@ -100,37 +58,11 @@ public:
             if (map[position / 32] & 0x80000000u >> position % 32) positions += std::to_string(position) + " ";
         return positions;
     }
-
-    std::uint32_t key = 0, queue = 0, handle = 0;
-    zelIpcAddr address;
-    void *pending = nullptr;
 };
 
-class Zelmrtmd : public testing::Test {
+class Zelmrtmd : public ManagerTest<Client> {
 protected:
-    Zelmrtmd() {
-        EXPECT_TRUE(manager.says("MRTM(139/0) is ready"));
-        a = std::make_unique<Client>(61);
-        b = std::make_unique<Client>(60);
-        EXPECT_TRUE(a->enter());
-        EXPECT_TRUE(b->enter());
-    }
-    ~Zelmrtmd() override {
-        a.reset();
-        b.reset();
-        EXPECT_EQ(messagesOut, 0);
-        manager.signal(SIGTERM);
-        EXPECT_EQ(manager.wait(), 0) << manager.output();
-        EXPECT_TRUE(manager.says("ended with status 0"));
-    }
-    std::uint64_t counter(int which) {
-        std::uint64_t counters[ZEL_MRTM_COUNTERS] = {};
-        EXPECT_EQ(zelMrtmGetCounters(&a->address, counters), 0);
-        return counters[which];
-    }
-
-    Program manager{"zeltmed", {"--respawn", "--spawn", "MRTM zelmrtmd --max-clients 3"}};
-    std::unique_ptr<Client> a, b;
+    Zelmrtmd() : ManagerTest("MRTM(139/0) is ready", {"--respawn", "--spawn", "MRTM zelmrtmd --max-clients 3"}) {}
 };
 
 TEST_F(Zelmrtmd, registersNamedClientsWhileThereIsRoom) {
@@ -201,7 +133,7 @@ TEST_F(Zelmrtmd, asksTheOwnersOfClearedRoutesUntilTheyAcknowledge) {
     EXPECT_EQ(a->lookUp(makeRoute(1, {})) + a->lookUp(makeRoute(1, {}), ZEL_MRTM_IPV6), "none1 ");
     zelMrtmRequest clear{};
     for (int time = 0; time < 2; ++time) {
-        const Bytes request = b->receive();
+        const Bytes request = b->next(ZEL_MRTM_MSG_CLEAR);
         ASSERT_EQ(zelMrtmParseClear(request.data(), static_cast<int>(request.size()), &clear), 0);
         EXPECT_TRUE(clear.handle == b->handle && clear.vrfId == vrf && clear.family == ZEL_MRTM_IPV4);
     }
@@ -237,9 +169,9 @@ TEST_F(Zelmrtmd, startedAnewGetsEverythingAgainFromItsClients) {
 }
 
 TEST_F(Zelmrtmd, outlivesRandomMessagesAndDoesNotTalkToItself) {
-    auto random = zel::test::seeded();
+    auto random = seeded();
     const Stranger stranger;
-    const int rounds = zel::test::isFullRun() ? 100000 : 4000;
+    const int rounds = isFullRun() ? 100000 : 4000;
     constexpr std::uint32_t types[] = {0x3cf1, 0x3cf2, 0x3cf3, 0x3cf4, 0x3cf6, 0x3cf7, 0x3cfe,
                                        0x3d18, 0x3d19, 0x3d1d, 0x3d35, 0x3d3c, 0x3df0, 0x3caa};
     for (int i = 0; i < rounds; ++i) {

@@ -1,31 +1,20 @@
 // The route table manager as a process, seen by clients: this process owns the endpoints of two of them.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <poll.h>
-#include <signal.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <list>
 #include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "tests/programs/program.h"
-#include "tests/programs/stranger.h"
-#include "zel/ipc.h"
+#include "tests/programs/manager_client.h"
 #include "zel/rtm.h"
-
-using zel::test::Program;
-using zel::test::Stranger;
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using namespace zel::test;
+
 using Told = std::map<std::string, std::string>;  // next hop by prefix
 
-constexpr unsigned typeWord = 12, statusWord = 20, packetTypeWord = 24, handleWord = 60, indexWord = 148;
+constexpr unsigned statusWord = 20, handleWord = 60, indexWord = 148;
 constexpr std::size_t pollQuery = 152;
 
 std::string text(int family, const void *address, int bits = -1) {
@@ -54,29 +43,14 @@ Bytes makeQuery(const char *what, int exactBits = -1, int family = 0) {
     return query;
 }
 
-// Messages of the queues' hooks that did not come back.
-int messagesOut = 0;
-
-// A client of the manager with an endpoint, a queue and a receiver of its own.
-class Client {
+// Keeps the routes it is told in a table.
+class Client : public ManagerClient {
 public:
-    explicit Client(int service) : address{static_cast<std::uint32_t>(service), 0, 0, 0, 0} {
-        key = static_cast<std::uint32_t>(zelIpcOpen(service, 0));
-        address.taskKey = key;
-        EXPECT_EQ(zelSwpQueueCreate(
-                      service, 0, ZEL_RTM_SERVICE, 0, 0, 0, 5, 5, [](void *, int) {}, &queue),
-                  0);
-        swpFifoQueue[queue] = {[](std::uint32_t bytes) { return ++messagesOut, malloc(bytes); },
-                               [](void *message) { --messagesOut, free(message); }};
-        restart();
-    }
-    ~Client() {
-        zelSwpReceiverDestroy(receiver);
-        zelSwpQueueRemove(queue);
-        zelIpcClose(key);
-    }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
+    static constexpr auto getCounters = zelRtmGetCounters;
+    static constexpr int counters = ZEL_RTM_COUNTERS;
+
+    explicit Client(int service) : ManagerClient(service, ZEL_RTM_SERVICE, 5, 5, zelRtmUpdateRouteSwpAck) { restart(); }
+    ~Client() override { zelSwpReceiverDestroy(receiver); }
 
     // Knows nothing any more of what it was told.
     void restart() {
@@ -85,25 +59,11 @@ public:
         told.clear();
     }
     bool enter() { return zelRtmV4V6Register(address.service, 0, "client", &handle, &address) == 0; }
-    // Waits until everything queued is acknowledged; keeps what else comes.
-    void settle() {
-        while (zelSwpQueueGetLen(queue) > 0 && receive()) continue;
-        EXPECT_EQ(zelSwpQueueGetLen(queue), 0);
-    }
-    bool receive() {
-        Bytes buffer(8192);
-        const int length = zelIpcRecv(key | 1, buffer.data(), static_cast<int>(buffer.size()), 2, 0, 0);
-        if (length <= 0) return false;
-        buffer.resize(static_cast<std::size_t>(length));
-        if (zelIpcHdrGet32(buffer.data(), packetTypeWord) == ZEL_SWP_ACK_PACKET) {
-            zelSwpProcAck(buffer.data(), length, nullptr);
-            while (zelRtmUpdateRouteSwpAck(queue) == 0) continue;
-        } else if (zelIpcHdrGet32(buffer.data(), typeWord) != ZEL_RTM_MSG_UPDATE) {
-            others.push_back(buffer);
-        } else if (zelSwpReceiverAccept(receiver, buffer.data(), length) == ZEL_SWP_MATCHED) {
-            takeTold(buffer);
-        }
-        return true;
+    void keep(const Bytes &message) override {
+        if (zelIpcHdrGet32(message.data(), typeWord) != ZEL_RTM_MSG_UPDATE)
+            others.push_back(message);
+        else if (zelSwpReceiverAccept(receiver, message.data(), static_cast<int>(message.size())) == ZEL_SWP_MATCHED)
+            takeTold(message);
     }
     void takeTold(const Bytes &message) {
         zelRtmBatch batch;
@@ -121,14 +81,6 @@ public:
     bool hears(const Told &expected) {
         while (told != expected && receive()) continue;
         return told == expected;
-    }
-    // The next message that is neither an acknowledgement nor a batch, if it is of that type.
-    Bytes next(std::uint32_t type) {
-        while (others.empty() && receive()) continue;
-        if (others.empty() || zelIpcHdrGet32(others.front().data(), typeWord) != type) return {};
-        Bytes found = others.front();
-        others.pop_front();
-        return found;
     }
     void update(std::uint32_t operation, const zelRtmRoute &route, int family = 0) {
         EXPECT_EQ(zelRtmUpdateRoute(handle, operation, &route, nullptr, &address, queue, 1, family, nullptr, 0), 0);
@@ -152,41 +104,13 @@ public:
         return answerText(query.data(), family);
     }
 
-    std::uint32_t key = 0;
-    zelIpcAddr address;
-    std::uint32_t queue = 0;
-    std::uint32_t handle = 0;
-    void *pending = nullptr;
-    std::list<Bytes> others;
     zelSwpReceiver *receiver = nullptr;
     Told told;
 };
 
-class Zelrtmd : public testing::Test {
+class Zelrtmd : public ManagerTest<Client> {
 protected:
-    Zelrtmd() {
-        EXPECT_TRUE(manager.says("RTM(76/0) is ready"));
-        a = std::make_unique<Client>(61);
-        b = std::make_unique<Client>(60);
-        EXPECT_TRUE(a->enter());
-        EXPECT_TRUE(b->enter());
-    }
-    ~Zelrtmd() override {
-        a.reset();
-        b.reset();
-        EXPECT_EQ(messagesOut, 0);
-        manager.signal(SIGTERM);
-        EXPECT_EQ(manager.wait(), 0) << manager.output();
-        EXPECT_TRUE(manager.says("ended with status 0"));
-    }
-    std::uint64_t counter(int which) {
-        std::uint64_t counters[ZEL_RTM_COUNTERS] = {};
-        EXPECT_EQ(zelRtmGetCounters(&a->address, counters), 0);
-        return counters[which];
-    }
-
-    Program manager{"zeltmed", {"--spawn", "RTM zelrtmd --max-clients 3"}};
-    std::unique_ptr<Client> a, b;
+    Zelrtmd() : ManagerTest("RTM(76/0) is ready", {"--spawn", "RTM zelrtmd --max-clients 3"}) {}
 };
 
 TEST_F(Zelrtmd, registersNamedClientsWhileThereIsRoomAndShowsThem) {
@@ -359,8 +283,8 @@ TEST_F(Zelrtmd, asksTheOwnersOfClearedRoutesUntilTheyAcknowledge) {
     pollfd news{Key_getSocketFd(b->key | 1), POLLIN, 0};
     for (int time = 0; time < 2; ++time) {
         // Clears of other tables meanwhile do not hold it up.
-        EXPECT_TRUE(zel::test::eventually(
-            10, [&] { return zelRtmFibClear(a->handle, 9, &a->address) == 0 && poll(&news, 1, 100) == 1; }));
+        EXPECT_TRUE(
+            eventually(10, [&] { return zelRtmFibClear(a->handle, 9, &a->address) == 0 && poll(&news, 1, 100) == 1; }));
         const Bytes request = b->next(ZEL_RTM_MSG_CLEAR);
         ASSERT_EQ(zelRtmParseClear(request.data(), static_cast<int>(request.size()), &handle, &vrf, &sequence), 0);
         EXPECT_EQ(handle, b->handle);
@@ -424,14 +348,14 @@ TEST_F(Zelrtmd, tellsATargetTheRoutesItAccepts) {
     a->add(makeRoute("10.0.1.0", 24, "2.2.2.2"));
     EXPECT_EQ(counter(ZEL_RTM_COUNT_REDISTRIBUTED), told);
 
-    if (!zel::test::isFullRun()) return;
+    if (!isFullRun()) return;
     const auto queues = [] {
         int count = 0;
         for (std::uint32_t number = 1; number <= ZEL_SWP_MAX_QUEUES; ++number) count += zelSwpIsQueueAlive(number) == 1;
         return count;
     };
     EXPECT_EQ(zelRtmRedistTgtClientAccept_opts(b->handle, &b->address, &bgp), 0);
-    EXPECT_TRUE(zel::test::eventually(20, [&] { return queues() == 2; })) << "whoever is silent is left alone";
+    EXPECT_TRUE(eventually(20, [&] { return queues() == 2; })) << "whoever is silent is left alone";
 }
 
 // Each page here ends behind the prefix that was read last, which goes before the next page is asked for.
@@ -453,9 +377,9 @@ TEST_F(Zelrtmd, dumpsGoOnBehindWhatIsNoLongerThere) {
 }
 
 TEST_F(Zelrtmd, outlivesRandomMessagesAndDoesNotTalkToItself) {
-    auto random = zel::test::seeded();
+    auto random = seeded();
     const Stranger stranger;
-    const int rounds = zel::test::isFullRun() ? 100000 : 4000;
+    const int rounds = isFullRun() ? 100000 : 4000;
     for (int i = 0; i < rounds; ++i) {
         Bytes message = Stranger::anything(random, 0x3200 + random() % 0x100, a->key | 2);
         if (message.size() > 148) {  // queue 1, first message of a stream, a known handle
