@@ -35,7 +35,7 @@ public:
         while (*word) put(*word++);
     }
     void put(std::uint32_t number) {
-        char digits[10];
+        char digits[10] = {};
         const char *end = std::to_chars(digits, digits + sizeof digits, number).ptr;
         for (const char *digit = digits; digit < end; ++digit) put(*digit);
     }

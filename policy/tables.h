@@ -100,6 +100,7 @@ Root *root();
 // The object that a pointer of the segment names, or null when it does not lie in the heap part of it, or is
 // misaligned.
 template <class T>
+// NOLINTNEXTLINE(bugprone-sizeof-expression): of a tree's slabs pointers are read, whose own size is meant
 const T *believed(std::uintptr_t address, std::size_t bytes = sizeof(T)) {
     return address % alignof(T) == 0 && platform::isInPolicyHeap(address, bytes) ? reinterpret_cast<const T *>(address)
                                                                                  : nullptr;

@@ -94,8 +94,8 @@ void destroyDatabase(zelResDb *db) {
         DigestTree::remove(db->entriesByDigest, entry->digest);
         releaseEntry(db, entry);
     }
-    while (zelDLLNode *range = zelDLLGetFirst(&db->ranges)) {
-        zelDLLRemove(&db->ranges, range);
+    for (zelDLLNode *range = zelDLLGetFirst(&db->ranges), *next; range; range = next) {
+        next = zelDLLGetNext(&db->ranges, range);
         release(*db, range);
     }
     while (Link *link = db->clients) {

@@ -206,7 +206,7 @@ void discard(zelResDb *db, zelResEntry *entry) {
 void remove(zelResDb *db, zelResEntry *entry) {
     if (!hasLink(ZEL_RES_LINK_HA) && !isPeerAware(db)) return discard(db, entry);
     std::uint8_t key[ZEL_RES_MAX_KEY];
-    zelResSync subject = describe(db, entry);
+    zelResSync subject = describe(*db, entry);
     std::memcpy(key, zelResEntryKey(entry), entry->keyLen);
     subject.key.key = key;
     discard(db, entry);

@@ -118,10 +118,10 @@ void numberRequest(zelResDb *db, zelResEntry *entry) {
     entry->request = ++last;
 }
 
-zelResSync describe(zelResDb *db, const zelResEntry *entry) {
+zelResSync describe(zelResDb &db, const zelResEntry *entry) {
     zelResSync subject = {};
-    subject.db = db;
-    subject.client = clientOf(db, entry);
+    subject.db = &db;
+    subject.client = clientOf(&db, entry);
     subject.index = entry->objectIndex;
     subject.flags = entry->statusFlag & ZEL_RES_MARKED;
     std::memcpy(subject.digest, entry->digest, ZEL_RES_DIGEST_SIZE);
@@ -150,14 +150,14 @@ int sendEntry(int link, std::uint16_t subcommand, const zelResSync &subject) {
 }
 
 int sendAddRequest(zelResDb *db, const zelResEntry *entry) {
-    zelResSync subject = describe(db, entry);
+    zelResSync subject = describe(*db, entry);
     if (is(entry, ZEL_RES_WAITING)) subject.index = -1;
     subject.units = atMost16(entry->refCount);
     return sendEntry(ZEL_RES_LINK_KXL, ZEL_RES_SYNC_ADD_REQ, subject);
 }
 
 int sendDeleteRequest(zelResDb *db, const zelResEntry *entry) {
-    return sendEntry(ZEL_RES_LINK_KXL, ZEL_RES_SYNC_DEL_REQ, describe(db, entry));
+    return sendEntry(ZEL_RES_LINK_KXL, ZEL_RES_SYNC_DEL_REQ, describe(*db, entry));
 }
 
 void announce(zelResDb *db, zelResEntry *entry) {
@@ -196,7 +196,7 @@ int resMgmtLibHASyncDbCfg(zelResDb *db) {
 
 int resMgmtLibHASyncObjEntry(zelResDb *db, zelResEntry *entry) {
     if (!db || !entry || !isPrimary() || !hasLink(ZEL_RES_LINK_HA)) return -1;
-    zelResSync subject = describe(db, entry);
+    zelResSync subject = describe(*db, entry);
     subject.flags = entry->statusFlag & ZEL_RES_SYNC_FLAGS;
     if (entry->pending) subject.flags |= ZEL_RES_SYNC_PENDING;
     if (entry->isKxlRequest) subject.flags |= ZEL_RES_SYNC_KXL_HELD;
@@ -209,7 +209,7 @@ int resMgmtLibHASyncObjEntry(zelResDb *db, zelResEntry *entry) {
 int resMgmtLibKxlSyncObjEntry(zelResDb *db, zelResEntry *entry) {
     if (!db || !entry || entry->objectIndex == -1 || !isPeerAware(db) || !concernsPeer(db, entry)) return -1;
     if (!allocatesHere(db)) return -1;
-    zelResSync subject = describe(db, entry);
+    zelResSync subject = describe(*db, entry);
     if (entry->isKxlRequest) subject.flags |= ZEL_RES_SYNC_KXL_HELD;
     subject.units = entry->kxlUnits;
     const bool isAnswer = entry->isKxlRequest != 0;

@@ -56,7 +56,7 @@ inline bool hasLink(int link) {
 }
 
 // An entry as messages describe it.
-zelResSync describe(zelResDb *db, const zelResEntry *entry);
+zelResSync describe(zelResDb &db, const zelResEntry *entry);
 // Sends what is described; 0, or -1 when it was not sent.
 int sendEntry(int link, std::uint16_t subcommand, const zelResSync &subject);
 // Asks the KXL primary for the entry's index, or tells it which one it has; tells it that the entry is let go of.

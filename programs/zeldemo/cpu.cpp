@@ -43,7 +43,7 @@ std::string quoted(const std::string &text) {
 
 std::string absolute(const std::string &path) {
     char *resolved = realpath(path.c_str(), nullptr);
-    const std::string result = resolved ? resolved : path;
+    std::string result = resolved ? resolved : path;
     free(resolved);
     return result;
 }
@@ -107,9 +107,9 @@ bool Cpu::start(const std::vector<std::string> &services, const std::string &tab
     }
     int distance = firstDistance;
     for (const std::string &service : services) {
-        words.push_back("--spawn");
-        words.push_back(service + " zelroutes --table " + quoted(absolute(table)) + " --distance " +
-                        std::to_string(distance) + filter + " --report " + quoted(reportFile(service)));
+        std::string order = service + " zelroutes --table ";
+        order.append(quoted(absolute(table))).append(" --distance ").append(std::to_string(distance)).append(filter);
+        words.insert(words.end(), {"--spawn", order.append(" --report ").append(quoted(reportFile(service)))});
         distance += distanceStep;
     }
     if (respawns) words.push_back("--respawn");

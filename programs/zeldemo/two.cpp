@@ -88,7 +88,8 @@ zelMrtmRoute multicastRoute(std::uint8_t group) {
     std::uint32_t map[IFM_IFLIST_MAP_WORDS];
     IFM_IFLIST_INIT(&members);
     IFM_IFLIST_ADD(&members, ifmCreateIfIndex(IFM_TYPE_PORT_CHANNEL, 0, 0, group));
-    for (std::uint16_t vlan = 100; vlan < 100 + 10 * group; ++vlan)
+    const auto behindLast = static_cast<std::uint16_t>(100 + 10 * group);
+    for (std::uint16_t vlan = 100; vlan < behindLast; ++vlan)
         IFM_IFLIST_ADD(&members, ifmCreateIfIndex(IFM_TYPE_VLAN, 0, 0, vlan));
     ifmIfListToMap(&members, map);
     ifmMapToBytes(map, route.lists[0]);

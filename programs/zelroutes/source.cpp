@@ -1,5 +1,6 @@
 #include "source.h"
 
+#include <cinttypes>
 #include <cstdio>
 
 #include "programs/support/program.h"
@@ -292,12 +293,11 @@ void Source::report() {
     const std::string partial = options_.report + ".part";
     FILE *file = fopen(partial.c_str(), "we");
     if (!file) return;
-    fprintf(
-        file,
-        "rows %zu\nbatches %llu\ndatagrams %llu\nretransmitted %llu\nqueue-full %lu\nrecoveries %lu\nseconds %.3f\n",
-        table_.rows.size(), static_cast<unsigned long long>(status.enqueued),
-        static_cast<unsigned long long>(status.sent + status.retransmitted),
-        static_cast<unsigned long long>(status.retransmitted), queueFull_, recoveries_, seconds_);
+    fprintf(file,
+            "rows %zu\nbatches %" PRIu64 "\ndatagrams %" PRIu64 "\nretransmitted %" PRIu64
+            "\nqueue-full %lu\nrecoveries %lu\nseconds %.3f\n",
+            table_.rows.size(), status.enqueued, status.sent + status.retransmitted, status.retransmitted, queueFull_,
+            recoveries_, seconds_);
     if (!options_.filter.isEmpty()) fprintf(file, "filter-seconds %.3f\n", filterSeconds_);
     for (const auto &[entry, routes] : decided_)
         fprintf(file, "%s:%u %lu\n", entry.first.c_str(), entry.second, routes);
