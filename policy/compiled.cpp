@@ -135,7 +135,7 @@ const Compiled *compileAndMark(Mark &mark, std::uint32_t slot, std::uint32_t num
 // What the slot has, marked; null when it has nothing, or changed meanwhile.
 const Compiled *markSlot(Mark &mark, std::uint32_t slot) {
     const Compiled *entry = compiled[slot].load(std::memory_order_acquire);
-    mark.used.store(entry, std::memory_order_relaxed);
+    mark.used.store(entry, std::memory_order_release);  // what was used before is used no more
     std::atomic_signal_fence(std::memory_order_seq_cst);
     if (needsFences.load(std::memory_order_relaxed)) std::atomic_thread_fence(std::memory_order_seq_cst);
     return compiled[slot].load(std::memory_order_acquire) == entry ? entry : nullptr;

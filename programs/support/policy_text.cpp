@@ -49,8 +49,8 @@ bool isPrefix(const std::uint8_t *mask, std::size_t width) {
 
 std::string range6(const std::uint8_t *address, const std::uint8_t *mask) {
     const unsigned length = lengthOf(mask, 16);
-    if (length == 0) return "any";
-    return address6(address) + '/' + std::to_string(length);
+    if (!isPrefix(mask, 16)) return address6(address) + ' ' + address6(mask);
+    return length == 0 ? "any" : address6(address) + '/' + std::to_string(length);
 }
 
 std::string portsOf(std::uint8_t operation, std::uint16_t port, std::uint16_t end) {
@@ -166,7 +166,7 @@ std::string textOf(const zelAclPrefixEntry &entry, int family) {
     if (isPrefix(entry.mask, width))
         text += '/' + std::to_string(lengthOf(entry.mask, width));
     else
-        text += ' ' + dotted(ntohl(mask));
+        text += ' ' + (isIpv4 ? dotted(ntohl(mask)) : address6(entry.mask));
     if (entry.ge != 0) text += " ge " + std::to_string(entry.ge);
     if (entry.le != 0) text += " le " + std::to_string(entry.le);
     return text;
