@@ -1,12 +1,12 @@
 // The clients of a manager: who registered, under which handle.
 //
-// A client has a slot; its handle is the slot and a generation, which begins with the time, so that handles of an
-// earlier life of the manager are not taken for present ones.
+// A client has a slot; its handle is the slot and a generation, which begins with the time in milliseconds, so that
+// handles of an earlier life of the manager, even of one a moment ago, are not taken for present ones.
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -33,7 +33,7 @@ template <class Client>
 class ClientTable {
 public:
     explicit ClientTable(std::size_t most)
-        : slots_(std::min<std::size_t>(most, slotMask)), generation_(static_cast<std::uint32_t>(time(nullptr))) {}
+        : slots_(std::min<std::size_t>(most, slotMask)), generation_(milliseconds()) {}
 
     // The client of that name at that queue, or a new one.
     zelRtmStatus enter(const ClientRecord &who, Client *&client) {
@@ -83,6 +83,11 @@ private:
     Client *findIf(Condition holds) {
         const auto at = std::find_if(slots_.begin(), slots_.end(), holds);
         return at == slots_.end() ? nullptr : &*at;
+    }
+
+    static std::uint32_t milliseconds() {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        return static_cast<std::uint32_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count());
     }
 
     std::vector<Client> slots_;
