@@ -7,6 +7,8 @@
 #include "tests/support/failing_allocator.h"
 #include "tests/support/random.h"
 #include "tests/support/reports.h"
+#include "tests/support/simulation.h"
+#include "zel/kernel.h"
 
 namespace zel::test {
 namespace {
@@ -213,6 +215,42 @@ TEST(Wheel, PrintsItsTimers) {
     zelcwPrintTimerInfo(nullptr);
     const std::string running = "---------------------------------------------------\r2;5;";
     EXPECT_EQ(testing::internal::GetCapturedStdout(), running + running + "Free List:\r0;tzelcwTimerCB is NULL\r");
+    zelcwTimerUnInit(wheel);
+}
+
+// Timers that start themselves again, each with the tick in which it is to fire. Their owner sleeps until the next one
+// is due, and then makes up for the ticks that have passed.
+TEST(Wheel, KeepsTheTimeOfADay) {
+    static Random random = seeded();
+    static zelcwTimerCB *wheel;
+    static const auto start = [](Record &record, uint64_t next) {
+        const uint32_t timeout = 1 + random() % 1023;
+        record.due = next + timeout;
+        zelcwStartTimer(wheel, &record, timeout);
+    };
+    const auto expire = [](void *timer) {
+        auto &record = *static_cast<Record *>(timer);
+        EXPECT_EQ(record.due, tick64Get());
+        ++fired;
+        start(record, record.due);
+    };
+    Simulation world(1);
+    wheel = makeWheel(1024, 20, 0, expire);
+    std::vector<Record *> records;
+    for (int i = 0; i < 20; ++i) {
+        records.push_back(static_cast<Record *>(zelcwGetTimer(wheel)));
+        start(*records.back(), tick64Get() + 1);
+    }
+    for (const uint64_t end = tick64Get() + 24 * 3600 * 50; tick64Get() < end && !testing::Test::HasFailure();) {
+        const int ticks = zelcwTimerRetNext(wheel);
+        taskDelay(ticks);
+        fired = 0;
+        for (int i = 0; i < ticks - 1; ++i) zelcwTimerTick(wheel);
+        EXPECT_EQ(fired, 0);
+        zelcwTimerTick(wheel);
+        EXPECT_GT(fired, 0);
+        for (const Record *record : records) EXPECT_GT(record->due, tick64Get());
+    }
     zelcwTimerUnInit(wheel);
 }
 

@@ -1,6 +1,11 @@
-// The radix tree: random operations on small and large trees beside the model, and what deserves a name.
+// The radix tree: random operations and the tables of the Internet beside the model, and what deserves a name.
+#include <arpa/inet.h>
+
+#include <charconv>
+
 #include "tests/containers/radix_model.h"
 #include "tests/support/reports.h"
+#include "tests/support/table.h"
 
 namespace zel::test {
 namespace {
@@ -58,44 +63,86 @@ TEST_P(RandomTree, agreesWithTheModel) {
 
 INSTANTIATE_TEST_SUITE_P(KeyLengths, RandomTree, testing::Values(7, 32, 128, 1120));
 
-// As many prefixes as make a tree take an index of its own, most of them of a length that the index tells apart.
-TEST(LargeTree, hasAnIndexWholeAndOnItsWayOut) {
-    Random random = seeded();
-    RadixModel model(32);
-    const auto randomRecord = [&](uint32_t bits) {
-        return std::make_unique<Record>(
-            std::vector<uint8_t>{static_cast<uint8_t>(random() % 4), static_cast<uint8_t>(random()),
-                                 static_cast<uint8_t>(random()), 0xa0},
-            bits);
-    };
-    const auto check = [&] {
-        for (int i = 0; i < 5'000; ++i) model.checkLookUps(*randomRecord(32));
-        for (const auto &[text, state] : model.states)
-            if (random() % 20 == 0) model.checkAncestors(state), model.checkLookUps(*state.record);
-        model.checkWhole(0);
-    };
-    while (model.tree->rtt_nodes < 50'000) {
-        const bool isOneShort = model.tree->rtt_nodes == 32767;  // the default prefix comes without a fork
-        model.insert(randomRecord(isOneShort ? 0 : random() % 8 ? 24 : 8 + random() % 25));
-        ASSERT_EQ(model.tree->rtt_index != nullptr, model.tree->rtt_nodes >= 32768);
+struct Table {
+    const char *file;
+    int family;
+    uint32_t bits;
+    long rows;
+    size_t prefixes;  // some rows repeat one
+};
+
+class InternetTable : public testing::TestWithParam<Table> {
+protected:
+    void load() {
+        const long rows = eachRow(GetParam().file, [this](std::string_view row) {
+            const std::string_view prefix = column(row);
+            const size_t slash = prefix.find('/');
+            std::vector<uint8_t> key(16);
+            uint32_t bits = 0;
+            inet_pton(GetParam().family, std::string(prefix.substr(0, slash)).c_str(), key.data());
+            std::from_chars(prefix.data() + slash + 1, prefix.data() + prefix.size(), bits);
+            model.insert(std::make_unique<Record>(key, bits));
+            // Once it is large it has an index of its own.
+            EXPECT_EQ(model.tree->rtt_index != nullptr, model.tree->rtt_nodes >= 32768);
+        });
+        EXPECT_EQ(rows, GetParam().rows);
+        EXPECT_EQ(model.tree->rtt_inserts, rows);
+        EXPECT_EQ(model.states.size(), GetParam().prefixes);
     }
-    for (const uint32_t indexBits : {16u, 0u, 24u}) {
+
+    // Addresses inside some of the prefixes, and anywhere.
+    void check() {
+        const uint32_t bits = GetParam().bits, stride = isFullRun() ? 5 : 50;
+        uint32_t next = random() % stride;
+        for (const auto &[text, state] : model.states) {
+            if (next-- > 0) continue;
+            next = stride - 1;
+            model.checkAncestors(state);
+            model.checkLookUps(*state.record);
+            for (const uint32_t kept : {state.record->bits, 0u}) {
+                std::vector<uint8_t> address(16);
+                for (auto &byte : address) byte = static_cast<uint8_t>(random());
+                for (uint32_t bit = 0; bit < kept; ++bit) {
+                    const auto mask = static_cast<uint8_t>(0x80 >> bit % 8);
+                    address[bit / 8] = static_cast<uint8_t>((address[bit / 8] & ~mask) | (text[bit] == '1' ? mask : 0));
+                }
+                model.checkLookUps(Record(address, bits));
+            }
+            if (HasFailure()) return;
+        }
+    }
+
+    Random random = seeded();
+    RadixModel model{GetParam().bits};
+};
+
+TEST_P(InternetTable, agreesWithTheModelWholeAndHalfAndOnItsWayOut) {
+    load();
+    for (const uint32_t indexBits : {16u, 24u, 0u}) {
         ASSERT_EQ(zelRadixSetIndex(model.tree, indexBits), 0);
         check();
     }
+    model.checkWhole(0);
+    zelRadixSetIndex(model.tree, 24);
     for (const uint32_t share : {2u, 1u}) {
-        model.tree->rtt_versioning = share == 2;  // the first half is marked, and let go
+        model.tree->rtt_versioning = share == 2;  // the first half is marked, seen, and let go
         for (auto at = model.states.begin(), next = at; at != model.states.end(); at = next) {
             ++next;
             if (random() % share == 0) model.remove(at);
         }
+        check();
         if (share == 2) model.nextVersion();
         check();
+        model.checkWhole(0);
     }
     EXPECT_EQ(model.tree->rtt_nodes, 0u);
     const uint32_t *index = model.tree->rtt_index;
     EXPECT_EQ(std::count(index, index + (1 << 24), 0u), 1 << 24);
 }
+
+INSTANTIATE_TEST_SUITE_P(Bundled, InternetTable,
+                         testing::Values(Table{"rib4_full_2015-10.txt.xz", AF_INET, 32, 577737, 577706},
+                                         Table{"rib6_full_2015-11_origin.txt.xz", AF_INET6, 128, 27693, 27693}));
 
 zelRadixEntry *handedOver = nullptr;
 
@@ -178,21 +225,18 @@ TEST_F(SmallTree, withoutMemoryTheTreeStaysAsItWas) {
 
 TEST_F(SmallTree, aVersionWalkPassesOverSubTreesThatDidNotChange) {
     for (int key = 0; key < 256; ++key) insert({static_cast<uint8_t>(key)}, 8);
-    constexpr uint32_t late = 0x80000007;
-    zelRadixSetVersion(tree, &records[200]->entry, late);
+    zelRadixSetVersion(tree, &records[200]->entry, 7);
     zelRadixSetVersion(tree, &records[201]->entry, 3);
     // A version that is not handed on upward is not found: the walk does not look at the entries themselves.
-    records[100]->entry.rth_change.version = late + 2;
+    records[100]->entry.rth_change.version = 9;
     // A new fork above a change, though nothing changes itself.
     zelRadixRemove(tree, &records[201]->entry);
     zelRadixInsert(tree, &records[201]->entry, 8);
-    for (const uint32_t since : {0u, late - 1, late}) {
+    for (const auto &[since, expected] : {std::pair{6u, Entries{&records[200]->entry}}, std::pair{7u, Entries{}}}) {
         Entries visited;
         zelRadixVersionWalk(tree, since, collect, &visited);
-        EXPECT_EQ(visited, Entries(since < late ? 1 : 0, &records[200]->entry)) << since;
+        EXPECT_EQ(visited, expected);
     }
-    tree->rtt_version = UINT32_MAX;
-    EXPECT_EQ(zelRadicalNextVersion(tree), 1u);
 }
 
 TEST_F(SmallTree, reportsWhatIsMissing) {
@@ -276,6 +320,25 @@ TEST_F(SmallTree, refusesLongKeysWhileStrict) {
         zelRadixRemove(tree, &entry);
         EXPECT_TRUE(!entry.rtn && !entry.rth_change.link.next);
     }
+}
+
+TEST(RadixEntry, withoutAVersionIsNeverLater) {
+    zelRadix *tree = zelRadixCreate("versions", 32, nullptr, nullptr, nullptr);
+    zelRadixEntry unchanged = wildEntry(), changed = wildEntry();
+    zelRadixInsert(tree, &unchanged, 8);
+    zelRadixInsert(tree, &changed, 16);
+    zelRadixSetVersion(tree, &changed, 0x80000002);
+    const auto note = [](zelRadixEntry *entry, void *seen) {
+        return static_cast<std::vector<zelRadixEntry *> *>(seen)->push_back(entry), 0;
+    };
+    for (const uint32_t since : {0u, 0x80000000u, 0x80000001u, 0x80000002u}) {
+        std::vector<zelRadixEntry *> seen;
+        zelRadixVersionWalk(tree, since, note, &seen);
+        EXPECT_EQ(seen, std::vector(since < 0x80000002 ? 1u : 0u, &changed)) << since;
+    }
+    tree->rtt_version = UINT32_MAX;
+    EXPECT_EQ(zelRadicalNextVersion(tree), 1u);
+    zelRadixDestroy(tree);
 }
 
 TEST(RadixEntry, isHandedOverBeforeItsSuccessorIsFound) {

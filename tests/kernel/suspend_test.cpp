@@ -14,55 +14,58 @@ protected:
         for (int i = 0; i < 20 && counter == stopped; ++i) breathe();
         return counter == stopped;
     }
+    bool goesOn() const {
+        return eventually(20, [this, seen = counter.load()] { return counter > seen; });
+    }
     std::atomic<std::uint64_t> counter{0};
 };
 
-// Also where it waits and what it waits for comes meanwhile: it takes that when it goes on.
 TEST_F(Suspend, ATaskStandsStillOnReturnAndHoldsNothing) {
     const zelWdogId watchdog = wdCreate();
-    const zelSemId semaphore = semBCreate(ZEL_SEM_FIFO, 0);
-    const zelMsgQId empty = msgQCreate(1, 8, ZEL_MSGQ_FIFO), full = msgQCreate(1, 8, ZEL_MSGQ_PRIORITY);
     zelTaskDesc description;
-    char message[8] = "message", received[8], receivedHere[8];
-    const struct {
-        Body call, serve;
-    } rows[] = {
-        {[] {}, [] {}},  // busy outside the kernel
-        {[] { taskLock(), taskUnlock(); }, [] {}},
-        {[] { taskDelay(0); }, [] {}},
-        {[] { taskDelay(1); }, [] { taskDelay(2); }},  // stays suspended beyond its delay
-        {[] { EXPECT_EQ(zelSleep(0, 3, 0), ZEL_OK); }, [] {}},
-        {[&] { wdStart(watchdog, 1, nullptr, 0), wdCancel(watchdog); }, [] {}},
-        {[&] { taskInfoGet(taskIdSelf(), &description); }, [] {}},
-        {[&] { semTake(semaphore, WAIT_FOREVER); }, [&] { semGive(semaphore); }},
-        {[&] { msgQReceive(empty, received, 8, WAIT_FOREVER); }, [&] { msgQSend(empty, message, 8, ZEL_NO_WAIT, 0); }},
-        {[&] { msgQSend(full, message, 8, WAIT_FOREVER, 0); },
-         [&] { msgQReceive(full, receivedHere, 8, ZEL_NO_WAIT); }},
+    const Body calls[] = {
+        [] {},  // busy outside the kernel
+        [] { taskLock(), taskUnlock(); },
+        [] { taskDelay(0); },
+        [&] { wdStart(watchdog, 1, nullptr, 0), wdCancel(watchdog); },
+        [&] { taskInfoGet(taskIdSelf(), &description); },
     };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(&row - rows);
+    for (const Body &call : calls) {
         Gate over;
         TestTask task([&] {
-            for (; !over.isOpen(); ++counter) row.call();
+            for (; !over.isOpen(); ++counter) call();
         });
         EXPECT_EQ(taskResume(task.id()), ZEL_OK);  // it runs already
-        for (int i = 0; i < (&row == rows ? rounds() : rounds() / 4); ++i) {
+        for (int i = 0; i < (&call == calls ? rounds() : rounds() / 4); ++i) {
             ASSERT_EQ(taskSuspend(task.id()) + taskSuspend(task.id()), ZEL_OK);  // does not count
-            const std::uint64_t stopped = counter;
-            row.serve();
-            ASSERT_TRUE(standsStill() && counter == stopped) << i;
+            ASSERT_TRUE(standsStill()) << i;
             ASSERT_EQ(taskIsSuspended(task.id()), 1);
             ASSERT_EQ(taskIsReady(task.id()), 0);
             // Whoever needs the same locks gets them.
             ASSERT_EQ(wdDelete(wdCreate()) + wdCancel(watchdog), ZEL_OK);
             ASSERT_EQ(taskResume(task.id()), ZEL_OK);
             ASSERT_EQ(taskIsSuspended(task.id()), 0);
-            ASSERT_TRUE(i % 8 != 0 || eventually(20, [&] { return counter > stopped; }));
         }
+        ASSERT_TRUE(goesOn());
         over.open();
-        ASSERT_TRUE(eventually(20, [&] { return row.serve(), task.hasEnded(); }));
+        ASSERT_TRUE(task.ends());
     }
-    EXPECT_EQ(wdDelete(watchdog) + semDelete(semaphore) + msgQDelete(empty) + msgQDelete(full), ZEL_OK);
+    EXPECT_EQ(wdDelete(watchdog), ZEL_OK);
+}
+
+TEST_F(Suspend, ADelayedTaskStaysSuspendedBeyondItsDelay) {
+    TestTask task([&] {
+        for (;; ++counter) taskDelay(1);
+    });
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_TRUE(goesOn());
+        ASSERT_EQ(taskSuspend(task.id()), ZEL_OK);
+        const std::uint64_t stopped = counter;
+        taskDelay(3);
+        ASSERT_EQ(counter, stopped);
+        ASSERT_EQ(taskIsSuspended(task.id()), 1) << "the end of the delay zeroed the state of a stopped task";
+        ASSERT_EQ(taskResume(task.id()), ZEL_OK);
+    }
 }
 
 TEST_F(Suspend, ATaskMaySuspendItself) {
@@ -74,6 +77,44 @@ TEST_F(Suspend, ATaskMaySuspendItself) {
         EXPECT_EQ(taskResume(task.id()), ZEL_OK);
     }
     EXPECT_TRUE(task.ends());
+}
+
+TEST_F(Suspend, ATaskThatWaitsForAnObjectTakesItWhenItIsResumed) {
+    const zelSemId semaphore = semBCreate(ZEL_SEM_FIFO, 0);
+    const zelSemId mutex = semMCreate(ZEL_SEM_PRIORITY | ZEL_SEM_INVERSION_SAFE);
+    const zelMsgQId empty = msgQCreate(1, 8, ZEL_MSGQ_FIFO), full = msgQCreate(1, 8, ZEL_MSGQ_PRIORITY);
+    char message[8] = "message", received[8];
+    const struct {
+        const char *name;
+        Body prepare, wait, serve;
+    } rows[] = {
+        {"semaphore", [] {}, [&] { counter += semTake(semaphore, WAIT_FOREVER) == ZEL_OK; },
+         [&] { semGive(semaphore); }},
+        {"mutex", [&] { semTake(mutex, WAIT_FOREVER); },
+         [&] { counter += semTake(mutex, WAIT_FOREVER) == ZEL_OK && semGive(mutex) == ZEL_OK; },
+         [&] { semGive(mutex); }},
+        {"receive", [] {}, [&] { counter += msgQReceive(empty, received, 8, WAIT_FOREVER) == 8; },
+         [&] { msgQSend(empty, message, 8, ZEL_NO_WAIT, ZEL_MSG_NORMAL); }},
+        {"send", [&] { msgQSend(full, message, 8, ZEL_NO_WAIT, ZEL_MSG_NORMAL); },
+         [&] { counter += msgQSend(full, message, 8, WAIT_FOREVER, ZEL_MSG_URGENT) == ZEL_OK; },
+         [&] { msgQReceive(full, received, 8, ZEL_NO_WAIT); }},
+    };
+    for (const auto &row : rows) {
+        for (int i = 0; i < rounds() / 10; ++i) {
+            row.prepare();
+            counter = 0;
+            const zelTaskId tid = spawn(row.wait, row.name);
+            ASSERT_TRUE(i % 2 == 0 || eventually(20, [&] { return field(tid, &zelTcb::state) == 1; })) << row.name;
+            ASSERT_EQ(taskSuspend(tid), ZEL_OK);
+            row.serve();
+            breathe();
+            ASSERT_EQ(counter, 0u) << row.name;
+            ASSERT_EQ(taskResume(tid), ZEL_OK);
+            ASSERT_TRUE(ends(tid)) << row.name;
+            ASSERT_EQ(counter, 1u) << row.name;
+        }
+    }
+    EXPECT_EQ(semDelete(semaphore) + semDelete(mutex) + msgQDelete(empty) + msgQDelete(full), ZEL_OK);
 }
 
 TEST_F(Suspend, ManySuspendersAndDeletersAtOnce) {
