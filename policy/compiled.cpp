@@ -1,6 +1,6 @@
 // Marks are as the seldom side of an asymmetric fence has it: a thread writes its mark and looks whether the slot still
 // has what it marked, and needs no fence between the two; whoever takes something out of its slot makes all threads
-// pass one before it looks at the marks. Hosts that cannot do that have threads pass a fence at every match.
+// pass one before it looks at the marks. On hosts that cannot do that, threads fence at every match.
 #include "policy/compiled.h"
 
 #include <pthread.h>
@@ -135,10 +135,12 @@ const Compiled *compileAndMark(Mark &mark, std::uint32_t slot, std::uint32_t num
 // What the slot has, marked; null when it has nothing, or changed meanwhile.
 const Compiled *markSlot(Mark &mark, std::uint32_t slot) {
     const Compiled *entry = compiled[slot].load(std::memory_order_acquire);
-    mark.used.store(entry, std::memory_order_release);  // what was used before is used no more
+    if (needsFences.load(std::memory_order_relaxed))
+        mark.used.store(entry);
+    else
+        mark.used.store(entry, std::memory_order_release);  // what was used before is used no more
     std::atomic_signal_fence(std::memory_order_seq_cst);
-    if (needsFences.load(std::memory_order_relaxed)) std::atomic_thread_fence(std::memory_order_seq_cst);
-    return compiled[slot].load(std::memory_order_acquire) == entry ? entry : nullptr;
+    return compiled[slot].load() == entry ? entry : nullptr;
 }
 
 const Compiled *use(const zelRegex &expression) {

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <bit>
 #include <cstdint>
 
 #include "policy/pattern.h"
@@ -37,7 +38,18 @@ inline constexpr std::uint32_t mostExpressions = 16384;
 inline constexpr char expressionSource[] = "zelbgp_regex";
 
 // An expression that a list or another expression links to, null when that is not to be believed.
-zelRegex *expressionAt(Link link);
+inline zelRegex *expressionAt(Link link) {
+    const auto *expression = at<zelRegex>(link);
+    if (!expression || expression->magic != zelRegex::validMagic || expression->slot >= mostExpressions) return nullptr;
+    const std::uint32_t length = readOnce(expression->length);
+    const bool isWhole = length <= longestPattern && at<zelRegex>(link, sizeof(zelRegex) + length + 1);
+    return isWhole ? const_cast<zelRegex *>(expression) : nullptr;
+}
+
+// Where a process's results of an expression stand in its `cachedIndex`: by the highest of the client's bits.
+constexpr std::uint32_t clientIndex(std::uint32_t clientBit) {
+    return clientBit == 0 ? 0 : static_cast<std::uint32_t>(std::bit_width(clientBit)) - 1;
+}
 
 // The value of an attribute that expressions are matched with: a text, or an attribute from which the text is made when
 // the first expression needs it. With the cache, what is known of the attribute is read once, at the beginning, and
@@ -51,11 +63,21 @@ public:
     Subject &operator=(const Subject &) = delete;
 
     // Whether the expression matches; false for one that cannot be compiled here.
-    bool matches(zelRegex &expression);
+    bool matches(zelRegex &expression) {
+        bool result;
+        return isKnown(expression, result) && !isVerified_ ? result : matchesNow(expression);
+    }
 
 private:
     static constexpr std::size_t ownRoom = 2048, unmeasured = SIZE_MAX;
 
+    bool isKnown(const zelRegex &expression, bool &result) const {
+        return cacheNode_ != 0 && resultCache.isKnown(known_, indexOf(expression), expression.number, result);
+    }
+    std::uint32_t indexOf(const zelRegex &expression) const {
+        return expression.cachedIndex[client_].load(std::memory_order_relaxed);
+    }
+    bool matchesNow(zelRegex &expression);
     const char *text();
     void makeText();
     void keep(zelRegex &expression, bool result);
@@ -64,6 +86,8 @@ private:
     std::size_t length_ = 0;
     std::uint32_t type_ = 0;
     std::uint32_t cacheNode_ = 0;  // 0: results are not cached
+    std::uint32_t client_ = 0;
+    bool isVerified_ = false;
     const char *text_;
     std::size_t textLength_ = unmeasured;
     char *made_ = nullptr;

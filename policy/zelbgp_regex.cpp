@@ -125,14 +125,10 @@ bool isCacheOn() {
     return readOnce(aclRegexOptzInitialized) && readOnce(aclRegexOptzEnabled);
 }
 
-std::uint32_t clientIndex() {
-    return static_cast<std::uint32_t>(aclRegexOptzGetClientIndex(aclRegexOptzClientId));
-}
-
 // Where this process keeps the results of an expression, taking an index for it when it has none.
 std::uint32_t cachedIndexOf(zelRegex &expression) {
     if (!(expression.clients.load() & aclRegexOptzClientId)) expression.clients.fetch_or(aclRegexOptzClientId);
-    return resultCache.indexOf(expression.number, expression.cachedIndex[clientIndex()]);
+    return resultCache.indexOf(expression.number, expression.cachedIndex[clientIndex(aclRegexOptzClientId)]);
 }
 
 bool insertResult(zelRegex &expression, std::uint32_t node, std::uint32_t index, int result,
@@ -148,7 +144,7 @@ bool insertResult(zelRegex &expression, std::uint32_t node, std::uint32_t index,
 // This process has no results of the expression any more.
 void forgetResults(zelRegex &expression) {
     if (aclRegexOptzClientId == 0) return;
-    resultCache.forget(expression.cachedIndex[clientIndex()].exchange(0), expression.number);
+    resultCache.forget(expression.cachedIndex[clientIndex(aclRegexOptzClientId)].exchange(0), expression.number);
     expression.clients.fetch_and(~aclRegexOptzClientId);
 }
 
@@ -193,18 +189,14 @@ private:
 
 }  // namespace
 
-zelRegex *expressionAt(Link link) {
-    const auto *expression = at<zelRegex>(link);
-    if (!expression || expression->magic != zelRegex::validMagic || expression->length > longestPattern) return nullptr;
-    if (expression->slot >= mostExpressions) return nullptr;
-    return const_cast<zelRegex *>(at<zelRegex>(link, sizeof(zelRegex) + expression->length + 1));
-}
-
 // ---- Subjects -------------------------------------------------------------------------------------------------------
 
 Subject::Subject(const void *attribute, std::size_t length, std::uint32_t type, bool isCached, const char *text)
     : attribute_(attribute), length_(length), type_(type), text_(text) {
-    if (attribute && isCached && isCacheOn()) cacheNode_ = resultCache.open(type, attribute, length, known_);
+    if (!attribute || !isCached || !isCacheOn()) return;
+    cacheNode_ = resultCache.open(type, attribute, length, known_);
+    client_ = clientIndex(aclRegexOptzClientId);
+    isVerified_ = readOnce(verifies) != 0;
 }
 
 Subject::~Subject() {
@@ -245,16 +237,11 @@ void Subject::makeText() {
     made_[written < room ? written : room - 1] = 0;
 }
 
-bool Subject::matches(zelRegex &expression) {
-    bool isKnown = false, known = false;
-    if (cacheNode_ != 0) {
-        const std::uint32_t index = expression.cachedIndex[clientIndex()].load(std::memory_order_relaxed);
-        isKnown = resultCache.isKnown(known_, index, expression.number, known);
-        if (isKnown && !readOnce(verifies)) return known;
-    }
+bool Subject::matchesNow(zelRegex &expression) {
     const char *subject = text();  // first, for a text hook may match, too
     const bool result = CompiledUse(expression).matches(subject, textLength_);
-    if (isKnown && known != result)
+    bool known;
+    if (isVerified_ && isKnown(expression, known) && known != result)
         printf("Cached result of %.*s differs\r\n", static_cast<int>(longestPattern), expression.pattern);
     if (cacheNode_ != 0) keep(expression, result);
     return result;
@@ -263,8 +250,7 @@ bool Subject::matches(zelRegex &expression) {
 // Results go to the cache together, when the subject is done with; one by one if they are to be traced, or have to get
 // an index first.
 void Subject::keep(zelRegex &expression, bool result) {
-    const std::uint32_t index = expression.cachedIndex[clientIndex()].load(std::memory_order_relaxed);
-    if (!readOnce(aclRegexOptzDebug) && resultCache.learn(known_, index, expression.number, result))
+    if (!readOnce(aclRegexOptzDebug) && resultCache.learn(known_, indexOf(expression), expression.number, result))
         hasNews_ = true;
     else
         insertResult(expression, cacheNode_, cachedIndexOf(expression), result ? 0 : noMatch, &known_);
@@ -378,7 +364,7 @@ int aclRegexOptzInit(uint32_t clientBit, int join, uint32_t attributes, uint32_t
         }
         // Results of a process that was this client before and died.
         forEachExpression(*tables, forgetResults);
-        tables->expressions.owners[clientIndex()] = zel::platform::thisProcess();
+        tables->expressions.owners[clientIndex(clientBit)] = zel::platform::thisProcess();
         tables->expressions.clients.fetch_or(clientBit);
         aclRegexPendingDelete = 1;
     }
@@ -394,7 +380,7 @@ void aclRegexOptzClose(void) {
     if (Root *tables = root()) {
         forEachExpression(*tables, forgetResults);
         deleteWaiting(*tables);
-        tables->expressions.owners[clientIndex()] = {};
+        tables->expressions.owners[clientIndex(aclRegexOptzClientId)] = {};
         tables->expressions.clients.fetch_and(~aclRegexOptzClientId);
     }
     aclRegexPendingDelete = 0;
@@ -424,7 +410,7 @@ int aclRegexOptzVerify(void) {
 
 uint32_t aclRegexOptzCacheOpen(uint32_t type, const void *attribute, size_t length) {
     ResultCache::Known known;
-    return attribute ? resultCache.open(type, attribute, length, known) : 0;
+    return attribute ? resultCache.openLocked(type, attribute, length, known) : 0;
 }
 
 int aclRegexOptzCacheInsert(zelRegex *expression, uint32_t node, uint32_t index, int result) {
@@ -466,5 +452,5 @@ void aclRegexOptzHandleFree(zelRegex *expression) {
 }
 
 int aclRegexOptzGetClientIndex(uint32_t clientBit) {
-    return clientBit == 0 ? 0 : 31 - __builtin_clz(clientBit);
+    return static_cast<int>(clientIndex(clientBit));
 }

@@ -310,8 +310,9 @@ void aclRegexSetTextHook(zelAttributeTextFn make, zelFreeFn release);
  * A process may keep what expressions said of attributes, "BGP regex optz cache". Its bit tells it from the other
  * processes that do. Results of attributes that were not asked for lately make room for new ones.
  *
- * One thread at a time opens and closes it; the other calls serialise themselves, on a lock of the process that is held
- * for moments. The switches may be thrown at any time.
+ * One thread at a time opens and closes it. The checks, whose callers hold the read lock, find what is known without a
+ * lock of their own; they keep what is new, as the other calls do all, under a lock of the process that is held for
+ * moments. The switches may be thrown at any time.
  */
 
 extern uint32_t aclRegexOptzInitialized;

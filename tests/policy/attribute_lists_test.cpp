@@ -289,6 +289,56 @@ TEST_F(PolicyLists, HandlesAreMadeAndFreedUnderTheWriteLock) {
     EXPECT_FALSE(isWriteLocked());
 }
 
+// Attributes of every length, also such as do not fit into a node; results in several words.
+TEST_F(PolicyLists, TheCacheTellsAttributesAndExpressionsApart) {
+    ASSERT_EQ(aclRegexOptzInit(1, 1, 2000, 130), 0);
+    std::set<std::uint32_t> nodes;
+    std::size_t opened = 0;
+    for (std::size_t length = 0; length < 200; ++length)
+        for (std::size_t changed = 0; changed <= length; changed += 1 + length / 4) {
+            std::vector<std::uint8_t> bytes(length + 1);
+            bytes[changed] = 1;
+            for (const std::uint32_t type : {1u, 2u}) {
+                const std::uint32_t node = aclRegexOptzCacheOpen(type, bytes.data(), length);
+                nodes.insert(node);
+                ++opened;
+                ASSERT_EQ(aclRegexOptzCacheOpen(type, bytes.data(), length), node);
+            }
+        }
+    EXPECT_EQ(nodes.size(), opened);
+    std::vector<zelRegex *> expressions;
+    for (std::uint32_t i = 0; i < 130; ++i) expressions.push_back(compile(("_" + std::to_string(i) + "_").c_str()));
+    for (int again = 0; again < 2; ++again)
+        for (std::uint32_t i = 0; i < 130; ++i) {
+            const auto path = pathOf({i / 2, i});
+            for (std::uint32_t asked = 0; asked < 130; ++asked)
+                ASSERT_EQ(zelbgp_regexec(expressions[asked], nullptr, path.data(), 10, 1, 1) == 0,
+                          asked == i || asked == i / 2);
+        }
+    for (zelRegex *expression : expressions) release(expression);
+}
+
+// More expressions than there are indexes, and attributes than there is room, from several threads.
+TEST_F(PolicyLists, ThreadsShareACacheThatIsTooSmall) {
+    ASSERT_EQ(aclRegexOptzInit(1, 1, 8, 4), 0);
+    std::vector<std::string> patterns;
+    for (int i = 0; i < 12; ++i) patterns.push_back("_" + std::to_string(i) + "_");
+    std::vector<zelAclAspEntry> entries;
+    for (const std::string &pattern : patterns)
+        entries.push_back({static_cast<std::uint32_t>(entries.size() + 1), 0, pattern.c_str()});
+    for (int i = 0; i < 12; ++i) setAsp(std::to_string(i).c_str(), {entries[static_cast<std::size_t>(i)]});
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 3; ++t)
+        threads.emplace_back([t] {
+            for (std::uint32_t i = 0; i < 20000; ++i) {
+                const std::uint32_t number = (i * 7 + t) % 12, other = (i / 3) % 24;
+                const zelAspList *list = bgpAspListFind(std::to_string(number).c_str());
+                ASSERT_EQ(check(list, {other}), number == other ? 0 : 1);
+            }
+        });
+    for (auto &thread : threads) thread.join();
+}
+
 // Threads match while a writer replaces the list they match with, so that slots and indexes go from one expression to
 // the next; waiting expressions are cleaned up, and the switch is thrown.
 TEST_F(PolicyLists, ThreadsMatchWhileExpressionsComeAndGo) {
@@ -366,7 +416,11 @@ TEST_F(PolicyLists, ChecksSurviveAnyListsAndExpressions) {
         zelAclMgrGetCommEntries(manager, "c", commEntries, 4, room, 8);
         for (const Part &part : parts) memcpy(part.begin, part.was.data(), part.was.size());
     }
-    EXPECT_EQ(bgp_as_path_match(paths, "3 1 2", nullptr) + bgpAccessCommMatch(communities, values, 3), 0);
+    // What was compiled of a damaged pattern goes with its expression's number; others are decided as ever.
+    setAsp("b", {{5, 0, "^3_1(_2)$"}});
+    EXPECT_EQ(bgp_as_path_match(bgpAspListFind("b"), "3 1 2", nullptr), 0);
+    setComm("d", {{5, 0, 2, 0, 0, 0, 0, nullptr, "^0:1 (0:2)$"}});
+    EXPECT_EQ(bgpAccessCommMatch(bgpCommListFind("d"), values, 2), 0);
 }
 
 // Two records that name one slot take turns in it; nobody matches with what was freed meanwhile.
