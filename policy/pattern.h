@@ -3,8 +3,9 @@
 // Patterns come from configurations and from shared memory, and the C library's compiler does not bound itself: it
 // writes intervals out, and "+" as two copies of what it repeats, so that a pattern of 50 characters can take all
 // memory; and its matcher may never return, or crash, where references back to groups are repeated. What is refused
-// here is refused without asking it: what goes beyond the limits below, references to more than one group, and repeated
-// ones to a group that may be empty or is repeated itself.
+// here is refused without asking it: what goes beyond the limits below; references to more than one group, and repeated
+// ones to a group that may be empty or is repeated itself; and repetitions of what may read nothing but look for the
+// boundary of a word: the compiler goes through their anchors in all orders, and with five kinds it takes for ever.
 #pragma once
 
 #include <cstddef>

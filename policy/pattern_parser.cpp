@@ -52,7 +52,7 @@ unsigned code(char c) {
 struct Part {
     std::uint16_t node;
     bool mayBeEmpty;
-    bool hasAnchor;
+    bool hasAnchor, hasBoundary;
     std::uint16_t groups, references;  // bit n: it has group n, or refers back to it, from 1 to 9
     std::uint32_t places;
     std::uint32_t repetitions;  // the highest product of nested bounds
@@ -116,12 +116,12 @@ private:
         at(number).kind = kind;
         return number;
     }
-    Part nothing() { return {make(Kind::nothing), true, false, 0, 0, 0, 1, 0, 0, 0}; }
+    Part nothing() { return {make(Kind::nothing), true, false, false, 0, 0, 0, 1, 0, 0, 0}; }
     Part anchor(Kind kind) {
-        return {make(kind), true, true, 0, 0, 1, 1, anchorPassedOver, anchorPassedOver, anchorPassedOver};
+        return {make(kind), true, true, false, 0, 0, 1, 1, anchorPassedOver, anchorPassedOver, anchorPassedOver};
     }
     Part bytes(unsigned symbol) {
-        const Part part{make(Kind::bytes), false, false, 0, 0, 1, 1, 0, 0, 0};
+        const Part part{make(Kind::bytes), false, false, false, 0, 0, 1, 1, 0, 0, 0};
         at(part.node).symbol = static_cast<std::uint16_t>(symbol);
         return part;
     }
@@ -159,6 +159,7 @@ private:
 
     static void weighBoth(Part &part, const Part &next) {
         part.hasAnchor = part.hasAnchor || next.hasAnchor;
+        part.hasBoundary = part.hasBoundary || next.hasBoundary;
         part.groups |= next.groups;
         part.references |= next.references;
         part.repetitions = std::max(part.repetitions, next.repetitions);
@@ -302,11 +303,21 @@ private:
         }
         for (unsigned number = 1; number <= lastReference; ++number)
             if (takes(static_cast<char>('0' + number))) return reference(number);
-        if (seesOneOf("wWsSbB<>`'")) {
+        if (seesOneOf("bB<>`'")) return boundary();
+        if (seesOneOf("wWsS")) {
             take();
             return foreign();
         }
         return bytes(code(take()));
+    }
+
+    // An anchor between words, or at an end of the text, of which the C library makes up to two.
+    Part boundary() {
+        take();
+        Part part = foreign();
+        part.mayBeEmpty = part.hasAnchor = part.hasBoundary = true;
+        part.front = part.back = part.inside = 2 * anchorPassedOver;
+        return part;
     }
 
     Part reference(unsigned number) {
@@ -331,6 +342,7 @@ private:
         repeatedGroups_ |= part.groups;
         repeatedReferences_ |= part.references;
         if (part.hasAnchor && copiesOf(least, most) > 1) markForeign();
+        if (part.hasBoundary && part.mayBeEmpty) refuse("repeats a boundary of words where it may read nothing");
         Part whole = weighRepeated(part, least, most);
         whole.node = most == 0 ? make(Kind::nothing) : repeatNode(part.node, least, most);
         return weighed(whole);
